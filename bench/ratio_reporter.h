@@ -1,0 +1,68 @@
+// Runs the registered benchmarks and prints, for each pair of a component and
+// its baseline, the ratio of their median rates.
+//
+// Benchmarks report their rate as bytes or items per second; with
+// repetitions the reporter keeps the "median" aggregate of each run name.
+#ifndef QLTFSDK_BENCH_RATIO_REPORTER_H
+#define QLTFSDK_BENCH_RATIO_REPORTER_H
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qlt::bench {
+
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs) {
+      if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
+      auto bytes = r.counters.find("bytes_per_second");
+      auto items = r.counters.find("items_per_second");
+      double rate = bytes != r.counters.end() ? bytes->second.value
+                    : items != r.counters.end() ? items->second.value
+                                                : 0.0;
+      m_medians[r.run_name.str()] = rate;
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  double Median(const std::string& name) const {
+    auto it = m_medians.find(name);
+    return it == m_medians.end() ? 0.0 : it->second;
+  }
+
+  // Prints "ratio <label>: <component/baseline> (goal >= <goal>)" and returns
+  // whether the goal was met.
+  bool PrintRatio(const std::string& label, const std::string& component, const std::string& baseline,
+                  double goal) const {
+    double c = Median(component), b = Median(baseline);
+    double ratio = b > 0 ? c / b : 0.0;
+    std::printf("ratio %-40s %.3f  (goal >= %.2f) %s\n", label.c_str(), ratio, goal, ratio >= goal ? "met" : "NOT MET");
+    return ratio >= goal;
+  }
+
+ private:
+  std::map<std::string, double> m_medians;  // run name -> median rate
+};
+
+// Initialises Google Benchmark with interleaved repetitions (variants
+// alternate rather than run back to back) unless the command line says
+// otherwise, runs everything, and returns the reporter for the ratios.
+inline void RunInterleaved(int argc, char** argv, RatioReporter* reporter) {
+  std::vector<char*> args(argv, argv + argc);
+  std::string interleave = "--benchmark_enable_random_interleaving=true";
+  args.push_back(interleave.data());
+  int n = static_cast<int>(args.size());
+  benchmark::Initialize(&n, args.data());
+  benchmark::RunSpecifiedBenchmarks(reporter);
+  benchmark::Shutdown();
+}
+
+}  // namespace qlt::bench
+
+#endif  // QLTFSDK_BENCH_RATIO_REPORTER_H

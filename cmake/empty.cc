@@ -1,0 +1,1 @@
+// The SDK library is made of its components; this file only gives the target a source.

@@ -1,0 +1,1 @@
+// Logging library (placeholder until its components land).

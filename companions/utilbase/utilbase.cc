@@ -1,0 +1,1 @@
+// Utility library (placeholder until its components land).

@@ -1,0 +1,1 @@
+// Placeholder until the diagnostics component lands.

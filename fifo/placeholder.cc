@@ -1,0 +1,1 @@
+// Placeholder until the fifo component lands.

@@ -1,0 +1,115 @@
+// The test-only fault control.
+#include <fnmatch.h>
+
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/internal.h"
+
+namespace qlt::plat::faults {
+
+std::atomic<int> g_nArmed{0};
+
+namespace {
+
+struct ArmedRule {
+  int id;
+  qlt::fault::Rule rule;
+  std::string pattern;  // native form of rule.pathPattern
+  int seen = 0;         // matching calls so far
+  int fired = 0;        // calls affected so far
+};
+
+struct Rules {
+  std::mutex lock;
+  std::vector<ArmedRule> rules;  // guarded by lock
+  int nextId = 1;                // guarded by lock
+};
+
+Rules& All() {
+  static Rules* r = new Rules;
+  return *r;
+}
+
+std::string NativePattern(const std::wstring& w) {
+  std::string p = QltWideToUtf8(w);
+  for (char& c : p)
+    if (c == '\\') c = '/';
+  return p;
+}
+
+}  // namespace
+
+bool Match(unsigned op, const std::string& nativePath, HANDLE h, Outcome* out) {
+  DWORD delay = 0;
+  bool act = false;
+  {
+    Rules& r = All();
+    std::lock_guard<std::mutex> g(r.lock);
+    for (ArmedRule& a : r.rules) {
+      if (!(a.rule.ops & op)) continue;
+      if (a.rule.handle && a.rule.handle != h) continue;
+      if (!a.pattern.empty() && fnmatch(a.pattern.c_str(), nativePath.c_str(), 0) != 0) continue;
+      ++a.seen;
+      if (a.seen < a.rule.nth) continue;
+      if (a.rule.times >= 0 && a.seen >= a.rule.nth + a.rule.times) continue;
+      ++a.fired;
+      if (a.rule.action == qlt::fault::Action::kDelay) {
+        delay += a.rule.delayMs;
+        continue;
+      }
+      out->action = a.rule.action;
+      out->error = a.rule.error;
+      out->shortBytes = a.rule.shortBytes;
+      act = true;
+      break;
+    }
+  }
+  if (delay) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+  return act;
+}
+
+}  // namespace qlt::plat::faults
+
+namespace qlt::fault {
+
+using plat::faults::All;
+using plat::faults::g_nArmed;
+
+int Arm(const Rule& rule) {
+  auto& r = All();
+  std::lock_guard<std::mutex> g(r.lock);
+  int id = r.nextId++;
+  r.rules.push_back(plat::faults::ArmedRule{id, rule, plat::faults::NativePattern(rule.pathPattern)});
+  g_nArmed.fetch_add(1, std::memory_order_relaxed);
+  return id;
+}
+
+void Disarm(int id) {
+  auto& r = All();
+  std::lock_guard<std::mutex> g(r.lock);
+  for (size_t i = 0; i < r.rules.size(); ++i)
+    if (r.rules[i].id == id) {
+      r.rules.erase(r.rules.begin() + static_cast<long>(i));
+      g_nArmed.fetch_sub(1, std::memory_order_relaxed);
+      return;
+    }
+}
+
+void DisarmAll() {
+  auto& r = All();
+  std::lock_guard<std::mutex> g(r.lock);
+  g_nArmed.fetch_sub(static_cast<int>(r.rules.size()), std::memory_order_relaxed);
+  r.rules.clear();
+}
+
+int Fired(int id) {
+  auto& r = All();
+  std::lock_guard<std::mutex> g(r.lock);
+  for (const auto& a : r.rules)
+    if (a.id == id) return a.fired;
+  return 0;
+}
+
+}  // namespace qlt::fault

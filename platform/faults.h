@@ -1,0 +1,72 @@
+// Test-only fault control for the platform's file and module calls.
+//
+// A test arms rules; while any rule is armed, each file call (and
+// LoadLibraryW) checks whether it matches one and, if so, fails with the
+// rule's error, transfers fewer bytes, or is delayed first. With no rule armed
+// the cost is one relaxed atomic load per call. Nothing outside tests arms it.
+// Any thread may arm, disarm or be affected; rules are process-wide.
+#ifndef QLTFSDK_PLATFORM_FAULTS_H
+#define QLTFSDK_PLATFORM_FAULTS_H
+
+#include <string>
+
+#include "qltfsdk/wintypes.h"
+
+namespace qlt::fault {
+
+// Calls a rule can match (combine with |).
+enum Op : unsigned {
+  kOpen = 1u << 0,        // CreateFileW
+  kRead = 1u << 1,        // ReadFile
+  kWrite = 1u << 2,       // WriteFile
+  kFlush = 1u << 3,       // FlushFileBuffers
+  kSeek = 1u << 4,        // SetFilePointer(Ex)
+  kSetEnd = 1u << 5,      // SetEndOfFile
+  kClose = 1u << 6,       // CloseHandle of a file
+  kDelete = 1u << 7,      // DeleteFileW
+  kCreateDir = 1u << 8,   // CreateDirectoryW
+  kLoadLibrary = 1u << 9, // LoadLibraryW (path = the name asked for)
+  kSize = 1u << 10,       // GetFileSize(Ex)
+};
+
+enum class Action {
+  kFail,   // the call fails with `error` and does nothing
+  kShort,  // a read or write moves at most `shortBytes` bytes and succeeds
+  kDelay,  // the call sleeps `delayMs` and then runs normally
+};
+
+struct Rule {
+  unsigned ops = 0;          // which calls match (Op mask)
+  std::wstring pathPattern;  // glob over the path ('*', '?'); empty = any path
+  HANDLE handle = nullptr;   // when set, only calls on this handle match
+  int nth = 1;               // the first matching call that fires (1 = the first)
+  int times = 1;             // consecutive matching calls that fire; -1 = all
+  Action action = Action::kFail;
+  DWORD error = 29;          // ERROR_WRITE_FAULT unless set
+  DWORD shortBytes = 0;
+  DWORD delayMs = 0;
+};
+
+// Arms a rule; returns its id (> 0).
+QLTPLATFORM_API int Arm(const Rule& rule);
+QLTPLATFORM_API void Disarm(int id);
+QLTPLATFORM_API void DisarmAll();
+// How many calls this rule has affected so far (0 for an unknown id).
+QLTPLATFORM_API int Fired(int id);
+
+// Arms a rule for the lifetime of the object.
+class ScopedFault {
+ public:
+  explicit ScopedFault(const Rule& rule) : m_nId(Arm(rule)) {}
+  ~ScopedFault() { Disarm(m_nId); }
+  ScopedFault(const ScopedFault&) = delete;
+  ScopedFault& operator=(const ScopedFault&) = delete;
+  int Fired() const { return qlt::fault::Fired(m_nId); }
+
+ private:
+  int m_nId;
+};
+
+}  // namespace qlt::fault
+
+#endif  // QLTFSDK_PLATFORM_FAULTS_H

@@ -1,0 +1,351 @@
+// File handles: open with Windows dispositions and share modes, read, write,
+// seek, size, truncate, flush and close.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "platform/internal.h"
+
+namespace qlt::plat {
+namespace {
+
+struct FileObject : KObject {
+  FileObject() : KObject(Kind::kFile) {}
+  int fd = -1;
+  std::string path;     // native path, for fault matching
+  DWORD access = 0;     // GENERIC_* asked for
+  DWORD share = 0;      // FILE_SHARE_* granted to others
+  dev_t dev = 0;
+  ino_t ino = 0;
+  bool deleteOnClose = false;
+};
+
+// Opens of one file by this process, for share-mode checks. Guarded by
+// ShareLock(), which is also held across an open so that the check and the
+// open form one step.
+struct OpenEntry {
+  DWORD access;
+  DWORD share;
+  const FileObject* owner;
+};
+std::mutex& ShareLock() {
+  static std::mutex* m = new std::mutex;
+  return *m;
+}
+std::map<std::pair<dev_t, ino_t>, std::vector<OpenEntry>>& ShareTable() {
+  static auto* t = new std::map<std::pair<dev_t, ino_t>, std::vector<OpenEntry>>;
+  return *t;
+}
+
+bool Wants(DWORD access, DWORD bit) { return (access & (bit | GENERIC_ALL)) != 0; }
+
+// REQUIRES: ShareLock() held.
+bool ShareConflictLocked(dev_t dev, ino_t ino, DWORD access, DWORD share) {
+  auto it = ShareTable().find({dev, ino});
+  if (it == ShareTable().end()) return false;
+  for (const OpenEntry& e : it->second) {
+    if (Wants(access, GENERIC_READ) && !(e.share & FILE_SHARE_READ)) return true;
+    if (Wants(access, GENERIC_WRITE) && !(e.share & FILE_SHARE_WRITE)) return true;
+    if (Wants(e.access, GENERIC_READ) && !(share & FILE_SHARE_READ)) return true;
+    if (Wants(e.access, GENERIC_WRITE) && !(share & FILE_SHARE_WRITE)) return true;
+  }
+  return false;
+}
+
+FileObject* FileOf(HANDLE h) { return static_cast<FileObject*>(LookupHandle(h, Kind::kFile)); }
+
+// Applies a matching fault rule. Returns true when the call must fail now
+// (last error set); *limit is lowered for a short transfer.
+bool InjectFault(unsigned op, const FileObject* f, DWORD* limit) {
+  if (!faults::Armed()) return false;
+  faults::Outcome o{};
+  if (!faults::Match(op, f ? f->path : std::string(), const_cast<FileObject*>(f), &o)) return false;
+  if (o.action == qlt::fault::Action::kFail) {
+    SetLastError(o.error);
+    return true;
+  }
+  if (o.action == qlt::fault::Action::kShort && limit && *limit > o.shortBytes) *limit = o.shortBytes;
+  return false;
+}
+
+bool InjectPathFault(unsigned op, const std::string& path) {
+  if (!faults::Armed()) return false;
+  faults::Outcome o{};
+  if (!faults::Match(op, path, nullptr, &o)) return false;
+  if (o.action == qlt::fault::Action::kFail) {
+    SetLastError(o.error);
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+BOOL CloseFileObject(KObject* obj) {
+  auto* f = static_cast<FileObject*>(obj);
+  bool fail = InjectFault(qlt::fault::kClose, f, nullptr);
+  DWORD err = GetLastError();
+  {
+    std::lock_guard<std::mutex> g(ShareLock());
+    auto it = ShareTable().find({f->dev, f->ino});
+    if (it != ShareTable().end()) {
+      auto& v = it->second;
+      for (size_t i = 0; i < v.size(); ++i)
+        if (v[i].owner == f) {
+          v.erase(v.begin() + static_cast<long>(i));
+          break;
+        }
+      if (v.empty()) ShareTable().erase(it);
+    }
+    if (f->deleteOnClose) ::unlink(f->path.c_str());
+  }
+  int rc = ::close(f->fd);
+  int closeErr = errno;
+  delete f;
+  if (fail) return Fail(err);
+  if (rc != 0 && closeErr != EINTR) return Fail(ErrnoToWin(closeErr));
+  return TRUE;
+}
+
+}  // namespace qlt::plat
+
+using namespace qlt::plat;
+
+extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                              LPSECURITY_ATTRIBUTES /*sa*/, DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes,
+                              HANDLE /*hTemplateFile*/) {
+  std::string path;
+  if (!TranslatePath(lpFileName, &path)) return INVALID_HANDLE_VALUE;
+  if (path.empty()) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return INVALID_HANDLE_VALUE;
+  }
+  if (InjectPathFault(qlt::fault::kOpen, path)) return INVALID_HANDLE_VALUE;
+
+  int flags = O_CLOEXEC;
+  bool rd = Wants(dwDesiredAccess, GENERIC_READ), wr = Wants(dwDesiredAccess, GENERIC_WRITE);
+  flags |= (rd && wr) ? O_RDWR : (wr ? O_WRONLY : O_RDONLY);
+  switch (dwCreationDisposition) {
+    case CREATE_NEW: flags |= O_CREAT | O_EXCL; break;
+    case CREATE_ALWAYS: flags |= O_CREAT; break;  // truncated below, after the share check
+    case OPEN_EXISTING: break;
+    case OPEN_ALWAYS: flags |= O_CREAT; break;
+    case TRUNCATE_EXISTING:
+      if (!wr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+      }
+      break;
+    default: SetLastError(ERROR_INVALID_PARAMETER); return INVALID_HANDLE_VALUE;
+  }
+  if (dwFlagsAndAttributes & FILE_FLAG_WRITE_THROUGH) flags |= O_DSYNC;
+
+  std::lock_guard<std::mutex> g(ShareLock());
+  struct stat before{};
+  bool existed = ::stat(path.c_str(), &before) == 0;
+  if (existed && S_ISDIR(before.st_mode)) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+  }
+  if (existed && ShareConflictLocked(before.st_dev, before.st_ino, dwDesiredAccess, dwShareMode)) {
+    SetLastError(ERROR_SHARING_VIOLATION);
+    return INVALID_HANDLE_VALUE;
+  }
+  int fd = -1;
+  if (dwFlagsAndAttributes & FILE_FLAG_NO_BUFFERING) {
+    fd = ::open(path.c_str(), flags | O_DIRECT, 0644);
+    if (fd < 0 && errno == EINVAL) fd = -1;  // the file system refuses direct I/O: open buffered
+    else if (fd < 0) return SetLastError(ErrnoToWin(errno)), INVALID_HANDLE_VALUE;
+  }
+  if (fd < 0) fd = ::open(path.c_str(), flags, 0644);
+  if (fd < 0) {
+    DWORD err = ErrnoToWin(errno);
+    if (errno == ENOENT && dwCreationDisposition != OPEN_EXISTING && dwCreationDisposition != TRUNCATE_EXISTING)
+      err = ERROR_PATH_NOT_FOUND;  // creating: the missing part is the folder
+    if (errno == EEXIST) err = ERROR_FILE_EXISTS;
+    SetLastError(err);
+    return INVALID_HANDLE_VALUE;
+  }
+  if ((dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == TRUNCATE_EXISTING) && existed) {
+    if (::ftruncate(fd, 0) != 0) {
+      DWORD err = ErrnoToWin(errno);
+      ::close(fd);
+      SetLastError(err);
+      return INVALID_HANDLE_VALUE;
+    }
+  }
+  if (dwFlagsAndAttributes & FILE_FLAG_SEQUENTIAL_SCAN) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  if (dwFlagsAndAttributes & FILE_FLAG_RANDOM_ACCESS) ::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM);
+
+  struct stat st{};
+  ::fstat(fd, &st);
+  auto* f = new FileObject;
+  f->fd = fd;
+  f->path = path;
+  f->access = dwDesiredAccess;
+  f->share = dwShareMode;
+  f->dev = st.st_dev;
+  f->ino = st.st_ino;
+  f->deleteOnClose = (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0;
+  ShareTable()[{f->dev, f->ino}].push_back(OpenEntry{dwDesiredAccess, dwShareMode, f});
+  RegisterHandle(f);
+  bool reportExisted = existed && (dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == OPEN_ALWAYS);
+  SetLastError(reportExisted ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+  return f;
+}
+
+extern "C" BOOL ReadFile(HANDLE h, LPVOID buf, DWORD n, LPDWORD pRead, LPOVERLAPPED ov) {
+  if (pRead) *pRead = 0;
+  FileObject* f = FileOf(h);
+  if (!f) return FALSE;
+  if (!Wants(f->access, GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
+  if (!buf && n > 0) return Fail(ERROR_NOACCESS);
+  DWORD limit = n;
+  if (InjectFault(qlt::fault::kRead, f, &limit)) return FALSE;
+  auto* p = static_cast<char*>(buf);
+  off_t at = ov ? static_cast<off_t>((static_cast<uint64_t>(ov->OffsetHigh) << 32) | ov->Offset) : 0;
+  DWORD done = 0;
+  while (done < limit) {
+    ssize_t r = ov ? ::pread(f->fd, p + done, limit - done, at + done) : ::read(f->fd, p + done, limit - done);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      if (pRead) *pRead = done;
+      return FailErrno();
+    }
+    if (r == 0) break;
+    done += static_cast<DWORD>(r);
+  }
+  if (ov) ::lseek(f->fd, at + done, SEEK_SET);
+  if (pRead) *pRead = done;
+  return TRUE;
+}
+
+extern "C" BOOL WriteFile(HANDLE h, LPCVOID buf, DWORD n, LPDWORD pWritten, LPOVERLAPPED ov) {
+  if (pWritten) *pWritten = 0;
+  FileObject* f = FileOf(h);
+  if (!f) return FALSE;
+  if (!Wants(f->access, GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
+  if (!buf && n > 0) return Fail(ERROR_NOACCESS);
+  DWORD limit = n;
+  if (InjectFault(qlt::fault::kWrite, f, &limit)) return FALSE;
+  const auto* p = static_cast<const char*>(buf);
+  off_t at = ov ? static_cast<off_t>((static_cast<uint64_t>(ov->OffsetHigh) << 32) | ov->Offset) : 0;
+  DWORD done = 0;
+  while (done < limit) {
+    ssize_t w = ov ? ::pwrite(f->fd, p + done, limit - done, at + done) : ::write(f->fd, p + done, limit - done);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      if (pWritten) *pWritten = done;
+      return FailErrno();
+    }
+    if (w == 0) {
+      if (pWritten) *pWritten = done;
+      return Fail(ERROR_DISK_FULL);
+    }
+    done += static_cast<DWORD>(w);
+  }
+  if (ov) ::lseek(f->fd, at + done, SEEK_SET);
+  if (pWritten) *pWritten = done;
+  return TRUE;
+}
+
+extern "C" BOOL SetFilePointerEx(HANDLE h, LARGE_INTEGER distance, PLARGE_INTEGER pNewPos, DWORD method) {
+  FileObject* f = FileOf(h);
+  if (!f) return FALSE;
+  if (InjectFault(qlt::fault::kSeek, f, nullptr)) return FALSE;
+  int whence = method == FILE_BEGIN ? SEEK_SET : method == FILE_CURRENT ? SEEK_CUR : method == FILE_END ? SEEK_END : -1;
+  if (whence < 0) return Fail(ERROR_INVALID_PARAMETER);
+  off_t target = static_cast<off_t>(distance.QuadPart);
+  if (whence != SEEK_SET) {
+    off_t base = whence == SEEK_CUR ? ::lseek(f->fd, 0, SEEK_CUR) : ::lseek(f->fd, 0, SEEK_END);
+    if (base < 0) return FailErrno();
+    if (__builtin_add_overflow(base, target, &target)) return Fail(ERROR_INVALID_PARAMETER);
+  }
+  if (target < 0) return Fail(ERROR_NEGATIVE_SEEK);
+  off_t r = ::lseek(f->fd, target, SEEK_SET);
+  if (r < 0) return FailErrno();
+  if (pNewPos) pNewPos->QuadPart = r;
+  return TRUE;
+}
+
+extern "C" DWORD SetFilePointer(HANDLE h, LONG distanceLow, LONG* pDistanceHigh, DWORD method) {
+  LARGE_INTEGER d, pos{};
+  if (pDistanceHigh)
+    d.QuadPart = static_cast<LONGLONG>((static_cast<uint64_t>(static_cast<uint32_t>(*pDistanceHigh)) << 32) |
+                                       static_cast<uint32_t>(distanceLow));
+  else
+    d.QuadPart = distanceLow;
+  if (!SetFilePointerEx(h, d, &pos, method)) return INVALID_SET_FILE_POINTER;
+  if (pDistanceHigh) *pDistanceHigh = pos.u.HighPart;
+  SetLastError(ERROR_SUCCESS);
+  return pos.u.LowPart;
+}
+
+extern "C" BOOL GetFileSizeEx(HANDLE h, PLARGE_INTEGER pSize) {
+  FileObject* f = FileOf(h);
+  if (!f) return FALSE;
+  if (!pSize) return Fail(ERROR_INVALID_PARAMETER);
+  if (InjectFault(qlt::fault::kSize, f, nullptr)) return FALSE;
+  struct stat st{};
+  if (::fstat(f->fd, &st) != 0) return FailErrno();
+  pSize->QuadPart = st.st_size;
+  return TRUE;
+}
+
+extern "C" DWORD GetFileSize(HANDLE h, LPDWORD pHigh) {
+  LARGE_INTEGER s{};
+  if (!GetFileSizeEx(h, &s)) return INVALID_FILE_SIZE;
+  if (pHigh) *pHigh = static_cast<DWORD>(s.u.HighPart);
+  SetLastError(ERROR_SUCCESS);
+  return s.u.LowPart;
+}
+
+extern "C" BOOL SetEndOfFile(HANDLE h) {
+  FileObject* f = FileOf(h);
+  if (!f) return FALSE;
+  if (!Wants(f->access, GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
+  if (InjectFault(qlt::fault::kSetEnd, f, nullptr)) return FALSE;
+  off_t pos = ::lseek(f->fd, 0, SEEK_CUR);
+  if (pos < 0) return FailErrno();
+  if (::ftruncate(f->fd, pos) != 0) return FailErrno();
+  return TRUE;
+}
+
+extern "C" BOOL FlushFileBuffers(HANDLE h) {
+  FileObject* f = FileOf(h);
+  if (!f) return FALSE;
+  if (InjectFault(qlt::fault::kFlush, f, nullptr)) return FALSE;
+  if (!Wants(f->access, GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
+  if (::fdatasync(f->fd) != 0) return FailErrno();
+  return TRUE;
+}
+
+extern "C" BOOL DeleteFileW(LPCWSTR path) {
+  std::string p;
+  if (!TranslatePath(path, &p)) return FALSE;
+  if (InjectPathFault(qlt::fault::kDelete, p)) return FALSE;
+  std::lock_guard<std::mutex> g(ShareLock());
+  struct stat st{};
+  if (::lstat(p.c_str(), &st) != 0) return FailErrno();
+  if (S_ISDIR(st.st_mode)) return Fail(ERROR_ACCESS_DENIED);
+  auto it = ShareTable().find({st.st_dev, st.st_ino});
+  if (it != ShareTable().end())
+    for (const OpenEntry& e : it->second)
+      if (!(e.share & FILE_SHARE_DELETE)) return Fail(ERROR_SHARING_VIOLATION);
+  if (::unlink(p.c_str()) != 0) return FailErrno();
+  return TRUE;
+}
+
+extern "C" BOOL MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
+  std::string a, b;
+  if (!TranslatePath(from, &a) || !TranslatePath(to, &b)) return FALSE;
+  struct stat st{};
+  if (!(flags & MOVEFILE_REPLACE_EXISTING) && ::stat(b.c_str(), &st) == 0) return Fail(ERROR_ALREADY_EXISTS);
+  if (::rename(a.c_str(), b.c_str()) != 0) return FailErrno();
+  return TRUE;
+}

@@ -1,0 +1,232 @@
+// Path translation and the drive map.
+//
+// Above the layer, paths look like Windows paths. "X:\rest" is looked up in
+// the drive map (letter -> directory); anything else is used as written with
+// backslashes turned into slashes. The map starts with C: standing for a
+// private directory under the system's temporary area.
+#include <dlfcn.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cwctype>
+#include <map>
+#include <mutex>
+
+#include "platform/internal.h"
+
+namespace qlt::plat {
+namespace {
+
+struct Drive {
+  std::string dir;
+  UINT type;  // DRIVE_UNKNOWN: tell from the file system
+};
+
+struct DriveMap {
+  std::mutex lock;
+  std::map<wchar_t, Drive> drives;  // guarded by lock; keys are upper case
+  bool bInitialised = false;        // guarded by lock: default C: entered
+  bool bDefaultCreated = false;     // guarded by lock: default C: directory made
+};
+
+DriveMap& Map() {
+  static DriveMap* map = new DriveMap;  // never destroyed: usable during exit
+  return *map;
+}
+
+std::string SystemTempDir() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string dir = (tmp && *tmp) ? tmp : "/tmp";
+  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+  return dir;
+}
+
+std::string DefaultDriveC() { return SystemTempDir() + "/qltfsdk-" + std::to_string(getuid()) + "/C"; }
+
+void MakeDirs(const std::string& dir) {
+  for (size_t i = 1; i <= dir.size(); ++i) {
+    if (i == dir.size() || dir[i] == '/') ::mkdir(dir.substr(0, i).c_str(), 0700);
+  }
+}
+
+// REQUIRES: m.lock held.
+void InitialiseLocked(DriveMap& m) {
+  if (m.bInitialised) return;
+  m.drives[L'C'] = Drive{DefaultDriveC(), DRIVE_UNKNOWN};
+  m.bInitialised = true;
+}
+
+// Looks a letter up; creates the default C: directory on its first use.
+bool FindDrive(wchar_t letter, Drive* out) {
+  DriveMap& m = Map();
+  std::lock_guard<std::mutex> g(m.lock);
+  InitialiseLocked(m);
+  auto it = m.drives.find(static_cast<wchar_t>(towupper(static_cast<wint_t>(letter))));
+  if (it == m.drives.end()) return false;
+  if (!m.bDefaultCreated && it->first == L'C' && it->second.dir == DefaultDriveC()) {
+    MakeDirs(it->second.dir);
+    m.bDefaultCreated = true;
+  }
+  *out = it->second;
+  return true;
+}
+
+bool IsDriveLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
+
+}  // namespace
+
+bool TranslatePath(LPCWSTR path, std::string* out) {
+  if (!path) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return false;
+  }
+  std::wstring p(path);
+  if (p.rfind(L"\\\\?\\", 0) == 0) p.erase(0, 4);
+  std::string rest;
+  if (p.size() >= 2 && IsDriveLetter(p[0]) && p[1] == L':') {
+    Drive d;
+    if (!FindDrive(p[0], &d)) {
+      SetLastError(ERROR_PATH_NOT_FOUND);
+      return false;
+    }
+    rest = QltWideToUtf8(p.substr(2));
+    for (char& c : rest)
+      if (c == '\\') c = '/';
+    if (!rest.empty() && rest[0] != '/') rest.insert(rest.begin(), '/');
+    *out = d.dir + rest;
+    return true;
+  }
+  rest = QltWideToUtf8(p);
+  for (char& c : rest)
+    if (c == '\\') c = '/';
+  *out = rest;
+  return true;
+}
+
+std::string PlatformDirectory() {
+  Dl_info info{};
+  if (!dladdr(reinterpret_cast<const void*>(&PlatformDirectory), &info) || !info.dli_fname) return ".";
+  std::string file = info.dli_fname;
+  char* real = realpath(file.c_str(), nullptr);
+  if (real) {
+    file = real;
+    std::free(real);
+  }
+  size_t slash = file.rfind('/');
+  return slash == std::string::npos ? "." : file.substr(0, slash);
+}
+
+}  // namespace qlt::plat
+
+using namespace qlt::plat;
+
+std::string QltNativePath(const wchar_t* path) {
+  std::string out;
+  return TranslatePath(path, &out) ? out : std::string();
+}
+
+std::wstring QltWindowsPath(const std::string& nativePath) {
+  std::wstring w = QltUtf8ToWide(nativePath);
+  for (wchar_t& c : w)
+    if (c == L'/') c = L'\\';
+  return w;
+}
+
+extern "C" void QltSetDrive(wchar_t letter, LPCWSTR directory, UINT type) {
+  if (!IsDriveLetter(letter)) return;
+  DriveMap& m = Map();
+  std::lock_guard<std::mutex> g(m.lock);
+  InitialiseLocked(m);
+  wchar_t key = static_cast<wchar_t>(towupper(static_cast<wint_t>(letter)));
+  if (!directory || !*directory) {
+    m.drives.erase(key);
+    return;
+  }
+  std::string dir = QltWideToUtf8(directory);
+  for (char& c : dir)
+    if (c == '\\') c = '/';
+  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+  m.drives[key] = Drive{dir, type};
+}
+
+extern "C" void QltResetDriveMap() {
+  DriveMap& m = Map();
+  std::lock_guard<std::mutex> g(m.lock);
+  m.drives.clear();
+  m.bInitialised = false;
+}
+
+extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
+  int mapped = 0;
+  for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+    wchar_t key[2] = {letter, 0};
+    wchar_t value[4096];
+    if (GetPrivateProfileStringW(L"DRIVES", key, L"", value, 4096, iniPath) == 0) continue;
+    std::wstring v(value);
+    UINT type = DRIVE_UNKNOWN;
+    size_t semi = v.rfind(L';');
+    if (semi != std::wstring::npos) {
+      std::wstring t = v.substr(semi + 1);
+      for (wchar_t& c : t) c = static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
+      if (t == L"fixed") type = DRIVE_FIXED;
+      else if (t == L"removable") type = DRIVE_REMOVABLE;
+      else if (t == L"remote") type = DRIVE_REMOTE;
+      else if (t == L"cdrom") type = DRIVE_CDROM;
+      else if (t == L"ramdisk") type = DRIVE_RAMDISK;
+      v.erase(semi);
+    }
+    while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
+    if (v.empty()) continue;
+    QltSetDrive(letter, v.c_str(), type);
+    ++mapped;
+  }
+  return mapped;
+}
+
+extern "C" DWORD GetLogicalDriveStringsW(DWORD nBufferLength, LPWSTR lpBuffer) {
+  std::wstring all;
+  for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+    Drive d;
+    if (!FindDrive(letter, &d)) continue;
+    all += letter;
+    all += L":\\";
+    all.push_back(L'\0');
+  }
+  DWORD len = static_cast<DWORD>(all.size());
+  if (!lpBuffer || nBufferLength < len + 1) return len + 1;
+  wmemcpy(lpBuffer, all.data(), len);
+  lpBuffer[len] = L'\0';
+  return len;
+}
+
+extern "C" UINT GetDriveTypeW(LPCWSTR root) {
+  if (!root || !IsDriveLetter(root[0]) || root[1] != L':') return DRIVE_NO_ROOT_DIR;
+  Drive d;
+  if (!FindDrive(root[0], &d)) return DRIVE_NO_ROOT_DIR;
+  struct stat st{};
+  if (::stat(d.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return DRIVE_NO_ROOT_DIR;
+  if (d.type != DRIVE_UNKNOWN) return d.type;
+  struct statfs fs{};
+  if (::statfs(d.dir.c_str(), &fs) == 0) {
+    switch (static_cast<unsigned long>(fs.f_type)) {
+      case NFS_SUPER_MAGIC:
+      case SMB_SUPER_MAGIC:
+      case 0xFF534D42ul:  // CIFS
+      case 0xFE534D42ul:  // SMB2
+        return DRIVE_REMOTE;
+      default: break;
+    }
+  }
+  return DRIVE_FIXED;
+}
+
+extern "C" DWORD GetTempPathW(DWORD n, LPWSTR buf) {
+  std::wstring t = QltWindowsPath(SystemTempDir()) + L"\\";
+  DWORD len = static_cast<DWORD>(t.size());
+  if (!buf || n < len + 1) return len + 1;
+  wmemcpy(buf, t.c_str(), len + 1);
+  return len;
+}
