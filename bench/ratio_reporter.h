@@ -23,7 +23,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
       if (r.run_type != Run::RT_Aggregate || r.aggregate_name != "median") continue;
       auto bytes = r.counters.find("bytes_per_second");
       auto items = r.counters.find("items_per_second");
-      double rate = bytes != r.counters.end() ? bytes->second.value
+      double rate = bytes != r.counters.end()   ? bytes->second.value
                     : items != r.counters.end() ? items->second.value
                                                 : 0.0;
       m_medians[r.run_name.str()] = rate;

@@ -49,8 +49,8 @@ class QLTUTILBASE_API QLT_EasyFile {
 struct ErrorCodeRecord {
   uint32_t nThreadId;  // the reporting thread
   int32_t nErrorCode;
-  BSTR bstrMessage;    // may be null or empty
-  uint8_t reserved[8]; // zero
+  BSTR bstrMessage;     // may be null or empty
+  uint8_t reserved[8];  // zero
 };
 
 // The register's four functions, found by these names after loading

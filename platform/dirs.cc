@@ -47,7 +47,8 @@ extern "C" BOOL CreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES /*sa*/) {
   while (p.size() > 1 && p.back() == '/') p.pop_back();
   if (faults::Armed()) {
     faults::Outcome o{};
-    if (faults::Match(qlt::fault::kCreateDir, p, nullptr, &o) && o.action == qlt::fault::Action::kFail) return Fail(o.error);
+    if (faults::Match(qlt::fault::kCreateDir, p, nullptr, &o) && o.action == qlt::fault::Action::kFail)
+      return Fail(o.error);
   }
   if (::mkdir(p.c_str(), 0755) == 0) return TRUE;
   if (errno == EEXIST) return Fail(ERROR_ALREADY_EXISTS);
@@ -66,7 +67,7 @@ extern "C" BOOL RemoveDirectoryW(LPCWSTR path) {
 extern "C" DWORD GetFileAttributesW(LPCWSTR path) {
   std::string p;
   if (!TranslatePath(path, &p)) return INVALID_FILE_ATTRIBUTES;
-  struct stat st{};
+  struct stat st {};
   if (::stat(p.c_str(), &st) != 0) {
     FailErrno();
     return INVALID_FILE_ATTRIBUTES;
@@ -104,7 +105,7 @@ extern "C" HANDLE FindFirstFileW(LPCWSTR pattern, WIN32_FIND_DATAW* pData) {
   while (struct dirent* e = ::readdir(d)) {
     if (!std::strcmp(e->d_name, ".") || !std::strcmp(e->d_name, "..")) continue;
     if (::fnmatch(name.c_str(), e->d_name, FNM_CASEFOLD | FNM_PERIOD) != 0) continue;
-    struct stat st{};
+    struct stat st {};
     if (::fstatat(::dirfd(d), e->d_name, &st, 0) != 0) continue;
     WIN32_FIND_DATAW data;
     FillFindData(e->d_name, st, &data);

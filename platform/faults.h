@@ -16,17 +16,17 @@ namespace qlt::fault {
 
 // Calls a rule can match (combine with |).
 enum Op : unsigned {
-  kOpen = 1u << 0,        // CreateFileW
-  kRead = 1u << 1,        // ReadFile
-  kWrite = 1u << 2,       // WriteFile
-  kFlush = 1u << 3,       // FlushFileBuffers
-  kSeek = 1u << 4,        // SetFilePointer(Ex)
-  kSetEnd = 1u << 5,      // SetEndOfFile
-  kClose = 1u << 6,       // CloseHandle of a file
-  kDelete = 1u << 7,      // DeleteFileW
-  kCreateDir = 1u << 8,   // CreateDirectoryW
-  kLoadLibrary = 1u << 9, // LoadLibraryW (path = the name asked for)
-  kSize = 1u << 10,       // GetFileSize(Ex)
+  kOpen = 1u << 0,         // CreateFileW
+  kRead = 1u << 1,         // ReadFile
+  kWrite = 1u << 2,        // WriteFile
+  kFlush = 1u << 3,        // FlushFileBuffers
+  kSeek = 1u << 4,         // SetFilePointer(Ex)
+  kSetEnd = 1u << 5,       // SetEndOfFile
+  kClose = 1u << 6,        // CloseHandle of a file
+  kDelete = 1u << 7,       // DeleteFileW
+  kCreateDir = 1u << 8,    // CreateDirectoryW
+  kLoadLibrary = 1u << 9,  // LoadLibraryW (path = the name asked for)
+  kSize = 1u << 10,        // GetFileSize(Ex)
 };
 
 enum class Action {
@@ -42,7 +42,7 @@ struct Rule {
   int nth = 1;               // the first matching call that fires (1 = the first)
   int times = 1;             // consecutive matching calls that fire; -1 = all
   Action action = Action::kFail;
-  DWORD error = 29;          // ERROR_WRITE_FAULT unless set
+  DWORD error = 29;  // ERROR_WRITE_FAULT unless set
   DWORD shortBytes = 0;
   DWORD delayMs = 0;
 };

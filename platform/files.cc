@@ -17,9 +17,9 @@ namespace {
 struct FileObject : KObject {
   FileObject() : KObject(Kind::kFile) {}
   int fd = -1;
-  std::string path;     // native path, for fault matching
-  DWORD access = 0;     // GENERIC_* asked for
-  DWORD share = 0;      // FILE_SHARE_* granted to others
+  std::string path;  // native path, for fault matching
+  DWORD access = 0;  // GENERIC_* asked for
+  DWORD share = 0;   // FILE_SHARE_* granted to others
   dev_t dev = 0;
   ino_t ino = 0;
   bool deleteOnClose = false;
@@ -146,7 +146,7 @@ extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD d
   if (dwFlagsAndAttributes & FILE_FLAG_WRITE_THROUGH) flags |= O_DSYNC;
 
   std::lock_guard<std::mutex> g(ShareLock());
-  struct stat before{};
+  struct stat before {};
   bool existed = ::stat(path.c_str(), &before) == 0;
   if (existed && S_ISDIR(before.st_mode)) {
     SetLastError(ERROR_ACCESS_DENIED);
@@ -159,8 +159,10 @@ extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD d
   int fd = -1;
   if (dwFlagsAndAttributes & FILE_FLAG_NO_BUFFERING) {
     fd = ::open(path.c_str(), flags | O_DIRECT, 0644);
-    if (fd < 0 && errno == EINVAL) fd = -1;  // the file system refuses direct I/O: open buffered
-    else if (fd < 0) return SetLastError(ErrnoToWin(errno)), INVALID_HANDLE_VALUE;
+    if (fd < 0 && errno == EINVAL)
+      fd = -1;  // the file system refuses direct I/O: open buffered
+    else if (fd < 0)
+      return SetLastError(ErrnoToWin(errno)), INVALID_HANDLE_VALUE;
   }
   if (fd < 0) fd = ::open(path.c_str(), flags, 0644);
   if (fd < 0) {
@@ -182,7 +184,7 @@ extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD d
   if (dwFlagsAndAttributes & FILE_FLAG_SEQUENTIAL_SCAN) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   if (dwFlagsAndAttributes & FILE_FLAG_RANDOM_ACCESS) ::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM);
 
-  struct stat st{};
+  struct stat st {};
   ::fstat(fd, &st);
   auto* f = new FileObject;
   f->fd = fd;
@@ -291,7 +293,7 @@ extern "C" BOOL GetFileSizeEx(HANDLE h, PLARGE_INTEGER pSize) {
   if (!f) return FALSE;
   if (!pSize) return Fail(ERROR_INVALID_PARAMETER);
   if (InjectFault(qlt::fault::kSize, f, nullptr)) return FALSE;
-  struct stat st{};
+  struct stat st {};
   if (::fstat(f->fd, &st) != 0) return FailErrno();
   pSize->QuadPart = st.st_size;
   return TRUE;
@@ -330,7 +332,7 @@ extern "C" BOOL DeleteFileW(LPCWSTR path) {
   if (!TranslatePath(path, &p)) return FALSE;
   if (InjectPathFault(qlt::fault::kDelete, p)) return FALSE;
   std::lock_guard<std::mutex> g(ShareLock());
-  struct stat st{};
+  struct stat st {};
   if (::lstat(p.c_str(), &st) != 0) return FailErrno();
   if (S_ISDIR(st.st_mode)) return Fail(ERROR_ACCESS_DENIED);
   auto it = ShareTable().find({st.st_dev, st.st_ino});
@@ -344,7 +346,7 @@ extern "C" BOOL DeleteFileW(LPCWSTR path) {
 extern "C" BOOL MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
   std::string a, b;
   if (!TranslatePath(from, &a) || !TranslatePath(to, &b)) return FALSE;
-  struct stat st{};
+  struct stat st {};
   if (!(flags & MOVEFILE_REPLACE_EXISTING) && ::stat(b.c_str(), &st) == 0) return Fail(ERROR_ALREADY_EXISTS);
   if (::rename(a.c_str(), b.c_str()) != 0) return FailErrno();
   return TRUE;

@@ -64,7 +64,7 @@ void SignalLocked(Waitable* obj);
 struct ThreadObject : Waitable {
   ThreadObject() : Waitable(Kind::kThread, true, false) {}
   std::thread thread;
-  std::atomic<int> refs{2};  // one for the handle, one for the running thread
+  std::atomic<int> refs{2};       // one for the handle, one for the running thread
   DWORD exitCode = STILL_ACTIVE;  // guarded by WaitLock()
   DWORD threadId = 0;             // written before the thread is released
 };

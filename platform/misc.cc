@@ -22,8 +22,8 @@ extern "C" HRESULT CoCreateGuid(GUID* pguid) {
   }
   b[6] = static_cast<unsigned char>((b[6] & 0x0F) | 0x40);  // version 4
   b[8] = static_cast<unsigned char>((b[8] & 0x3F) | 0x80);  // RFC 4122 variant
-  pguid->Data1 = static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 |
-                 static_cast<uint32_t>(b[2]) << 8 | b[3];
+  pguid->Data1 =
+      static_cast<uint32_t>(b[0]) << 24 | static_cast<uint32_t>(b[1]) << 16 | static_cast<uint32_t>(b[2]) << 8 | b[3];
   pguid->Data2 = static_cast<uint16_t>(b[4] << 8 | b[5]);
   pguid->Data3 = static_cast<uint16_t>(b[6] << 8 | b[7]);
   for (int i = 0; i < 8; ++i) pguid->Data4[i] = b[8 + i];

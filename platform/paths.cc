@@ -171,11 +171,16 @@ extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
     if (semi != std::wstring::npos) {
       std::wstring t = v.substr(semi + 1);
       for (wchar_t& c : t) c = static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
-      if (t == L"fixed") type = DRIVE_FIXED;
-      else if (t == L"removable") type = DRIVE_REMOVABLE;
-      else if (t == L"remote") type = DRIVE_REMOTE;
-      else if (t == L"cdrom") type = DRIVE_CDROM;
-      else if (t == L"ramdisk") type = DRIVE_RAMDISK;
+      if (t == L"fixed")
+        type = DRIVE_FIXED;
+      else if (t == L"removable")
+        type = DRIVE_REMOVABLE;
+      else if (t == L"remote")
+        type = DRIVE_REMOTE;
+      else if (t == L"cdrom")
+        type = DRIVE_CDROM;
+      else if (t == L"ramdisk")
+        type = DRIVE_RAMDISK;
       v.erase(semi);
     }
     while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
@@ -206,10 +211,10 @@ extern "C" UINT GetDriveTypeW(LPCWSTR root) {
   if (!root || !IsDriveLetter(root[0]) || root[1] != L':') return DRIVE_NO_ROOT_DIR;
   Drive d;
   if (!FindDrive(root[0], &d)) return DRIVE_NO_ROOT_DIR;
-  struct stat st{};
+  struct stat st {};
   if (::stat(d.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return DRIVE_NO_ROOT_DIR;
   if (d.type != DRIVE_UNKNOWN) return d.type;
-  struct statfs fs{};
+  struct statfs fs {};
   if (::statfs(d.dir.c_str(), &fs) == 0) {
     switch (static_cast<unsigned long>(fs.f_type)) {
       case NFS_SUPER_MAGIC:

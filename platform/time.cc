@@ -30,7 +30,7 @@ extern "C" void GetLocalTime(SYSTEMTIME* t) {
   if (!t) return;
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
-  struct tm tmv{};
+  struct tm tmv {};
   localtime_r(&ts.tv_sec, &tmv);
   t->wYear = static_cast<WORD>(tmv.tm_year + 1900);
   t->wMonth = static_cast<WORD>(tmv.tm_mon + 1);

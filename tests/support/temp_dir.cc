@@ -41,6 +41,6 @@ bool WriteWholeFile(const std::string& path, const std::string& data) {
 }
 
 bool FileExists(const std::string& path) {
-  struct stat st{};
+  struct stat st {};
   return ::stat(path.c_str(), &st) == 0;
 }
