@@ -368,8 +368,10 @@ class CComBSTR {
     Append(psz);
     return *this;
   }
+  // Exact comparison with a plain zero-terminated string (null equals "").
   bool operator==(const OLECHAR* psz) const {
-    return VarBstrCmp(m_str, const_cast<OLECHAR*>(psz), LOCALE_USER_DEFAULT, 0) == VARCMP_EQ;
+    size_t n = psz ? wcslen(psz) : 0;
+    return Length() == n && (n == 0 || wmemcmp(m_str, psz, n) == 0);
   }
   bool operator!=(const OLECHAR* psz) const { return !(*this == psz); }
   bool operator!() const { return m_str == nullptr; }
