@@ -2,7 +2,8 @@
 // its baseline, the ratio of their median rates.
 //
 // Benchmarks report their rate as bytes or items per second; with
-// repetitions the reporter keeps the "median" aggregate of each run name.
+// repetitions the reporter keeps the "median" aggregate of each benchmark,
+// keyed by its function name and arguments ("BM_Ring/65536").
 #ifndef QLTFSDK_BENCH_RATIO_REPORTER_H
 #define QLTFSDK_BENCH_RATIO_REPORTER_H
 
@@ -26,7 +27,10 @@ class RatioReporter : public benchmark::ConsoleReporter {
       double rate = bytes != r.counters.end()   ? bytes->second.value
                     : items != r.counters.end() ? items->second.value
                                                 : 0.0;
-      m_medians[r.run_name.str()] = rate;
+      std::string key = r.run_name.function_name;
+      if (!r.run_name.args.empty()) key += "/" + r.run_name.args;
+      m_medians[key] = rate;
+      m_medians[r.run_name.str()] = rate;  // the full run name works too
     }
     ConsoleReporter::ReportRuns(runs);
   }
