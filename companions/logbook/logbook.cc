@@ -1,1 +1,0 @@
-// Logging library (placeholder until its components land).
