@@ -91,20 +91,4 @@ TEST_F(CompanionErrorRegister, LastUserEmptiesTheRegister) {
   m_pfnDelete = nullptr;        // TearDown has nothing to give back
 }
 
-TEST_F(CompanionErrorRegister, ManyThreadsReportAtOnce) {
-  constexpr int kThreads = 4;
-  int nWrong[kThreads] = {};
-  std::thread threads[kThreads];
-  for (int t = 0; t < kThreads; ++t) {
-    threads[t] = std::thread([&, t] {
-      for (int i = 0; i < 500; ++i) {
-        Report(t * 1000 + i, std::to_wstring(i).c_str());
-        if (Last() != std::make_pair(t * 1000 + i, std::to_wstring(i))) ++nWrong[t];
-      }
-    });
-  }
-  for (auto& th : threads) th.join();
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(nWrong[t], 0) << "thread " << t;
-}
-
 }  // namespace

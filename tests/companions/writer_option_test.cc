@@ -1,10 +1,6 @@
 // The writer-option table: what the writer and hosts rely on.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "qltfsdk/writeroption.h"
 
 namespace {
@@ -81,26 +77,6 @@ TEST(CompanionWriterOption, DefaultBlockSizeAppliesOnlyToUnregisteredFiles) {
   EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(strKnown), 4096);
   ASSERT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(kDefaultBlock), 1);
   QLT_WriterOption::ClearItem(strKnown);
-}
-
-TEST(CompanionWriterOption, ThreadsRegisterAndReadTheirOwnFiles) {
-  constexpr int kThreads = 4;
-  constexpr int kFiles = 200;
-  std::vector<int> vecMismatches(kThreads, 0);
-  std::vector<std::thread> vecThreads;
-  for (int t = 0; t < kThreads; ++t) {
-    vecThreads.emplace_back([t, &vecMismatches] {
-      for (int i = 0; i < kFiles; ++i) {
-        CComBSTR strName((L"C:\\Threads\\T" + std::to_wstring(t) + L"\\file" + std::to_wstring(i) + L".dat").c_str());
-        int nBlock = 512 * (t * kFiles + i + 1);
-        QLT_WriterOption::SetWriteBlockSize(strName, nBlock);
-        if (QLT_WriterOption::GetWriteBlockSize(strName) != nBlock) ++vecMismatches[t];
-        if (QLT_WriterOption::ClearItem(strName) != 1) ++vecMismatches[t];
-      }
-    });
-  }
-  for (auto& th : vecThreads) th.join();
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(vecMismatches[t], 0) << "thread " << t;
 }
 
 }  // namespace
