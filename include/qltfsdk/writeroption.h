@@ -1,6 +1,7 @@
 // Per-file writer options of the utility library (qltUtilBase).
 //
-// A process-wide table keyed by file name (compared without regard to case)
+// A process-wide table keyed by file name (compared without regard to case,
+// '/' and '\' counting as the same separator)
 // holds a write block size and a preset size per file. The SDK's writer asks
 // for both when it creates or attaches a file and clears the entry when it
 // closes it; hosts register entries before creating the file. All calls are
@@ -38,10 +39,10 @@ class QLTUTILBASE_API QLT_WriterOption2 {
  public:
   // Preset size for the file: returns 1 and stores the size in nSize when a
   // size above 0 is registered; returns 0 and leaves nSize alone otherwise.
-  static int GetPresetFileSize(CComBSTR strFileName, unsigned __int64& nSize);
+  static int GetPresetFileSize(CComBSTR strFileName, ULONGLONG& nSize);
   // Registers the size to reserve for the file when the writer creates it
   // (0 removes the preset). Returns 1, or 0 for an empty name.
-  static int SetPresetFileSize(CComBSTR strFileName, unsigned __int64 nSize);
+  static int SetPresetFileSize(CComBSTR strFileName, ULONGLONG nSize);
 };
 
 #endif  // QLTFSDK_WRITEROPTION_H

@@ -1,0 +1,110 @@
+#include "companions/logbook/log_store.h"
+
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace qlt::logbook {
+namespace {
+
+constexpr size_t kDefaultMaxBytes = 10 * 1024 * 1024;
+constexpr size_t kDefaultMaxFiles = 5;
+
+// Loggers by file path. Every field is guarded by m_mutex.
+struct Store {
+  std::mutex m_mutex;
+  std::map<std::string, std::weak_ptr<spdlog::logger>> m_mapLogs;
+  size_t m_nMaxBytes = kDefaultMaxBytes;
+  size_t m_nMaxFiles = kDefaultMaxFiles;
+};
+
+// Made when the library loads and destroyed when it unloads, after the
+// static objects of every library and executable that depends on it.
+Store g_store;
+
+Store& TheStore() { return g_store; }
+
+// Native directory of this library's own file ("" when it cannot be told).
+std::string FindLibraryDirectory() {
+  HMODULE hSelf = QltModuleFromAddress(reinterpret_cast<const void*>(&LogFilePathFor));
+  wchar_t szFile[4096];
+  DWORD n = hSelf ? GetModuleFileNameW(hSelf, szFile, sizeof(szFile) / sizeof(szFile[0])) : 0;
+  if (n == 0) return std::string();
+  std::wstring strFile(szFile, n);
+  size_t nSlash = strFile.find_last_of(L'\\');
+  if (nSlash == std::wstring::npos) return std::string();
+  return QltNativePath(strFile.substr(0, nSlash).c_str());
+}
+
+// The library's directory ("." when it cannot be told), found once. Kept in
+// trivially destructible storage so that a log written from a static
+// destructor at exit still finds it.
+const char* LibraryDirectory() {
+  static std::once_flag s_once;
+  static char s_szDir[4096] = ".";
+  std::call_once(s_once, [] {
+    std::string strDir = FindLibraryDirectory();
+    if (!strDir.empty() && strDir.size() < sizeof(s_szDir)) std::memcpy(s_szDir, strDir.c_str(), strDir.size() + 1);
+  });
+  return s_szDir;
+}
+
+void ReportLogError(const std::string& strWhat) { OutputDebugStringA(("QltLogBookU: " + strWhat + "\n").c_str()); }
+
+}  // namespace
+
+std::string LogFilePathFor(const std::string& strName) {
+  const char* pszRoot = std::getenv("QLTFS_LOG_ROOT");
+  std::string strRoot;
+  if (pszRoot && *pszRoot) {
+    strRoot = pszRoot;
+  } else {
+    strRoot = std::string(LibraryDirectory()) + "/sdk-log";
+  }
+  return strRoot + "/" + strName + "/" + strName + ".log";
+}
+
+std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const std::string& strPath) {
+  Store& store = TheStore();
+  std::lock_guard<std::mutex> lock(store.m_mutex);
+  for (auto it = store.m_mapLogs.begin(); it != store.m_mapLogs.end();) {
+    it = it->second.expired() ? store.m_mapLogs.erase(it) : std::next(it);
+  }
+  auto found = store.m_mapLogs.find(strPath);
+  if (found != store.m_mapLogs.end()) {
+    if (auto pLogger = found->second.lock()) return pLogger;
+  }
+  try {
+    auto pSink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(strPath, store.m_nMaxBytes, store.m_nMaxFiles);
+    // Not registered with spdlog's global registry: a host using spdlog for
+    // itself keeps its own names.
+    auto pLogger = std::make_shared<spdlog::logger>(strName, std::move(pSink));
+    pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e [%t] %v");
+    pLogger->set_level(spdlog::level::trace);
+    // Lines are rare (slow writes, failed creates) and wanted at once by
+    // whoever tails the file, so each one is flushed as it is written.
+    pLogger->flush_on(spdlog::level::trace);
+    pLogger->set_error_handler([](const std::string& strMsg) { ReportLogError(strMsg); });
+    store.m_mapLogs[strPath] = pLogger;
+    return pLogger;
+  } catch (const std::exception& e) {
+    ReportLogError(std::string("cannot open ") + strPath + ": " + e.what());
+    return nullptr;
+  }
+}
+
+void SetRotation(size_t nMaxBytes, size_t nMaxFiles) {
+  Store& store = TheStore();
+  std::lock_guard<std::mutex> lock(store.m_mutex);
+  store.m_nMaxBytes = nMaxBytes;
+  store.m_nMaxFiles = nMaxFiles;
+}
+
+}  // namespace qlt::logbook
