@@ -33,18 +33,21 @@ class KxFileTransfer {
   // False when the events could not be created; the object is then unusable.
   bool IsValid() const { return m_hDoneEvent && m_hAbortEvent && m_hNoAbortWaitersEvent; }
 
+  // Both apply from the next transfer on.
   void SetProgressCallBack(KX_TRANS_PROGRESS_CALLBACK pfnCallback, void* pUserData);
   void SetTransferBitrate(int nBitsPerSecond);
   // The limit the object holds now (8,192 after a transfer started with 0).
   int GetTransferBitrate();
+  // Achieved bits per second, 0 on failure (last error set); the caller
+  // keeps the paths.
   int TransferFile(const wchar_t* pszSource, const wchar_t* pszDestination);
+  // Returns at once when no transfer runs, else once it has stopped.
   void Abort();
 
  private:
   struct Settings {
     KX_TRANS_PROGRESS_CALLBACK pfnProgress;
     void* pUserData;
-    int nBitrate;
   };
 
   // Marks a transfer as running and takes the settings it runs with; false
