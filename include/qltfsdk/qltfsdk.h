@@ -5,6 +5,7 @@
 #define QLTFSDK_QLTFSDK_H
 
 #include "qltfsdk/export.h"
+#include "qltfsdk/filetransfer.h"
 #include "qltfsdk/wintypes.h"
 #include "qltfsdk/writeroption.h"
 

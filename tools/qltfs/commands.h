@@ -7,5 +7,6 @@
 #include <CLI/CLI.hpp>
 
 void AddInfoCommand(CLI::App& app);
+void AddCopyCommand(CLI::App& app);
 
 #endif  // QLTFS_TOOL_COMMANDS_H

@@ -7,6 +7,7 @@ int main(int argc, char** argv) {
   CLI::App app{"qltfs - file I/O services for very large files"};
   app.require_subcommand(1);
   AddInfoCommand(app);
+  AddCopyCommand(app);
   CLI11_PARSE(app, argc, argv);
   return 0;
 }
