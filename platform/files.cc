@@ -23,6 +23,7 @@ struct FileObject : KObject {
   dev_t dev = 0;
   ino_t ino = 0;
   bool deleteOnClose = false;
+  bool direct = false;  // opened with O_DIRECT: a short read means end of file
 };
 
 // Opens of one file by this process, for share-mode checks. Guarded by
@@ -157,8 +158,10 @@ extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD d
     return INVALID_HANDLE_VALUE;
   }
   int fd = -1;
+  bool direct = false;
   if (dwFlagsAndAttributes & FILE_FLAG_NO_BUFFERING) {
     fd = ::open(path.c_str(), flags | O_DIRECT, 0644);
+    direct = fd >= 0;
     if (fd < 0 && errno == EINVAL)
       fd = -1;  // the file system refuses direct I/O: open buffered
     else if (fd < 0)
@@ -194,6 +197,7 @@ extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD d
   f->dev = st.st_dev;
   f->ino = st.st_ino;
   f->deleteOnClose = (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0;
+  f->direct = direct;
   ShareTable()[{f->dev, f->ino}].push_back(OpenEntry{dwDesiredAccess, dwShareMode, f});
   RegisterHandle(f);
   bool reportExisted = existed && (dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == OPEN_ALWAYS);
@@ -221,6 +225,9 @@ extern "C" BOOL ReadFile(HANDLE h, LPVOID buf, DWORD n, LPDWORD pRead, LPOVERLAP
     }
     if (r == 0) break;
     done += static_cast<DWORD>(r);
+    // A direct read that comes back short has reached the end of the file;
+    // asking again would use an unaligned offset, which may be refused.
+    if (f->direct && done < limit) break;
   }
   if (ov) ::lseek(f->fd, at + done, SEEK_SET);
   if (pRead) *pRead = done;
