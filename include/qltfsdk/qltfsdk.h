@@ -6,6 +6,7 @@
 
 #include "qltfsdk/export.h"
 #include "qltfsdk/wintypes.h"
+#include "qltfsdk/sdkinfo.h"
 #include "qltfsdk/writeroption.h"
 
 #endif  // QLTFSDK_QLTFSDK_H
