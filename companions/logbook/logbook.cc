@@ -1,1 +1,148 @@
-// Logging library (placeholder until its components land).
+// QLT_LogBookU: items gathered per thread, one spdlog line per chain.
+#include <spdlog/spdlog.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+
+#include "companions/logbook/line_builder.h"
+#include "companions/logbook/log_store.h"
+#include "diagnostics/logbook_api.h"
+#include "platform/platform.h"
+
+using qlt::logbook::CPendingLines;
+
+namespace {
+
+// Serial numbers of log objects. Relaxed: only uniqueness matters.
+std::atomic<uint64_t> g_nNextSerial{1};
+
+const char kDefaultName[] = "QltLogBook";
+
+bool IsValidName(const std::string& strName) {
+  if (strName.empty() || strName == "." || strName == "..") return false;
+  return strName.find_first_of("/\\") == std::string::npos;
+}
+
+std::string Text(const CComBSTR& text) {
+  return text.m_str ? QltWideToUtf8(std::wstring(text.m_str, text.Length())) : "";
+}
+
+std::string Number(double value) {
+  char szText[64];
+  std::snprintf(szText, sizeof(szText), "%.3f", value);
+  return szText;
+}
+
+}  // namespace
+
+struct QLT_LogBookU::Impl {
+  const uint64_t m_nSerial = g_nNextSerial.fetch_add(1, std::memory_order_relaxed);
+  mutable std::mutex m_mutex;
+  std::string m_strName = kDefaultName;       // guarded by m_mutex
+  std::string m_strPath;                      // guarded by m_mutex; the opened file, "" before
+  std::shared_ptr<spdlog::logger> m_pLogger;  // guarded by m_mutex; null until the first line ends
+
+  // The logger for the next line, opened on first use; null when the file
+  // cannot be opened (the next line tries again).
+  std::shared_ptr<spdlog::logger> Logger() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_pLogger) {
+      std::string strPath = qlt::logbook::LogFilePathFor(m_strName);
+      m_pLogger = qlt::logbook::OpenSharedLog(m_strName, strPath);
+      if (m_pLogger) m_strPath = strPath;
+    }
+    return m_pLogger;
+  }
+};
+
+QLT_LogBookU::QLT_LogBookU() : m_pImpl(new Impl()) {}
+
+QLT_LogBookU::~QLT_LogBookU() {
+  CPendingLines::Take(m_pImpl->m_nSerial);
+  Flush();
+  delete m_pImpl;
+}
+
+int QLT_LogBookU::ConfigName(CComBSTR strName) {
+  std::string strText = Text(strName);
+  if (!IsValidName(strText)) return 0;
+  std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+  if (strText != m_pImpl->m_strName) {
+    m_pImpl->m_strName = strText;
+    m_pImpl->m_pLogger.reset();
+    m_pImpl->m_strPath.clear();
+  }
+  return 1;
+}
+
+void QLT_LogBookU::Append(const std::string& item) {
+  qlt::logbook::JoinItem(CPendingLines::LineOf(m_pImpl->m_nSerial), item);
+}
+
+void QLT_LogBookU::EndLine() {
+  std::string strLine = CPendingLines::Take(m_pImpl->m_nSerial);
+  std::shared_ptr<spdlog::logger> pLogger = m_pImpl->Logger();
+  if (!pLogger) return;
+  // The string_view form writes the text as it stands (no format fields).
+  pLogger->log(spdlog::source_loc{}, spdlog::level::info, spdlog::string_view_t(strLine));
+}
+
+void QLT_LogBookU::Flush() {
+  std::shared_ptr<spdlog::logger> pLogger;
+  {
+    std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+    pLogger = m_pImpl->m_pLogger;
+  }
+  if (pLogger) pLogger->flush();
+}
+
+std::string QLT_LogBookU::FilePath() const {
+  std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+  return m_pImpl->m_pLogger ? m_pImpl->m_strPath : qlt::logbook::LogFilePathFor(m_pImpl->m_strName);
+}
+
+int QLT_LogBookU::SetRotation(size_t nMaxBytes, size_t nMaxFiles) {
+  if (nMaxBytes == 0 || nMaxFiles == 0) return 0;
+  qlt::logbook::SetRotation(nMaxBytes, nMaxFiles);
+  return 1;
+}
+
+QLT_LogBookU& QLT_LogBookU::operator-(const CComBSTR& text) {
+  Append(Text(text));
+  return *this;
+}
+QLT_LogBookU& QLT_LogBookU::operator-(unsigned long value) {
+  Append(std::to_string(value));
+  return *this;
+}
+QLT_LogBookU& QLT_LogBookU::operator-(__int64 value) {
+  Append(std::to_string(value));
+  return *this;
+}
+QLT_LogBookU& QLT_LogBookU::operator-(double value) {
+  Append(Number(value));
+  return *this;
+}
+QLT_LogBookU& QLT_LogBookU::operator-(unsigned int value) {
+  Append(std::to_string(value));
+  return *this;
+}
+QLT_LogBookU& QLT_LogBookU::operator-(int value) {
+  Append(std::to_string(value));
+  return *this;
+}
+QLT_LogBookU& QLT_LogBookU::operator-(QLT_LOGBOOK_MANIP manip) { return manip ? manip(*this, 0) : *this; }
+
+QLT_LogBookU& QLT_LogBookU::operator<<(const CComBSTR& text) { return *this - text; }
+QLT_LogBookU& QLT_LogBookU::operator<<(unsigned long value) { return *this - value; }
+QLT_LogBookU& QLT_LogBookU::operator<<(unsigned int value) { return *this - value; }
+QLT_LogBookU& QLT_LogBookU::operator<<(int value) { return *this - value; }
+QLT_LogBookU& QLT_LogBookU::operator<<(__int64 value) { return *this - value; }
+QLT_LogBookU& QLT_LogBookU::operator<<(double value) { return *this - value; }
+QLT_LogBookU& QLT_LogBookU::operator<<(QLT_LOGBOOK_MANIP manip) { return *this - manip; }
+
+QLT_LogBookU& endl(QLT_LogBookU& log, unsigned long /*reserved*/) {
+  log.EndLine();
+  return log;
+}

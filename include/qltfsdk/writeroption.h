@@ -38,10 +38,10 @@ class QLTUTILBASE_API QLT_WriterOption2 {
  public:
   // Preset size for the file: returns 1 and stores the size in nSize when a
   // size above 0 is registered; returns 0 and leaves nSize alone otherwise.
-  static int GetPresetFileSize(CComBSTR strFileName, unsigned __int64& nSize);
+  static int GetPresetFileSize(CComBSTR strFileName, ULONGLONG& nSize);
   // Registers the size to reserve for the file when the writer creates it
   // (0 removes the preset). Returns 1, or 0 for an empty name.
-  static int SetPresetFileSize(CComBSTR strFileName, unsigned __int64 nSize);
+  static int SetPresetFileSize(CComBSTR strFileName, ULONGLONG nSize);
 };
 
 #endif  // QLTFSDK_WRITEROPTION_H

@@ -1,0 +1,96 @@
+#include "companions/logbook/log_store.h"
+
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace qlt::logbook {
+namespace {
+
+constexpr size_t kDefaultMaxBytes = 10 * 1024 * 1024;
+constexpr size_t kDefaultMaxFiles = 5;
+
+// Loggers by file path. Every field is guarded by m_mutex.
+struct Store {
+  std::mutex m_mutex;
+  std::map<std::string, std::weak_ptr<spdlog::logger>> m_mapLogs;
+  size_t m_nMaxBytes = kDefaultMaxBytes;
+  size_t m_nMaxFiles = kDefaultMaxFiles;
+};
+
+Store& TheStore() {
+  static Store* s_pStore = new Store();  // intentionally leaked: logs may end during exit
+  return *s_pStore;
+}
+
+// Native directory of this library's own file ("" when it cannot be told).
+std::string LibraryDirectory() {
+  HMODULE hSelf = QltModuleFromAddress(reinterpret_cast<const void*>(&LogFilePathFor));
+  wchar_t szFile[4096];
+  DWORD n = hSelf ? GetModuleFileNameW(hSelf, szFile, sizeof(szFile) / sizeof(szFile[0])) : 0;
+  if (n == 0) return std::string();
+  std::wstring strFile(szFile, n);
+  size_t nSlash = strFile.find_last_of(L'\\');
+  if (nSlash == std::wstring::npos) return std::string();
+  return QltNativePath(strFile.substr(0, nSlash).c_str());
+}
+
+void ReportLogError(const std::string& strWhat) { OutputDebugStringA(("QltLogBookU: " + strWhat + "\n").c_str()); }
+
+}  // namespace
+
+std::string LogFilePathFor(const std::string& strName) {
+  const char* pszRoot = std::getenv("QLTFS_LOG_ROOT");
+  std::string strRoot;
+  if (pszRoot && *pszRoot) {
+    strRoot = pszRoot;
+  } else {
+    static const std::string s_strLibDir = LibraryDirectory();
+    strRoot = (s_strLibDir.empty() ? std::string(".") : s_strLibDir) + "/sdk-log";
+  }
+  return strRoot + "/" + strName + "/" + strName + ".log";
+}
+
+std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const std::string& strPath) {
+  Store& store = TheStore();
+  std::lock_guard<std::mutex> lock(store.m_mutex);
+  for (auto it = store.m_mapLogs.begin(); it != store.m_mapLogs.end();) {
+    it = it->second.expired() ? store.m_mapLogs.erase(it) : std::next(it);
+  }
+  auto found = store.m_mapLogs.find(strPath);
+  if (found != store.m_mapLogs.end()) {
+    if (auto pLogger = found->second.lock()) return pLogger;
+  }
+  try {
+    auto pSink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(strPath, store.m_nMaxBytes, store.m_nMaxFiles);
+    // Not registered with spdlog's global registry: a host using spdlog for
+    // itself keeps its own names.
+    auto pLogger = std::make_shared<spdlog::logger>(strName, std::move(pSink));
+    pLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e [%t] %v");
+    pLogger->set_level(spdlog::level::trace);
+    // Lines are rare (slow writes, failed creates) and wanted at once by
+    // whoever tails the file, so each one is flushed as it is written.
+    pLogger->flush_on(spdlog::level::trace);
+    pLogger->set_error_handler([](const std::string& strMsg) { ReportLogError(strMsg); });
+    store.m_mapLogs[strPath] = pLogger;
+    return pLogger;
+  } catch (const std::exception& e) {
+    ReportLogError(std::string("cannot open ") + strPath + ": " + e.what());
+    return nullptr;
+  }
+}
+
+void SetRotation(size_t nMaxBytes, size_t nMaxFiles) {
+  Store& store = TheStore();
+  std::lock_guard<std::mutex> lock(store.m_mutex);
+  store.m_nMaxBytes = nMaxBytes;
+  store.m_nMaxFiles = nMaxFiles;
+}
+
+}  // namespace qlt::logbook

@@ -1,0 +1,77 @@
+// The error-code register: one last record per thread.
+#include "companions/utilbase/error_register.h"
+
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "platform/platform.h"
+
+namespace {
+
+struct StoredRecord {
+  int32_t nErrorCode = 0;
+  std::wstring strMessage;
+};
+
+// The register. Every field is guarded by m_mutex.
+struct Register {
+  std::mutex m_mutex;
+  int m_nRefs = 0;                                       // users between Create and Delete
+  std::unordered_map<uint32_t, StoredRecord> m_mapLast;  // thread id -> its last record
+};
+
+Register& TheRegister() {
+  static Register* s_pRegister = new Register();  // intentionally leaked: callers may run at exit
+  return *s_pRegister;
+}
+
+}  // namespace
+
+extern "C" int CreateErrorCodeVector() {
+  Register& r = TheRegister();
+  std::lock_guard<std::mutex> lock(r.m_mutex);
+  ++r.m_nRefs;
+  return 1;
+}
+
+extern "C" int SetErrorCodeInfo(ErrorCodeRecord* pRecord) {
+  if (!pRecord) return 0;
+  StoredRecord stored;
+  stored.nErrorCode = pRecord->nErrorCode;
+  if (pRecord->bstrMessage) stored.strMessage.assign(pRecord->bstrMessage, SysStringLen(pRecord->bstrMessage));
+  uint32_t nThread = pRecord->nThreadId != 0 ? pRecord->nThreadId : GetCurrentThreadId();
+  Register& r = TheRegister();
+  std::lock_guard<std::mutex> lock(r.m_mutex);
+  r.m_mapLast[nThread] = std::move(stored);
+  return 1;
+}
+
+extern "C" int GerLastErrorCodeInfo(ErrorCodeRecord* pRecord) {
+  if (!pRecord) return 0;
+  uint32_t nThread = GetCurrentThreadId();
+  StoredRecord found;
+  {
+    Register& r = TheRegister();
+    std::lock_guard<std::mutex> lock(r.m_mutex);
+    auto it = r.m_mapLast.find(nThread);
+    if (it == r.m_mapLast.end()) return 0;
+    found = it->second;
+  }
+  BSTR bstrMessage = SysAllocStringLen(found.strMessage.data(), static_cast<UINT>(found.strMessage.size()));
+  if (!bstrMessage) return 0;
+  pRecord->nThreadId = nThread;
+  pRecord->nErrorCode = found.nErrorCode;
+  pRecord->bstrMessage = bstrMessage;
+  std::memset(pRecord->reserved, 0, sizeof(pRecord->reserved));
+  return 1;
+}
+
+extern "C" int DeleteErrorCodeVector() {
+  Register& r = TheRegister();
+  std::lock_guard<std::mutex> lock(r.m_mutex);
+  if (r.m_nRefs == 0) return 0;
+  if (--r.m_nRefs == 0) r.m_mapLast.clear();
+  return 1;
+}

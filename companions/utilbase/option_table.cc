@@ -1,0 +1,52 @@
+#include "companions/utilbase/option_table.h"
+
+#include <cwctype>
+
+namespace qlt::utilbase {
+
+COptionTable& COptionTable::Instance() {
+  static COptionTable* s_pTable = new COptionTable();  // intentionally leaked: outlives every caller
+  return *s_pTable;
+}
+
+std::wstring COptionTable::Key(const wchar_t* pszName) {
+  std::wstring key(pszName);
+  for (wchar_t& c : key) c = (c == L'/') ? L'\\' : static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
+  return key;
+}
+
+bool COptionTable::Find(const wchar_t* pszName, WriterOptions* pOut) {
+  std::wstring key = Key(pszName);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  auto it = m_mapOptions.find(key);
+  if (it == m_mapOptions.end()) return false;
+  *pOut = it->second;
+  return true;
+}
+
+void COptionTable::SetBlockSize(const wchar_t* pszName, int nBytes) {
+  std::wstring key = Key(pszName);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_mapOptions[key].nBlockSize = nBytes;
+}
+
+void COptionTable::SetPresetSize(const wchar_t* pszName, uint64_t nBytes) {
+  std::wstring key = Key(pszName);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (nBytes > 0) {
+    m_mapOptions[key].nPresetSize = nBytes;
+    return;
+  }
+  auto it = m_mapOptions.find(key);
+  if (it == m_mapOptions.end()) return;
+  it->second.nPresetSize = 0;
+  if (it->second.nBlockSize == 0) m_mapOptions.erase(it);
+}
+
+bool COptionTable::Erase(const wchar_t* pszName) {
+  std::wstring key = Key(pszName);
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_mapOptions.erase(key) > 0;
+}
+
+}  // namespace qlt::utilbase

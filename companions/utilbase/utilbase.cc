@@ -1,1 +1,0 @@
-// Utility library (placeholder until its components land).
