@@ -20,14 +20,14 @@
 // afresh at each use, so whole-value atomicity is all that is needed and no
 // ordering with other data is implied.
 struct SdkSettingsRecord {
-  CRelaxedInt ReadBufSize{262144};  // bytes; the local back-end's read block
-  CRelaxedInt WriteBufSize{524288};  // bytes; each writer's block and staging size
-  CRelaxedInt ReadMode{1};           // 1: read without system buffering
-  CRelaxedInt WriteMode{0};          // 0: buffered write path, 1: no-buffering path
-  CRelaxedInt WriteRetryCount{0};    // reopen attempts after a failed block write
-  CRelaxedInt WriteRetryTime{0};     // milliseconds to wait after a failed reopen
-  CRelaxedInt LogFileOn{0};          // non-zero: write error-log entries
-  CRelaxedInt IOWriteTimeOn{0};      // non-zero: time every block write
+  CRelaxedInt ReadBufSize{262144};      // bytes; the local back-end's read block
+  CRelaxedInt WriteBufSize{524288};     // bytes; each writer's block and staging size
+  CRelaxedInt ReadMode{1};              // 1: read without system buffering
+  CRelaxedInt WriteMode{0};             // 0: buffered write path, 1: no-buffering path
+  CRelaxedInt WriteRetryCount{0};       // reopen attempts after a failed block write
+  CRelaxedInt WriteRetryTime{0};        // milliseconds to wait after a failed reopen
+  CRelaxedInt LogFileOn{0};             // non-zero: write error-log entries
+  CRelaxedInt IOWriteTimeOn{0};         // non-zero: time every block write
   CRelaxedInt IOWriteBlockTimeTh{100};  // milliseconds; slower writes are logged
 };
 

@@ -63,17 +63,16 @@ BOOL TimedWriteFile(HANDLE h, LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, 
   DWORD dwLastError = GetLastError();  // the caller may want the write's error
   LARGE_INTEGER end{};
   QueryPerformanceCounter(&end);
-  double dElapsedMs = frequency.QuadPart > 0
-                          ? static_cast<double>(end.QuadPart - start.QuadPart) * 1000.0 /
-                                static_cast<double>(frequency.QuadPart)
-                          : 0.0;
+  double dElapsedMs = frequency.QuadPart > 0 ? static_cast<double>(end.QuadPart - start.QuadPart) * 1000.0 /
+                                                   static_cast<double>(frequency.QuadPart)
+                                             : 0.0;
   QLT_LogBookU* pLog = State().pLog.load(std::memory_order_acquire);
   if (pLog && IsSlowWrite(dElapsedMs, SdkSettings.IOWriteBlockTimeTh)) {
     try {
-      *pLog - CComBSTR(L"this:") - static_cast<unsigned long>(nOwner)
-          - CComBSTR(nBuffered == 1 ? L"<BufferWriteFile> Offset = " : L"<NoBufferWriteFile> Offset = ")
-          - static_cast<__int64>(nOffset) - CComBSTR(L"Length = ") - static_cast<unsigned long>(nLength)
-          - CComBSTR(L"CostTime(ms):") - dElapsedMs - endl;
+      *pLog - CComBSTR(L"this:") - static_cast<unsigned long>(nOwner) -
+          CComBSTR(nBuffered == 1 ? L"<BufferWriteFile> Offset = " : L"<NoBufferWriteFile> Offset = ") -
+          static_cast<__int64>(nOffset) - CComBSTR(L"Length = ") - static_cast<unsigned long>(nLength) -
+          CComBSTR(L"CostTime(ms):") - dElapsedMs - endl;
     } catch (...) {
       // The log line is lost; the write's outcome stands.
     }
