@@ -110,30 +110,26 @@ TEST_F(LogFileWriterTest, LinesFromSeveralThreadsStayWhole) {
   std::vector<HANDLE> threads;
   for (int i = 0; i < 4; ++i) {
     HANDLE h = CreateThread(nullptr, 0, WriteLines, &m_log, 0, nullptr);
-    ASSERT_NE(h, nullptr);
-    threads.push_back(h);
+    EXPECT_NE(h, nullptr);
+    if (h) threads.push_back(h);
   }
   for (HANDLE h : threads) {
     EXPECT_EQ(WaitForSingleObject(h, 30000), WAIT_OBJECT_0);
     CloseHandle(h);
   }
   m_log.Close();
+  // Every line whole: 800 of them, each exactly one thread's text.
   std::string text = ReadWholeFile(m_dir.file("t.txt"));
-  size_t nLines = 0, pos = 0;
-  while ((pos = text.find("\r\n", pos)) != std::string::npos) {
-    ++nLines;
-    pos += 2;
-  }
-  EXPECT_EQ(nLines, 800u);
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find("\r\n", start);
+  const std::string tail = " line of fixed text";
+  size_t nLines = 0;
+  for (size_t start = 0, end; start < text.size(); start = end + 2, ++nLines) {
+    end = text.find("\r\n", start);
     ASSERT_NE(end, std::string::npos);
     std::string line = text.substr(start, end - start);
-    EXPECT_EQ(line.rfind("thread ", 0), 0u) << line;
-    EXPECT_NE(line.find(" line of fixed text"), std::string::npos) << line;
-    start = end + 2;
+    ASSERT_EQ(line.rfind("thread ", 0), 0u) << line;
+    ASSERT_EQ(line.find(tail), line.size() - tail.size()) << line;
   }
+  EXPECT_EQ(nLines, 800u);
 }
 
 }  // namespace

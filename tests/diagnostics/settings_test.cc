@@ -120,15 +120,6 @@ TEST_F(SettingsTest, FileBesideExecutableWinsOverOneBesideLibrary) {
   EXPECT_EQ(ChooseConfigDirectory(L"", module), module);
 }
 
-TEST_F(SettingsTest, ModuleDirectoryIsEmptyWhenUnknown) {
-  HMODULE hSaved = GetSdkModuleHandle();
-  SetSdkModuleHandle(nullptr);
-  EXPECT_EQ(GetModuleDirectory(), L"");
-  SetSdkModuleHandle(hSaved);
-  EXPECT_EQ(DirectoryOfPath(L"\\a\\b\\lib.so"), L"\\a\\b");
-  EXPECT_EQ(DirectoryOfPath(L"lib.so"), L"");
-}
-
 // Attach reads the drive map and settings from the library's directory,
 // picks the cache drive and hands the block size to the utility library.
 TEST_F(SettingsTest, AttachLoadsDrivesSettingsAndDefaultBlockSize) {

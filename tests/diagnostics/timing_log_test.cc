@@ -89,12 +89,6 @@ TEST_F(TimingLogTest, OnlyWritesSlowerThanThresholdAreLogged) {
   EXPECT_EQ(ReadWholeFile(m_dir.file("slow.dat")), "01234567890123456789");
 }
 
-TEST_F(TimingLogTest, ThresholdIsStrictlyGreater) {
-  EXPECT_FALSE(IsSlowWrite(100.0, 100));
-  EXPECT_TRUE(IsSlowWrite(100.001, 100));
-  EXPECT_TRUE(IsSlowWrite(0.0, -1));
-}
-
 TEST_F(TimingLogTest, NegativeThresholdLogsEveryWriteIncludingFailures) {
   SdkSettings.IOWriteBlockTimeTh = -1;
   EXPECT_TRUE(Write(0));
@@ -171,8 +165,8 @@ TEST_F(TimingLogTest, LinesFromSeveralThreadsStayWhole) {
   std::vector<HANDLE> threads;
   for (ThreadJob& job : jobs) {
     HANDLE h = CreateThread(nullptr, 0, TimedWrites, &job, 0, nullptr);
-    ASSERT_NE(h, nullptr);
-    threads.push_back(h);
+    EXPECT_NE(h, nullptr);
+    if (h) threads.push_back(h);
   }
   for (HANDLE h : threads) {
     EXPECT_EQ(WaitForSingleObject(h, 30000), WAIT_OBJECT_0);
