@@ -44,6 +44,11 @@ class QLTLOGBOOK_API QLT_LogBookU {
   // a path separator. Call before writing.
   int ConfigName(CComBSTR strName);
 
+  // Each item operator appends one item to the calling thread's unfinished
+  // line of this log and returns *this, so items chain left to right. Texts
+  // are written as UTF-8 (a null string is an empty item), integers in
+  // decimal, doubles with three decimals. A manipulator is called with this
+  // log: endl ends the line. operator<< is the same as operator-.
   QLT_LogBookU& operator-(const CComBSTR& text);
   QLT_LogBookU& operator-(unsigned long value);
   QLT_LogBookU& operator-(__int64 value);

@@ -23,7 +23,9 @@ class QLTUTILBASE_API QLT_EasyFile {
   int Open(CComBSTR strPath);
   // Copies up to nCount bytes from the current position into pBuffer and
   // advances. Returns the bytes read (0 at end of file), -1 when not open or
-  // on bad arguments (null buffer, negative count) or a read error.
+  // on bad arguments (null buffer, negative count) or a read error before
+  // any byte was copied (after some bytes, those are returned and the next
+  // call reports the error). The third argument is ignored.
   int Read(unsigned char* pBuffer, int nCount, int nReserved);
   // Current position, or -1 when not open.
   __int64 GetPos();
@@ -33,8 +35,8 @@ class QLTUTILBASE_API QLT_EasyFile {
   int SetPos(__int64 nPos, int nOrigin);
   // Size of the open file in bytes, or -1 when not open. The flag is reserved.
   __int64 GetFileSize(bool bReserved);
-  // Size of the read buffer for later reads. Returns 1, or 0 for a size
-  // below 1 (unchanged).
+  // Size of the read buffer for later reads (default 256 KiB). Returns 1,
+  // or 0 for a size below 1 or above 256 MiB (unchanged).
   int SetReadBlockSize(int nBytes);
   // Closes the file. Returns 1 (also when nothing was open).
   int Close();

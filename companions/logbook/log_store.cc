@@ -4,6 +4,7 @@
 #include <spdlog/spdlog.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -24,13 +25,14 @@ struct Store {
   size_t m_nMaxFiles = kDefaultMaxFiles;
 };
 
-Store& TheStore() {
-  static Store* s_pStore = new Store();  // intentionally leaked: logs may end during exit
-  return *s_pStore;
-}
+// Made when the library loads and destroyed when it unloads, after the
+// static objects of every library and executable that depends on it.
+Store g_store;
+
+Store& TheStore() { return g_store; }
 
 // Native directory of this library's own file ("" when it cannot be told).
-std::string LibraryDirectory() {
+std::string FindLibraryDirectory() {
   HMODULE hSelf = QltModuleFromAddress(reinterpret_cast<const void*>(&LogFilePathFor));
   wchar_t szFile[4096];
   DWORD n = hSelf ? GetModuleFileNameW(hSelf, szFile, sizeof(szFile) / sizeof(szFile[0])) : 0;
@@ -39,6 +41,19 @@ std::string LibraryDirectory() {
   size_t nSlash = strFile.find_last_of(L'\\');
   if (nSlash == std::wstring::npos) return std::string();
   return QltNativePath(strFile.substr(0, nSlash).c_str());
+}
+
+// The library's directory ("." when it cannot be told), found once. Kept in
+// trivially destructible storage so that a log written from a static
+// destructor at exit still finds it.
+const char* LibraryDirectory() {
+  static std::once_flag s_once;
+  static char s_szDir[4096] = ".";
+  std::call_once(s_once, [] {
+    std::string strDir = FindLibraryDirectory();
+    if (!strDir.empty() && strDir.size() < sizeof(s_szDir)) std::memcpy(s_szDir, strDir.c_str(), strDir.size() + 1);
+  });
+  return s_szDir;
 }
 
 void ReportLogError(const std::string& strWhat) { OutputDebugStringA(("QltLogBookU: " + strWhat + "\n").c_str()); }
@@ -51,8 +66,7 @@ std::string LogFilePathFor(const std::string& strName) {
   if (pszRoot && *pszRoot) {
     strRoot = pszRoot;
   } else {
-    static const std::string s_strLibDir = LibraryDirectory();
-    strRoot = (s_strLibDir.empty() ? std::string(".") : s_strLibDir) + "/sdk-log";
+    strRoot = std::string(LibraryDirectory()) + "/sdk-log";
   }
   return strRoot + "/" + strName + "/" + strName + ".log";
 }

@@ -22,10 +22,12 @@ struct Register {
   std::unordered_map<uint32_t, StoredRecord> m_mapLast;  // thread id -> its last record
 };
 
-Register& TheRegister() {
-  static Register* s_pRegister = new Register();  // intentionally leaked: callers may run at exit
-  return *s_pRegister;
-}
+// Made when the library loads, before any host object can call in, and
+// destroyed when it unloads, after every library and executable that needs
+// it has run its own static destructors.
+Register g_register;
+
+Register& TheRegister() { return g_register; }
 
 }  // namespace
 

@@ -4,10 +4,15 @@
 
 namespace qlt::utilbase {
 
-COptionTable& COptionTable::Instance() {
-  static COptionTable* s_pTable = new COptionTable();  // intentionally leaked: outlives every caller
-  return *s_pTable;
-}
+namespace {
+
+// Made when the library loads and destroyed when it unloads, so it outlives
+// every caller in the libraries and executables that depend on it.
+COptionTable g_table;
+
+}  // namespace
+
+COptionTable& COptionTable::Instance() { return g_table; }
 
 std::wstring COptionTable::Key(const wchar_t* pszName) {
   std::wstring key(pszName);

@@ -21,8 +21,7 @@ struct WriterOptions {
 // Thread-safe: every operation takes m_mutex; any thread may call.
 class COptionTable {
  public:
-  // The one table of the process (never destroyed, so it can be used from
-  // other libraries' static destructors).
+  // The one table of the process, alive while the library is loaded.
   static COptionTable& Instance();
 
   // Copies the options of the file into *pOut; false when it has no entry.

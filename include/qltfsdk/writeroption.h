@@ -1,6 +1,7 @@
 // Per-file writer options of the utility library (qltUtilBase).
 //
-// A process-wide table keyed by file name (compared without regard to case)
+// A process-wide table keyed by file name (compared without regard to case,
+// '/' and '\' counting as the same separator)
 // holds a write block size and a preset size per file. The SDK's writer asks
 // for both when it creates or attaches a file and clears the entry when it
 // closes it; hosts register entries before creating the file. All calls are
