@@ -12,14 +12,25 @@
 
 namespace {
 
-// One folder for the whole run, holding the current input as qltfsdk.ini.
-const std::string& IniPath() {
-  static const std::string* pPath = [] {
+// One folder for the whole run, holding the current input as qltfsdk.ini;
+// removed when the run ends.
+struct RunFolder {
+  RunFolder() {
     std::string tmpl = (std::filesystem::temp_directory_path() / "qltfs-fuzz-XXXXXX").string();
     if (!mkdtemp(&tmpl[0])) std::abort();
-    return new std::string(tmpl + "/qltfsdk.ini");
-  }();
-  return *pPath;
+    m_strDir = tmpl;
+  }
+  ~RunFolder() {
+    std::error_code ec;
+    std::filesystem::remove_all(m_strDir, ec);
+  }
+  std::string m_strDir;
+};
+
+const std::string& IniPath() {
+  static RunFolder folder;
+  static const std::string path = folder.m_strDir + "/qltfsdk.ini";
+  return path;
 }
 
 }  // namespace
