@@ -36,9 +36,15 @@ bool FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR file, std::string* value) {
   if (!qlt::plat::TranslatePath(file, &path)) return false;
   std::ifstream in(path, std::ios::binary);
   if (!in) return false;
+  // Size the buffer to the file (at most kMaxSettingsFile), so that each key
+  // read costs what the file holds rather than a 1 MiB buffer.
+  in.seekg(0, std::ios::end);
+  std::streamoff nSize = in.tellg();
+  in.seekg(0, std::ios::beg);
+  if (nSize < 0) nSize = 0;
   std::string text;
-  text.resize(kMaxSettingsFile);
-  in.read(&text[0], static_cast<std::streamsize>(kMaxSettingsFile));
+  text.resize(static_cast<size_t>(nSize) < kMaxSettingsFile ? static_cast<size_t>(nSize) : kMaxSettingsFile);
+  if (!text.empty()) in.read(&text[0], static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<size_t>(in.gcount()));
   if (text.size() >= 3 && text.compare(0, 3, "\xEF\xBB\xBF") == 0) text.erase(0, 3);
 

@@ -7,6 +7,7 @@
 #include "qltfsdk/export.h"
 #include "qltfsdk/filetransfer.h"
 #include "qltfsdk/wintypes.h"
+#include "qltfsdk/sdkinfo.h"
 #include "qltfsdk/writeroption.h"
 
 #endif  // QLTFSDK_QLTFSDK_H

@@ -1,0 +1,71 @@
+#include "diagnostics/module_paths.h"
+
+#include <atomic>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace {
+
+// Written once by start-up, read by any thread later. Release/acquire so a
+// reader that sees the handle also sees everything start-up did before
+// storing it (the loader's own ordering makes this redundant in practice).
+std::atomic<HMODULE> g_hSdkModule{nullptr};
+
+struct ModuleDirOverride {
+  std::mutex lock;
+  std::wstring strDir;  // guarded by lock; empty: no override
+};
+
+ModuleDirOverride& Override() {
+  static ModuleDirOverride* pOverride = new ModuleDirOverride;  // never destroyed: usable during exit
+  return *pOverride;
+}
+
+std::wstring ModuleFileName(HMODULE hModule) {
+  wchar_t name[MAX_PATH + 1] = {};
+  DWORD n = GetModuleFileNameW(hModule, name, MAX_PATH);
+  if (n == 0 || n >= MAX_PATH) return std::wstring();  // unknown or cut short
+  return std::wstring(name, n);
+}
+
+}  // namespace
+
+void SetSdkModuleHandle(HMODULE hModule) { g_hSdkModule.store(hModule, std::memory_order_release); }
+
+HMODULE GetSdkModuleHandle() { return g_hSdkModule.load(std::memory_order_acquire); }
+
+std::wstring DirectoryOfPath(const std::wstring& path) {
+  size_t slash = path.rfind(L'\\');
+  return slash == std::wstring::npos ? std::wstring() : path.substr(0, slash);
+}
+
+void SetModuleDirectoryOverride(const std::wstring& dir) {
+  ModuleDirOverride& o = Override();
+  std::lock_guard<std::mutex> guard(o.lock);
+  o.strDir = dir;
+}
+
+std::wstring GetModuleDirectory() {
+  {
+    ModuleDirOverride& o = Override();
+    std::lock_guard<std::mutex> guard(o.lock);
+    if (!o.strDir.empty()) return o.strDir;
+  }
+  HMODULE hModule = GetSdkModuleHandle();
+  // A null handle would name the executable, not the library: report unknown.
+  if (!hModule) return std::wstring();
+  return DirectoryOfPath(ModuleFileName(hModule));
+}
+
+std::wstring GetExecutableDirectory() { return DirectoryOfPath(ModuleFileName(nullptr)); }
+
+std::wstring ChooseConfigDirectory(const std::wstring& exeDir, const std::wstring& moduleDir) {
+  if (!exeDir.empty()) {
+    std::wstring ini = exeDir + L"\\qltfsdk.ini";
+    if (_waccess(ini.c_str(), 4) == 0) return exeDir;
+  }
+  return moduleDir;
+}
+
+std::wstring GetConfigDirectory() { return ChooseConfigDirectory(GetExecutableDirectory(), GetModuleDirectory()); }

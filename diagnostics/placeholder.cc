@@ -1,1 +1,0 @@
-// Placeholder until the diagnostics component lands.
