@@ -1,5 +1,6 @@
 // qltfs: a command-line tool over the qltfsdk library.
 #include <CLI/CLI.hpp>
+#include <iostream>
 
 #include "commands.h"
 
@@ -8,6 +9,15 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   AddInfoCommand(app);
   AddCopyCommand(app);
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& e) {  // --help and friends
+    return app.exit(e);
+  } catch (const CLI::RuntimeError& e) {  // a command failed and has said why
+    return e.get_exit_code();
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "qltfs: " << e.what() << " (see qltfs --help)\n";
+    return 2;
+  }
   return 0;
 }
