@@ -77,7 +77,7 @@ TEST_F(DataFifoPoolTest, SixthRecordWaitsWhenBothTinyRingsAreFullAndResumesOnRea
 }
 
 TEST_F(DataFifoPoolTest, StopWithFullRingsReleasesEveryThreadItStarted) {
-  const int before = fifotest::ThreadCount();
+  const int before = fifotest::BaselineThreadCount();
   m_pool.SetWriteCacheSize(64);
   m_pool.SetMemoryPoolSize(64);
   ASSERT_EQ(m_pool.StartFifo(), 1);

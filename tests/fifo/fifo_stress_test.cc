@@ -26,7 +26,7 @@ uint64_t RecordCount() {
   if (const char* s = std::getenv("QLTFS_STRESS_RECORDS"))
     if (*s) return std::strtoull(s, nullptr, 10);
 #ifdef QLT_SANITIZED_BUILD
-  return 40000;
+  return 150000;
 #else
   return 1000000;
 #endif
@@ -79,7 +79,7 @@ Tally Consume(uint64_t nRecords, ReadFn read, const std::function<void(uint64_t)
 
 TEST(FifoStressTest, PoolCarriesEveryRecordOnceAndInOrder) {
   const uint64_t nRecords = RecordCount();
-  const int before = fifotest::ThreadCount();
+  const int before = fifotest::BaselineThreadCount();
   QLCT_DataFifoPool pool;
   ASSERT_EQ(pool.Initialize(), 1);
   pool.SetWriteCacheSize(4 << 20);
@@ -121,7 +121,7 @@ TEST(FifoStressTest, PoolCarriesEveryRecordOnceAndInOrder) {
 
 TEST(FifoStressTest, ManagerInDiskModeCarriesEveryRecordOnceAndInOrder) {
   const uint64_t nRecords = RecordCount();
-  const int before = fifotest::ThreadCount();
+  const int before = fifotest::BaselineThreadCount();
   TempDir dir;
   CDataFifoMan man;
   ASSERT_TRUE(man.SetDiskPath(dir.wpath("spill")));
