@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
+#include "tests/fifo/fifo_test_util.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -20,8 +20,7 @@ TEST(FifoDiskFileTest, NewFilesGetDistinctGuidNamesInTheFolder) {
   ASSERT_TRUE(a.CreateNewFile());
   ASSERT_TRUE(b.CreateNewFile());
   EXPECT_NE(a.GetFileName(), b.GetFileName());
-  std::regex name("[0-9a-f]{32}");
-  EXPECT_TRUE(std::regex_match(QltWideToUtf8(a.GetFileName()), name));
+  EXPECT_TRUE(fifotest::IsHexName(QltWideToUtf8(a.GetFileName())));
   EXPECT_EQ(a.GetPath(), dir.wpath() + L"\\" + a.GetFileName() + L".dat");
   EXPECT_TRUE(FileExists(NativeOf(a.GetPath())));
 }

@@ -77,6 +77,14 @@ inline bool CheckRecord(uint64_t seq, const char* p, size_t len, std::vector<cha
   return std::memcmp(p, scratch.data(), len) == 0;
 }
 
+// True for 32 lowercase hexadecimal digits followed by suffix.
+inline bool IsHexName(const std::string& name, const std::string& suffix = "") {
+  if (name.size() != 32 + suffix.size() || name.compare(32, std::string::npos, suffix) != 0) return false;
+  for (size_t i = 0; i < 32; ++i)
+    if (!((name[i] >= '0' && name[i] <= '9') || (name[i] >= 'a' && name[i] <= 'f'))) return false;
+  return true;
+}
+
 // Thread count to compare against later: starts and joins one thread first,
 // so that helper threads a runtime adds on the first thread start (the
 // thread sanitizer's, for one) are already counted.
