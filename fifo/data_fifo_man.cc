@@ -168,6 +168,22 @@ BOOL CDataFifoMan::WriteBuffer(const void* pPayload, LONG nLen) {
   return TRUE;
 }
 
+BOOL CDataFifoMan::TryWriteBuffer(const void* pPayload, LONG nLen) {
+  if (!pPayload || nLen < 0) return FALSE;
+  m_nProducersInside.fetch_add(1);
+  struct Leave {
+    std::atomic<int>& n;
+    ~Leave() { n.fetch_sub(1); }
+  } leave{m_nProducersInside};
+  if (!m_bRunning.load() || m_nBufferingMode.load(std::memory_order_relaxed) != 0 ||
+      m_nDiskState.load(std::memory_order_acquire) != 0)
+    return FALSE;
+  // The caller is the ring's only writer now, so the free space can only
+  // grow between the test and the write: the write cannot wait.
+  if (m_pMemoryPool->FreeSpace() - 4 < nLen) return FALSE;
+  return WriteRecordToRing(pPayload, nLen) ? TRUE : FALSE;
+}
+
 void CDataFifoMan::WriteMemoryFirst(const void* pPayload, LONG nLen) {
   // Only this producer adds data while the disk state is 0 (no file exists,
   // so the mover is idle), so the free space can only grow after the test.

@@ -70,6 +70,11 @@ class CDataFifoMan {
   // is not running, nLen is negative, or nLen exceeds the ring's capacity.
   // Disk write failures do not reach the producer (still 1). Producer thread.
   BOOL WriteBuffer(const void* pPayload, LONG nLen);
+  // Queues one record only if that needs no waiting and no disk: in mode 0
+  // (disk state 0) with room for the whole record in the ring. Returns 1
+  // when queued, 0 otherwise (nothing written). Same caller as WriteBuffer;
+  // the two are never called at once.
+  BOOL TryWriteBuffer(const void* pPayload, LONG nLen);
   // Takes the next record into pDst, which must hold the longest record the
   // producer writes; waits until one is there. Returns 1 with the outcome in
   // nLen: L >= 0 a record of L bytes, -1 the end of the data or a stopped

@@ -4,9 +4,15 @@
 #include <algorithm>
 #include <new>
 
-KxDataFifoPool::KxDataFifoPool() { m_fifoMan.SetBufferingMode(0); }
+KxDataFifoPool::KxDataFifoPool() {
+  InitializeCriticalSection(&m_csForward);
+  m_fifoMan.SetBufferingMode(0);
+}
 
-KxDataFifoPool::~KxDataFifoPool() { StopFifo(); }
+KxDataFifoPool::~KxDataFifoPool() {
+  StopFifo();
+  DeleteCriticalSection(&m_csForward);
+}
 
 LONG KxDataFifoPool::SetFifoOpMode(LONG) { return 1; }
 
@@ -41,6 +47,7 @@ LONG KxDataFifoPool::StartFifo() {
   }
   m_nMaxPayload = std::min(m_nWriteCacheSize, m_fifoMan.GetRingCapacity());
   m_bEndSent.store(false);
+  m_nQueued.store(0);
   m_bCacheRunning.store(true);
   m_hCacheExitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   m_hCacheStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
@@ -68,6 +75,16 @@ LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
     return 1;
   }
   if (static_cast<DWORD>(nLen) > m_nMaxPayload) return 0;  // could never fit
+  // Short cut: with nothing on its way through the write cache and room in
+  // the memory ring, the record goes straight into the ring (one copy fewer,
+  // no hand-over). Order and waiting stay as through the cache: the record
+  // is behind every earlier one, and the producer still waits only when the
+  // write cache is full.
+  if (m_nQueued.load() == 0) {
+    CAutoLock lock(&m_csForward);  // free: the cache thread holds it only while m_nQueued > 0
+    if (m_fifoMan.TryWriteBuffer(pData, nLen)) return 1;
+  }
+  m_nQueued.fetch_add(1);
   LONG nHead = 4;
   m_pWriteCache->WriteData(&nLen, nHead);
   if (nHead != 4 || !m_bAccepting.load()) return 0;  // StopFifo cut the wait short
@@ -145,7 +162,9 @@ void KxDataFifoPool::CacheLoop() {
     if (nBody != nLen || !m_bCacheRunning.load()) break;
     // An empty record is forwarded like any other: the staging buffer is
     // never null here, so it cannot be mistaken for the end of data.
+    CAutoLock lock(&m_csForward);
     m_fifoMan.WriteBuffer(m_pStaging, nLen);
+    m_nQueued.fetch_sub(1);
   }
   m_bCacheRunning.store(false);
   SetEvent(m_hCacheExitEvent);

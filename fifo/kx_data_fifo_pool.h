@@ -86,6 +86,15 @@ class KxDataFifoPool {
   std::atomic<int> m_nProducersInside{0};
   std::atomic<bool> m_bEndSent{false};  // the producer has marked the end
   DWORD m_nMaxPayload = 0;              // smaller ring capacity; set before m_bAccepting
+  // Records accepted into the write cache and not yet handed to the manager.
+  // Only the producer increments it (under m_csForward) and only the cache
+  // thread decrements it (under m_csForward, after the hand-over). While it
+  // is 0 no record is on its way through the cache, so the producer may put
+  // a record straight into the manager's memory ring without overtaking one.
+  std::atomic<LONG> m_nQueued{0};
+  // Serialises the two writers of the manager: the cache thread's hand-over
+  // and the producer's direct write.
+  CRITICAL_SECTION m_csForward;
 };
 
 #endif  // QLTFSDK_FIFO_KX_DATA_FIFO_POOL_H

@@ -85,6 +85,19 @@ inline bool IsHexName(const std::string& name, const std::string& suffix = "") {
   return true;
 }
 
+// The thread count once it has come down to n, or whatever it is after a
+// bounded wait. A joined thread can stay listed for a moment after the join
+// returns (the kernel removes it from /proc after waking the joiner).
+inline int ThreadCountSettling(int n) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  int now = ThreadCount();
+  while (now > n && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    now = ThreadCount();
+  }
+  return now;
+}
+
 // Thread count to compare against later: starts and joins one thread first,
 // so that helper threads a runtime adds on the first thread start (the
 // thread sanitizer's, for one) are already counted.
