@@ -4,6 +4,7 @@
 #ifndef QLTFSDK_QLTFSDK_H
 #define QLTFSDK_QLTFSDK_H
 
+#include "qltfsdk/datafifopool.h"
 #include "qltfsdk/export.h"
 #include "qltfsdk/filetransfer.h"
 #include "qltfsdk/wintypes.h"

@@ -1,0 +1,146 @@
+// CDataFifoMan: an ordered queue of variable-length records between one
+// producer and one consumer, over a memory ring with optional disk overflow.
+//
+// A record is a 32-bit signed length L and L payload bytes (4 length bytes,
+// little-endian, then the payload, both in the ring and in overflow files).
+// Buffering mode 0 keeps everything in the memory ring: a producer that finds
+// it full waits for the consumer. Mode 1 spills records that do not fit to
+// numbered overflow files (CFifoDiskFile) and a mover thread copies the oldest
+// file back into the ring when the consumer has made room, so records still
+// leave exactly once and in the order they entered.
+//
+// Thread rule: the setters, StartFifo and StopFifo come from one controlling
+// thread; while running, one producer thread calls WriteBuffer and one
+// consumer thread calls ReadBuffer. StopFifo releases a consumer waiting in
+// ReadBuffer and a producer waiting for room, and returns only when neither
+// is inside the memory ring any more and the mover thread has been joined.
+// Lock order: m_csWriteFile before m_csFiles, m_csRead before m_csFiles; the
+// ring's own lock is innermost.
+#ifndef QLTFSDK_FIFO_DATA_FIFO_MAN_H
+#define QLTFSDK_FIFO_DATA_FIFO_MAN_H
+
+#include <atomic>
+#include <deque>
+#include <string>
+
+#include "fifo/fifo_disk_file.h"
+#include "fifo/ring_stream.h"
+#include "platform/platform.h"
+
+class CDataFifoMan {
+ public:
+  static constexpr DWORD kDefaultMemoryPoolSize = 0x2000000;  // 32 MiB
+  static constexpr DWORD kLowWater = 0x200000;                // half a disk file's limit
+  // Free ring space above which the consumer asks for a move: a whole disk
+  // file plus the low-water mark.
+  static constexpr LONG kMoveThreshold = static_cast<LONG>(CFifoDiskFile::kMaxSize + kLowWater);
+
+  // Mode 0, 32 MiB ring for the next StartFifo, disk folder "C:\Temp" (which
+  // it tries to create), 1 MiB mover staging buffer.
+  CDataFifoMan();
+  // Stops the manager (see StopFifo) and frees the staging buffer.
+  virtual ~CDataFifoMan();
+  CDataFifoMan(const CDataFifoMan&) = delete;
+  CDataFifoMan& operator=(const CDataFifoMan&) = delete;
+
+  // Mode 0 (memory only) or 1 (memory, then disk): returns 1 and stores it.
+  // Any other mode, or mode 1 while running over a ring too small to ever
+  // move a file back (not above kMoveThreshold), returns 0 and keeps the
+  // mode. Takes effect with the next WriteBuffer.
+  BOOL SetBufferingMode(LONG nMode);
+  // Ring capacity for the next StartFifo. Returns 1.
+  BOOL SetMemoryPoolSize(DWORD nBytes);
+  // Creates the folder and every missing parent ('\' or '/' separators).
+  // Returns 1 when the folder exists afterwards (and stores it for new disk
+  // files), 0 otherwise (the old folder stays).
+  BOOL SetDiskPath(const std::wstring& strFolder);
+  // Starts a new run with an empty ring and no disk files (stopping a
+  // running one first). Returns 1 when the ring is allocated and the mover
+  // thread runs; 0 when either fails, or in mode 1 with a ring too small to
+  // move files back. After a 0 nothing runs; StopFifo and a later StartFifo
+  // are both safe.
+  BOOL StartFifo();
+  // Ends the run: releases and waits out a consumer inside ReadBuffer and a
+  // producer inside WriteBuffer, joins the mover thread, frees the ring and
+  // deletes every disk file. Safe to call at any time, repeatedly.
+  void StopFifo();
+  // Queues one record of nLen bytes (a null payload signals the end of the
+  // data instead; nLen is then ignored). In mode 0 waits while the ring is
+  // full. Returns 1 when queued or the end is signalled; 0 when the manager
+  // is not running, nLen is negative, or nLen exceeds the ring's capacity.
+  // Disk write failures do not reach the producer (still 1). Producer thread.
+  BOOL WriteBuffer(const void* pPayload, LONG nLen);
+  // Queues one record only if that needs no waiting and no disk: in mode 0
+  // (disk state 0) with room for the whole record in the ring. Returns 1
+  // when queued, 0 otherwise (nothing written). Same caller as WriteBuffer;
+  // the two are never called at once.
+  BOOL TryWriteBuffer(const void* pPayload, LONG nLen);
+  // Takes the next record into pDst, which must hold the longest record the
+  // producer writes; waits until one is there. Returns 1 with the outcome in
+  // nLen: L >= 0 a record of L bytes, -1 the end of the data or a stopped
+  // manager, -2 a stored length below -1. A null pDst returns 0 with
+  // nLen = -1 and consumes nothing. Consumer thread.
+  BOOL ReadBuffer(void* pDst, LONG& nLen);
+
+  // Capacity of the running ring (0 when stopped). Any thread while running.
+  DWORD GetRingCapacity() const { return m_nRingCapacity.load(std::memory_order_acquire); }
+  DWORD GetMemoryPoolSize() const { return m_nMemoryPoolSize; }
+
+ private:
+  static DWORD WINAPI MoverThreadProc(LPVOID pParam);
+  void MoverLoop();
+  // Writes one whole record into the ring; false when StopFifo cut it short.
+  bool WriteRecordToRing(const void* pPayload, LONG nLen);
+  void WriteMemoryFirst(const void* pPayload, LONG nLen);
+  void WriteToDisk(const void* pPayload, LONG nLen);
+  CFifoDiskFile* OpenNewDiskFile();
+  void MoveFileToMemory(CFifoDiskFile* pFile);
+  // Requires m_csFiles. Asks the mover for the oldest file when no move is
+  // pending and the ring has room for it.
+  void RequestMoveLocked();
+  // Requires m_csFiles. Marks the ring's end once the producer has ended and
+  // every disk file has been moved back.
+  void MarkEndIfDrainedLocked();
+  void ReleaseRingWriters();
+
+  // Set by the mover when it ends. Created by StartFifo, closed by StopFifo
+  // (controlling thread only).
+  HANDLE m_hExitEvent = nullptr;
+  HANDLE m_hThread = nullptr;  // mover thread; controlling thread only
+  // Between StartFifo and StopFifo. Sequentially consistent: StartFifo
+  // publishes m_pMemoryPool before setting it, and a producer's increment of
+  // m_nProducersInside and its load of m_bRunning pair with StopFifo's store
+  // and its load of the count (either the producer sees false or StopFifo
+  // sees it inside).
+  std::atomic<bool> m_bRunning{false};
+  HANDLE m_hWorkEvent = nullptr;  // manual reset: asks the mover for one move
+  // Owned memory ring. Created before m_bRunning is set; freed by StopFifo
+  // only after the consumer (m_csRead), the producer (m_nProducersInside)
+  // and the mover (joined) are all out of it.
+  CRingStream* m_pMemoryPool = nullptr;
+  std::atomic<DWORD> m_nRingCapacity{0};             // capacity of m_pMemoryPool; 0 when none
+  DWORD m_nMemoryPoolSize = kDefaultMemoryPoolSize;  // controlling thread only
+  std::wstring m_strDiskPath = L"C:\\Temp";          // guarded by m_csFiles
+  // 0: new records go to memory; 1: to disk. Written under m_csFiles; the
+  // producer also reads it without the lock (acquire) to pick its path. Only
+  // the producer turns it to 1 and only the mover back to 0, so a stale 1
+  // merely sends the producer to WriteToDisk, which re-checks under the lock.
+  std::atomic<LONG> m_nDiskState{0};
+  std::deque<CFifoDiskFile*> m_arrDiskFiles;  // owned, oldest first; guarded by m_csFiles
+  CFifoDiskFile* m_pWriteFile = nullptr;      // file receiving records; guarded by m_csWriteFile
+  CRITICAL_SECTION m_csWriteFile;             // m_pWriteFile and disk writing
+  CRITICAL_SECTION m_csRead;                  // serialises ReadBuffer; held across its ring waits
+  CRITICAL_SECTION m_csFiles;                 // m_arrDiskFiles, m_nDiskState, m_pMoveFile
+  DWORD m_nLowWater = kLowWater;
+  BYTE* m_pMoveBuffer = nullptr;          // mover's staging buffer; mover thread only
+  DWORD m_nMoveBufferSize = 0x100000;     // its size
+  CFifoDiskFile* m_pMoveFile = nullptr;   // file of the requested move; guarded by m_csFiles
+  LONG m_nMoveIndex = 0;                  // its index in m_arrDiskFiles (always 0)
+  std::atomic<bool> m_bEndOfData{false};  // producer ended; written under m_csFiles
+  // Moves requested and not finished (0 or 1). Changed under m_csFiles.
+  std::atomic<LONG> m_nPendingMoves{0};
+  std::atomic<LONG> m_nBufferingMode{0};   // read by the producer (relaxed: any recent value will do)
+  std::atomic<int> m_nProducersInside{0};  // producers inside WriteBuffer; see m_bRunning
+};
+
+#endif  // QLTFSDK_FIFO_DATA_FIFO_MAN_H

@@ -1,0 +1,103 @@
+// Temporary overflow file: create under a GUID name, append records, read
+// them back, delete.
+#include "fifo/fifo_disk_file.h"
+
+#include <cstdio>
+
+namespace {
+
+// Reads a 32-bit number from four bytes in little-endian order.
+DWORD LoadLe32(const uint8_t* p) {
+  return static_cast<DWORD>(p[0]) | static_cast<DWORD>(p[1]) << 8 | static_cast<DWORD>(p[2]) << 16 |
+         static_cast<DWORD>(p[3]) << 24;
+}
+
+void StoreLe32(uint8_t* p, DWORD v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+  p[2] = static_cast<uint8_t>(v >> 16);
+  p[3] = static_cast<uint8_t>(v >> 24);
+}
+
+}  // namespace
+
+CFifoDiskFile::CFifoDiskFile() = default;
+
+CFifoDiskFile::~CFifoDiskFile() { CloseAndDelete(); }
+
+BOOL CFifoDiskFile::SetFolder(const std::wstring& strFolder) {
+  m_strFolder = strFolder;
+  return TRUE;
+}
+
+BOOL CFifoDiskFile::CreateNewFile() {
+  CloseFile();
+  GUID guid{};
+  CoCreateGuid(&guid);
+  wchar_t szName[40];
+  std::swprintf(szName, sizeof szName / sizeof szName[0], L"%08x%04x%04x%08x%08x", guid.Data1, guid.Data2, guid.Data3,
+                LoadLe32(guid.Data4), LoadLe32(guid.Data4 + 4));
+  m_strFileName = szName;
+  m_strPath = m_strFolder + L"\\" + m_strFileName + L".dat";
+  m_hFile = CreateFileW(m_strPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  m_nWrittenSize = 0;
+  return IsOpen();
+}
+
+BOOL CFifoDiskFile::WriteRecord(const void* pPayload, LONG nLen) {
+  if (nLen < 0 || (!pPayload && nLen > 0)) return FALSE;
+  if (!IsOpen() && !CreateNewFile()) return FALSE;
+  uint8_t len[4];
+  StoreLe32(len, static_cast<DWORD>(nLen));
+  DWORD nDone = 0;
+  // WriteFile hands the bytes to the system at once (there is no user-space
+  // buffer to flush), so each record is on its way to the disk when this
+  // returns.
+  if (!WriteFile(m_hFile, len, 4, &nDone, nullptr) || nDone != 4) return FALSE;
+  if (nLen > 0 &&
+      (!WriteFile(m_hFile, pPayload, static_cast<DWORD>(nLen), &nDone, nullptr) || nDone != static_cast<DWORD>(nLen)))
+    return FALSE;
+  m_nWrittenSize += static_cast<DWORD>(nLen) + 4;
+  return TRUE;
+}
+
+BOOL CFifoDiskFile::ReadRecord(void* pDst, LONG& nLen) {
+  if (!IsOpen()) {
+    m_hFile =
+        CreateFileW(m_strPath.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+    if (!IsOpen()) {
+      nLen = 0;
+      return FALSE;
+    }
+  }
+  DWORD nRead = 0;
+  if (!pDst) {
+    uint8_t len[4];
+    if (!ReadFile(m_hFile, len, 4, &nRead, nullptr) || nRead != 4) {
+      nLen = 0;
+      return FALSE;
+    }
+    nLen = static_cast<LONG>(LoadLe32(len));
+    return TRUE;
+  }
+  if (nLen <= 0) return TRUE;
+  if (!ReadFile(m_hFile, pDst, static_cast<DWORD>(nLen), &nRead, nullptr)) {
+    nLen = 0;
+    return FALSE;
+  }
+  nLen = static_cast<LONG>(nRead);
+  return TRUE;
+}
+
+bool CFifoDiskFile::HasRoom(LONG nLen) const { return m_nMaxSize > m_nWrittenSize + static_cast<DWORD>(nLen); }
+
+BOOL CFifoDiskFile::CloseFile() {
+  if (IsOpen()) CloseHandle(m_hFile);
+  m_hFile = INVALID_HANDLE_VALUE;
+  return TRUE;
+}
+
+void CFifoDiskFile::CloseAndDelete() {
+  CloseFile();
+  if (!m_strPath.empty()) DeleteFileW(m_strPath.c_str());
+}

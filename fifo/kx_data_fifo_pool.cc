@@ -1,0 +1,171 @@
+// Data FIFO pool: write cache ring, cache thread, FIFO manager.
+#include "fifo/kx_data_fifo_pool.h"
+
+#include <algorithm>
+#include <new>
+
+KxDataFifoPool::KxDataFifoPool() {
+  InitializeCriticalSection(&m_csForward);
+  m_fifoMan.SetBufferingMode(0);
+}
+
+KxDataFifoPool::~KxDataFifoPool() {
+  StopFifo();
+  DeleteCriticalSection(&m_csForward);
+}
+
+LONG KxDataFifoPool::SetFifoOpMode(LONG) { return 1; }
+
+LONG KxDataFifoPool::SetBufferingMode(LONG) {
+  m_fifoMan.SetBufferingMode(0);  // the pool never spills to disk
+  return 1;
+}
+
+LONG KxDataFifoPool::SetDiskPoolProps(const std::wstring& strFolder, DWORD) { return m_fifoMan.SetDiskPath(strFolder); }
+
+LONG KxDataFifoPool::SetMemoryPoolSize(DWORD nBytes) { return m_fifoMan.SetMemoryPoolSize(nBytes); }
+
+LONG KxDataFifoPool::SetWriteCacheSize(DWORD nBytes) {
+  m_nWriteCacheSize = nBytes;
+  return 1;
+}
+
+LONG KxDataFifoPool::StartFifo() {
+  StopFifo();
+  if (m_nWriteCacheSize < 4) return 0;  // not even a record's length would fit
+  m_pWriteCache = new (std::nothrow) CRingStream(L"WriteCache");
+  m_pStaging = new (std::nothrow) BYTE[kStagingSize];
+  m_nStagingSize = kStagingSize;
+  if (!m_pWriteCache || !m_pStaging || m_pWriteCache->InitStream(m_nWriteCacheSize) != S_OK) {
+    StopFifo();
+    return 0;
+  }
+  // The manager runs before the cache thread starts feeding it.
+  if (!m_fifoMan.StartFifo()) {
+    StopFifo();
+    return 0;
+  }
+  m_nMaxPayload = std::min(m_nWriteCacheSize, m_fifoMan.GetRingCapacity());
+  m_bEndSent.store(false);
+  m_nQueued.store(0);
+  m_bCacheRunning.store(true);
+  m_hCacheExitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  m_hCacheStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  m_hCacheThread = CreateThread(nullptr, 0, CacheThreadProc, this, 0, nullptr);
+  if (!m_hCacheThread) {
+    StopFifo();
+    return 0;
+  }
+  SetThreadPriority(m_hCacheThread, THREAD_PRIORITY_NORMAL);
+  m_bAccepting.store(true);
+  return 1;
+}
+
+LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
+  if (pData && nLen < 0) return 0;
+  m_nProducersInside.fetch_add(1);  // announce before testing m_bAccepting
+  struct Leave {
+    std::atomic<int>& n;
+    ~Leave() { n.fetch_sub(1); }
+  } leave{m_nProducersInside};
+  if (!m_bAccepting.load() || m_bEndSent.load(std::memory_order_relaxed)) return 0;
+  if (!pData) {
+    m_bEndSent.store(true, std::memory_order_relaxed);
+    m_pWriteCache->SetEndOfStream();
+    return 1;
+  }
+  if (static_cast<DWORD>(nLen) > m_nMaxPayload) return 0;  // could never fit
+  // Short cut: with nothing on its way through the write cache and room in
+  // the memory ring, the record goes straight into the ring (one copy fewer,
+  // no hand-over). Order and waiting stay as through the cache: the record
+  // is behind every earlier one, and the producer still waits only when the
+  // write cache is full.
+  if (m_nQueued.load() == 0) {
+    CAutoLock lock(&m_csForward);  // free: the cache thread holds it only while m_nQueued > 0
+    if (m_fifoMan.TryWriteBuffer(pData, nLen)) return 1;
+  }
+  m_nQueued.fetch_add(1);
+  LONG nHead = 4;
+  m_pWriteCache->WriteData(&nLen, nHead);
+  if (nHead != 4 || !m_bAccepting.load()) return 0;  // StopFifo cut the wait short
+  LONG nBody = nLen;
+  m_pWriteCache->WriteData(pData, nBody);
+  return nBody == nLen && m_bAccepting.load() ? 1 : 0;
+}
+
+LONG KxDataFifoPool::ReadBuffer(void* pData, LONG& nLen) { return m_fifoMan.ReadBuffer(pData, nLen); }
+
+LONG KxDataFifoPool::StopFifo() {
+  m_bAccepting.store(false);
+  if (m_hCacheThread) {
+    m_bCacheRunning.store(false);
+    m_pWriteCache->SetEndOfStream();  // releases the cache thread waiting for data
+    SetEvent(m_hCacheStopEvent);      // ... or pausing after the end of data
+  }
+  // Stopping the manager releases the cache thread if it waits for room in
+  // the memory ring (and waits until it has left the manager), and releases
+  // a consumer waiting in ReadBuffer.
+  m_fifoMan.StopFifo();
+  if (m_hCacheThread) {
+    WaitForSingleObject(m_hCacheThread, INFINITE);  // nothing is left for it to wait on
+    CloseHandle(m_hCacheThread);                    // joins it
+    m_hCacheThread = nullptr;
+  }
+  for (HANDLE* ph : {&m_hCacheExitEvent, &m_hCacheStopEvent}) {
+    if (*ph) CloseHandle(*ph);
+    *ph = nullptr;
+  }
+  if (m_pWriteCache) {
+    // A producer may still wait for room in the write cache: release it
+    // until it has left WriteBuffer, then free the ring.
+    while (m_nProducersInside.load() > 0) {
+      m_pWriteCache->StopWriting();
+      Sleep(1);
+    }
+    m_pWriteCache->UninitStream();
+    delete m_pWriteCache;
+    m_pWriteCache = nullptr;
+  }
+  delete[] m_pStaging;
+  m_pStaging = nullptr;
+  m_nStagingSize = 0;
+  return 1;
+}
+
+DWORD WINAPI KxDataFifoPool::CacheThreadProc(LPVOID pParam) {
+  static_cast<KxDataFifoPool*>(pParam)->CacheLoop();
+  return 0;
+}
+
+void KxDataFifoPool::CacheLoop() {
+  while (m_bCacheRunning.load()) {
+    LONG nLen = 0;
+    LONG nHead = 4;
+    m_pWriteCache->ReadData(&nLen, nHead);
+    if (nHead == 0) {
+      // End of data and nothing left: tell the manager, and again every
+      // 300 ms until the pool is stopped.
+      m_fifoMan.WriteBuffer(nullptr, 0);
+      WaitForSingleObject(m_hCacheStopEvent, kEndResignalMs);
+      continue;
+    }
+    if (!m_bCacheRunning.load() || nHead != 4 || nLen < 0) break;
+    if (static_cast<DWORD>(nLen) > m_nStagingSize) {
+      BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
+      if (!pBigger) break;
+      delete[] m_pStaging;
+      m_pStaging = pBigger;
+      m_nStagingSize = static_cast<DWORD>(nLen);
+    }
+    LONG nBody = nLen;
+    if (nLen > 0) m_pWriteCache->ReadData(m_pStaging, nBody);
+    if (nBody != nLen || !m_bCacheRunning.load()) break;
+    // An empty record is forwarded like any other: the staging buffer is
+    // never null here, so it cannot be mistaken for the end of data.
+    CAutoLock lock(&m_csForward);
+    m_fifoMan.WriteBuffer(m_pStaging, nLen);
+    m_nQueued.fetch_sub(1);
+  }
+  m_bCacheRunning.store(false);
+  SetEvent(m_hCacheExitEvent);
+}

@@ -1,0 +1,195 @@
+// The blocking byte ring. Positions and counts move under m_csStream; the
+// bytes are copied outside it (see the field comments in ring_stream.h).
+#include "fifo/ring_stream.h"
+
+#include <cstring>
+#include <new>
+
+CRingStream::CRingStream(const std::wstring& strName)
+    : m_strName(strName),
+      m_hDataWritten(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      m_hSpaceFreed(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      m_hEndMarked(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      m_hStopWriting(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      m_hReaderWait{m_hDataWritten, m_hEndMarked},
+      m_hWriterWait{m_hSpaceFreed, m_hStopWriting} {
+  InitializeCriticalSection(&m_csStream);
+  ResetStream();
+}
+
+CRingStream::~CRingStream() { DeleteCriticalSection(&m_csStream); }
+
+HRESULT CRingStream::InitStream(DWORD nSize) {
+  delete[] m_pBuffer;
+  m_pBuffer = new (std::nothrow) BYTE[nSize == 0 ? 1 : nSize];
+  if (!m_pBuffer) {
+    OutputDebugStringW(L"InitStream ：内存不够 \n");
+    return E_FAIL;
+  }
+  m_nBufferSize = nSize;
+  ResetStream();
+  return S_OK;
+}
+
+void CRingStream::ResetStream() {
+  ResetEvent(m_hDataWritten);
+  ResetEvent(m_hSpaceFreed);
+  ResetEvent(m_hEndMarked);
+  CAutoLock lock(&m_csStream);  // uncontended: neither side is inside
+  m_nReadPos = 0;
+  m_nWritePos = 0;
+  m_nDataLen.store(0, std::memory_order_relaxed);
+  m_nFreeLen = static_cast<LONG>(m_nBufferSize);
+  m_byState = 0;
+}
+
+void CRingStream::CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen) {
+  DWORD nFirst = m_nBufferSize - nPos;
+  if (nLen > nFirst) {
+    std::memcpy(m_pBuffer + nPos, pSrc, nFirst);
+    std::memcpy(m_pBuffer, pSrc + nFirst, nLen - nFirst);
+  } else {
+    std::memcpy(m_pBuffer + nPos, pSrc, nLen);
+  }
+}
+
+void CRingStream::CopyOut(DWORD nPos, BYTE* pDst, DWORD nLen) const {
+  DWORD nFirst = m_nBufferSize - nPos;
+  if (nLen > nFirst) {
+    std::memcpy(pDst, m_pBuffer + nPos, nFirst);
+    std::memcpy(pDst + nFirst, m_pBuffer, nLen - nFirst);
+  } else {
+    std::memcpy(pDst, m_pBuffer + nPos, nLen);
+  }
+}
+
+BOOL CRingStream::WriteData(const void* pSrc, LONG& nLen) {
+  if (nLen < 0 || (!pSrc && nLen > 0)) {
+    nLen = 0;
+    return FALSE;
+  }
+  bool bMarkEnd = false;
+  DWORD nPos;
+  EnterCriticalSection(&m_csStream);
+  while (nLen > m_nFreeLen) {
+    m_byState |= RS_WRITER_WAITING;
+    LeaveCriticalSection(&m_csStream);
+    DWORD nWait = WaitForMultipleObjects(2, m_hWriterWait, FALSE, INFINITE);
+    EnterCriticalSection(&m_csStream);
+    if (nWait == WAIT_OBJECT_0 + 1) {
+      nLen = m_nFreeLen;
+      bMarkEnd = true;
+    } else if (nWait != WAIT_OBJECT_0) {  // the wait itself failed: write nothing
+      m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
+      LeaveCriticalSection(&m_csStream);
+      nLen = 0;
+      return FALSE;
+    }
+  }
+  nPos = m_nWritePos;
+  LeaveCriticalSection(&m_csStream);
+
+  // The region after nPos is free space that only this producer writes.
+  if (nLen > 0) CopyIn(nPos, static_cast<const BYTE*>(pSrc), static_cast<DWORD>(nLen));
+
+  CAutoLock lock(&m_csStream);
+  if (nLen > 0) {
+    DWORD nEnd = nPos + static_cast<DWORD>(nLen);
+    m_nWritePos = nEnd >= m_nBufferSize ? nEnd - m_nBufferSize : nEnd;
+    m_nDataLen.fetch_add(nLen, std::memory_order_relaxed);
+    m_nFreeLen -= nLen;
+    if (m_byState & RS_READER_WAITING) {
+      m_byState &= static_cast<BYTE>(~RS_READER_WAITING);
+      SetEvent(m_hDataWritten);
+    }
+  }
+  if (bMarkEnd) MarkEndLocked();
+  return TRUE;
+}
+
+bool CRingStream::ReadData(void* pDst, LONG& nLen, bool bDiscard) {
+  if (nLen < 0 || (!pDst && !bDiscard && nLen > 0)) {
+    nLen = 0;
+    return false;
+  }
+  DWORD nPos;
+  EnterCriticalSection(&m_csStream);
+  for (;;) {
+    LONG nData = m_nDataLen.load(std::memory_order_relaxed);
+    if (nData >= nLen) break;
+    if (m_byState & RS_END_OF_STREAM) {
+      nLen = nData;
+      break;
+    }
+    m_byState |= RS_READER_WAITING;
+    LeaveCriticalSection(&m_csStream);
+    DWORD nWait = WaitForMultipleObjects(2, m_hReaderWait, FALSE, INFINITE);
+    EnterCriticalSection(&m_csStream);
+    if (nWait == WAIT_OBJECT_0) continue;
+    if (nWait == WAIT_OBJECT_0 + 1) {
+      nData = m_nDataLen.load(std::memory_order_relaxed);
+      if (nLen > nData) nLen = nData;
+      break;
+    }
+    // The wait itself failed: consume nothing.
+    m_byState &= static_cast<BYTE>(~RS_READER_WAITING);
+    bool bMore = !(m_nDataLen.load(std::memory_order_relaxed) == 0 && (m_byState & RS_END_OF_STREAM));
+    LeaveCriticalSection(&m_csStream);
+    nLen = 0;
+    return bMore;
+  }
+  nPos = m_nReadPos;
+  LeaveCriticalSection(&m_csStream);
+
+  // The region after nPos holds data that only this consumer reads.
+  if (nLen > 0 && !bDiscard) CopyOut(nPos, static_cast<BYTE*>(pDst), static_cast<DWORD>(nLen));
+
+  CAutoLock lock(&m_csStream);
+  if (nLen > 0) {
+    DWORD nEnd = nPos + static_cast<DWORD>(nLen);
+    m_nReadPos = nEnd >= m_nBufferSize ? nEnd - m_nBufferSize : nEnd;
+    m_nDataLen.fetch_sub(nLen, std::memory_order_relaxed);
+    m_nFreeLen += nLen;
+    if (m_byState & RS_WRITER_WAITING) {
+      m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
+      SetEvent(m_hSpaceFreed);
+    }
+  }
+  return !(m_nDataLen.load(std::memory_order_relaxed) == 0 && (m_byState & RS_END_OF_STREAM));
+}
+
+void CRingStream::MarkEndLocked() {
+  m_byState |= RS_END_OF_STREAM;
+  SetEvent(m_hEndMarked);
+}
+
+void CRingStream::SetEndOfStream() {
+  CAutoLock lock(&m_csStream);
+  MarkEndLocked();
+}
+
+void CRingStream::StopWriting() { SetEvent(m_hStopWriting); }
+
+bool CRingStream::HasData() const { return m_nDataLen.load(std::memory_order_relaxed) > 0; }
+
+bool CRingStream::IsEndOfStream() {
+  CAutoLock lock(&m_csStream);
+  return (m_byState & RS_END_OF_STREAM) != 0;
+}
+
+LONG CRingStream::FreeSpace() {
+  CAutoLock lock(&m_csStream);
+  return m_nFreeLen;
+}
+
+void CRingStream::UninitStream() {
+  for (HANDLE* ph : {&m_hDataWritten, &m_hSpaceFreed, &m_hEndMarked, &m_hStopWriting}) {
+    if (*ph) CloseHandle(*ph);
+    *ph = nullptr;
+  }
+  m_hReaderWait[0] = m_hReaderWait[1] = m_hWriterWait[0] = m_hWriterWait[1] = nullptr;
+  delete[] m_pBuffer;
+  m_pBuffer = nullptr;
+  m_nBufferSize = 0;
+  ResetStream();
+}

@@ -1,0 +1,115 @@
+// CRingStream: a fixed-capacity blocking byte ring between one producer
+// thread and one consumer thread.
+//
+// A write blocks until the whole block fits; a read blocks until the whole
+// requested amount is buffered or the producer has marked the end of the
+// stream. The ring carries no framing: the FIFO manager and the data FIFO pool
+// lay length-prefixed records over it, the file access back-ends use it as a
+// plain byte pipe.
+//
+// Thread rule: exactly one producer thread calls WriteData and one consumer
+// thread calls ReadData. SetEndOfStream, StopWriting, HasData, IsEndOfStream
+// and FreeSpace may come from any thread. InitStream, ResetStream and
+// UninitStream need external synchronisation: neither side may be inside
+// WriteData or ReadData.
+#ifndef QLTFSDK_FIFO_RING_STREAM_H
+#define QLTFSDK_FIFO_RING_STREAM_H
+
+#include <atomic>
+#include <string>
+
+#include "platform/platform.h"
+
+class CRingStream {
+ public:
+  enum : BYTE {
+    RS_WRITER_WAITING = 0x01,  // a writer waits for space
+    RS_READER_WAITING = 0x02,  // a reader waits for data
+    RS_END_OF_STREAM = 0x08,   // the producer will write no more
+  };
+
+  // Stores the label and creates the four auto-reset events; no buffer yet,
+  // so InitStream comes first.
+  explicit CRingStream(const std::wstring& strName);
+  // Frees nothing: owners call UninitStream first.
+  virtual ~CRingStream();
+  CRingStream(const CRingStream&) = delete;
+  CRingStream& operator=(const CRingStream&) = delete;
+
+  // Replaces the buffer by one of nSize bytes and empties the ring. Returns 0,
+  // or E_FAIL (0x80004005) when the buffer cannot be allocated (the ring then
+  // has no buffer until a later InitStream succeeds).
+  HRESULT InitStream(DWORD nSize);
+
+  // Copies nLen bytes from pSrc into the ring, waiting until all of them fit.
+  // On return nLen holds the bytes written: fewer only when StopWriting cut
+  // the wait short, in which case the stream is then marked ended. A write
+  // longer than the capacity waits until StopWriting. Returns 1; returns 0
+  // with nLen = 0 for a negative length or a null source with a positive
+  // length. Producer thread only.
+  BOOL WriteData(const void* pSrc, LONG& nLen);
+
+  // Takes nLen bytes into pDst (discarded when bDiscard is set; pDst may then
+  // be null), waiting until all of them are buffered or the end is marked. On
+  // return nLen holds the bytes consumed. Returns false when this read left
+  // the ring empty after the end mark, true otherwise; a negative length or a
+  // null destination without bDiscard gives false and nLen = 0 with nothing
+  // consumed. Consumer thread only.
+  bool ReadData(void* pDst, LONG& nLen, bool bDiscard = false);
+
+  // Marks the end of the stream and wakes a waiting reader. Any thread.
+  void SetEndOfStream();
+  // Cuts short the current (or, if none waits, the next) write that has to
+  // wait for space. The signal stays pending until a write consumes it, even
+  // across ResetStream. Any thread.
+  void StopWriting();
+  // Empties the ring and clears the flags (not a pending StopWriting).
+  void ResetStream();
+  // True while unread bytes are buffered. Any thread.
+  bool HasData() const;
+  // True from SetEndOfStream until ResetStream. Any thread.
+  bool IsEndOfStream();
+  // Bytes a writer may write now without waiting. Any thread.
+  LONG FreeSpace();
+  // Capacity in bytes (0 before a successful InitStream).
+  DWORD GetBufferSize() const { return m_nBufferSize; }
+  // Closes the events and frees the buffer; the object is then only destroyed.
+  void UninitStream();
+
+ private:
+  void MarkEndLocked();
+  void CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen);
+  void CopyOut(DWORD nPos, BYTE* pDst, DWORD nLen) const;
+
+  const std::wstring m_strName;  // label; immutable
+  BYTE m_byState = 0;            // guarded by m_csStream
+  BYTE* m_pBuffer = nullptr;     // owned; replaced only by Init/UninitStream
+  DWORD m_nBufferSize = 0;       // capacity; changed only by InitStream
+  HANDLE m_hDataWritten;         // writer -> waiting reader
+  HANDLE m_hSpaceFreed;          // reader -> waiting writer
+  HANDLE m_hEndMarked;           // SetEndOfStream -> waiting reader
+  HANDLE m_hStopWriting;         // StopWriting -> waiting writer
+  HANDLE m_hReaderWait[2];       // m_hDataWritten, m_hEndMarked: order matters
+  HANDLE m_hWriterWait[2];       // m_hSpaceFreed, m_hStopWriting: order matters
+  CRITICAL_SECTION m_csStream;
+
+  // Positions and counts change only under m_csStream. The bytes themselves
+  // are copied outside it: between the two lock holds of a write, the region
+  // [m_nWritePos, m_nWritePos + len) lies in the free part, which only the
+  // single producer touches; between the two holds of a read, the region at
+  // m_nReadPos lies in the data part, which only the single consumer touches.
+  // A region changes hands only when the counts move under the lock, and the
+  // lock orders the copy before the other side sees the new counts.
+  // Invariant: m_nDataLen + m_nFreeLen == m_nBufferSize; unread bytes run
+  // from m_nReadPos forward, wrapping, to m_nWritePos.
+  DWORD m_nReadPos = 0;             // guarded by m_csStream
+  DWORD m_nWritePos = 0;            // guarded by m_csStream
+  std::atomic<LONG> m_nDataLen{0};  // written under m_csStream; HasData reads it
+                                    // without the lock (relaxed: a hint only)
+  LONG m_nFreeLen = 0;              // guarded by m_csStream
+};
+
+// The file access back-ends' name for the same ring.
+using CRingStream_Wd = CRingStream;
+
+#endif  // QLTFSDK_FIFO_RING_STREAM_H

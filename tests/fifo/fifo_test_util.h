@@ -1,0 +1,111 @@
+// Helpers shared by the FIFO suites: bounded waits on background calls,
+// thread counting and self-checking record contents.
+#ifndef QLTFSDK_TESTS_FIFO_FIFO_TEST_UTIL_H
+#define QLTFSDK_TESTS_FIFO_FIFO_TEST_UTIL_H
+
+#include <dirent.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fifotest {
+
+constexpr auto kLongWait = std::chrono::seconds(20);         // something that must happen
+constexpr auto kShortWait = std::chrono::milliseconds(100);  // something that must not
+
+// A call run on its own thread. Done() waits a bounded time for it to
+// return; the destructor runs the release action (if the call is still
+// blocked, so the test cannot hang) and joins the thread.
+class Background {
+ public:
+  Background(std::function<void()> call, std::function<void()> release = nullptr) : m_release(std::move(release)) {
+    std::packaged_task<void()> task(std::move(call));
+    m_future = task.get_future();
+    m_thread = std::thread(std::move(task));
+  }
+  ~Background() {
+    if (!Finished() && m_release) m_release();
+    m_thread.join();
+  }
+  bool Done(std::chrono::milliseconds wait = std::chrono::duration_cast<std::chrono::milliseconds>(kLongWait)) {
+    return m_future.wait_for(wait) == std::future_status::ready;
+  }
+  bool Finished() { return m_future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+
+ private:
+  std::function<void()> m_release;
+  std::future<void> m_future;
+  std::thread m_thread;
+};
+
+// Number of threads of this process.
+inline int ThreadCount() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+inline uint64_t Mix(uint64_t x) {
+  x += 0x9E3779B97F4A7C15ull;
+  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+  return x ^ (x >> 31);
+}
+
+// Fills len bytes with a pattern that depends on the record number and on
+// every position, so a lost, repeated, reordered or torn record shows.
+inline void FillRecord(uint64_t seq, char* p, size_t len) {
+  uint64_t v = Mix(seq);
+  size_t i = 0;
+  for (; i + 8 <= len; i += 8, v += 0x632BE59BD9B4E019ull) std::memcpy(p + i, &v, 8);
+  if (i < len) std::memcpy(p + i, &v, len - i);
+}
+
+inline bool CheckRecord(uint64_t seq, const char* p, size_t len, std::vector<char>& scratch) {
+  if (scratch.size() < len) scratch.resize(len);
+  FillRecord(seq, scratch.data(), len);
+  return std::memcmp(p, scratch.data(), len) == 0;
+}
+
+// True for 32 lowercase hexadecimal digits followed by suffix.
+inline bool IsHexName(const std::string& name, const std::string& suffix = "") {
+  if (name.size() != 32 + suffix.size() || name.compare(32, std::string::npos, suffix) != 0) return false;
+  for (size_t i = 0; i < 32; ++i)
+    if (!((name[i] >= '0' && name[i] <= '9') || (name[i] >= 'a' && name[i] <= 'f'))) return false;
+  return true;
+}
+
+// The thread count once it has come down to n, or whatever it is after a
+// bounded wait. A joined thread can stay listed for a moment after the join
+// returns (the kernel removes it from /proc after waking the joiner).
+inline int ThreadCountSettling(int n) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  int now = ThreadCount();
+  while (now > n && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    now = ThreadCount();
+  }
+  return now;
+}
+
+// Thread count to compare against later: starts and joins one thread first,
+// so that helper threads a runtime adds on the first thread start (the
+// thread sanitizer's, for one) are already counted.
+inline int BaselineThreadCount() {
+  std::thread([] {}).join();
+  return ThreadCount();
+}
+
+}  // namespace fifotest
+
+#endif  // QLTFSDK_TESTS_FIFO_FIFO_TEST_UTIL_H
