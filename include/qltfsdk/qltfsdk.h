@@ -7,8 +7,8 @@
 #include "qltfsdk/datafifopool.h"
 #include "qltfsdk/export.h"
 #include "qltfsdk/filetransfer.h"
-#include "qltfsdk/wintypes.h"
 #include "qltfsdk/sdkinfo.h"
+#include "qltfsdk/wintypes.h"
 #include "qltfsdk/writeroption.h"
 
 #endif  // QLTFSDK_QLTFSDK_H
