@@ -93,11 +93,10 @@ TEST_F(CompanionLogBook, DefaultsToSdkLogBesideTheLibrary) {
   QLT_LogBookU log;
   ASSERT_EQ(log.ConfigName(CComBSTR(std::wstring(strName.begin(), strName.end()).c_str())), 1);
   log - CComBSTR(L"beside") - endl;
-  fs::path file = log.FilePath();
-  EXPECT_EQ(file.filename(), strName + ".log");
-  EXPECT_EQ(file.parent_path().parent_path().filename(), "sdk-log");
+  fs::path file = log.FilePath();  // <library dir>/sdk-log/<name>/<name>.log
+  EXPECT_EQ(file, fs::path(file).parent_path().parent_path().parent_path() / "sdk-log" / strName / (strName + ".log"));
   EXPECT_TRUE(fs::exists(file.parent_path().parent_path().parent_path() / "libQltLogBookU.so"));
-  EXPECT_EQ(Bodies(file.string()).size(), 1u);
+  EXPECT_EQ(Bodies(file.string()), std::vector<std::string>{"beside"});
   std::error_code ec;
   fs::remove_all(file.parent_path(), ec);
   fs::remove(file.parent_path().parent_path(), ec);  // only when no other log is there
@@ -124,7 +123,10 @@ TEST_F(CompanionLogBook, LinesFromSeveralThreadsStayWholeAcrossRotations) {
     });
   }
   for (auto& thread : threads) thread.join();
-  std::map<std::string, int> seen;
+  std::map<std::string, int> seen;  // every line once, whole, and no file past the limit
+  for (int t = 0; t < kThreads; ++t)
+    for (int i = 0; i < kLines; ++i)
+      seen["T " + std::to_string(t) + " line " + std::to_string(i) + " " + std::string(40, 'A' + t)];
   int nFiles = 0;
   for (const auto& entry : fs::directory_iterator(m_dir.file("Shared"))) {
     ++nFiles;
@@ -133,12 +135,7 @@ TEST_F(CompanionLogBook, LinesFromSeveralThreadsStayWholeAcrossRotations) {
   }
   EXPECT_GT(nFiles, 4);  // about 150 KB of lines in 16 KiB files
   EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kLines));
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kLines; ++i) {
-      std::string line = "T " + std::to_string(t) + " line " + std::to_string(i) + " " + std::string(40, 'A' + t);
-      ASSERT_EQ(seen[line], 1) << line;
-    }
-  }
+  for (const auto& [line, count] : seen) ASSERT_EQ(count, 1) << line;
 }
 
 }  // namespace

@@ -17,27 +17,23 @@ long long PresetOf(const wchar_t* name) {
   return -1;
 }
 
-TEST(CompanionWriterOption, UnknownOrBadNamesGetDefaultBlockAndNoPreset) {
-  EXPECT_EQ(BlockOf(L"C:\\never\\registered.dat"), kDefaultBlock);
-  EXPECT_EQ(PresetOf(L"C:\\never\\registered.dat"), -1);
-  EXPECT_EQ(BlockOf(nullptr), kDefaultBlock);
-  EXPECT_EQ(PresetOf(L""), -1);
-  // Bad values store nothing.
-  const CComBSTR strName(L"C:\\Data\\bad-values.dat");
-  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, 0), 0);
-  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, -4096), 0);
+TEST(CompanionWriterOption, UnknownOrBadNamesAndValuesGetDefaultBlockAndNoPreset) {
+  const wchar_t* const kName = L"C:\\Data\\bad-values.dat";
+  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(kName), 0), 0);
+  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(kName), -4096), 0);
   EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(L""), 4096), 0);
   EXPECT_EQ(QLT_WriterOption2::SetPresetFileSize(CComBSTR(), 4096), 0);
   EXPECT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(0), 0);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 0);  // nothing was made
-  EXPECT_EQ(BlockOf(strName), kDefaultBlock);
+  for (const wchar_t* name : {kName, L"", static_cast<const wchar_t*>(nullptr)}) {
+    EXPECT_EQ(BlockOf(name), kDefaultBlock);
+    EXPECT_EQ(PresetOf(name), -1);
+  }
 }
 
-TEST(CompanionWriterOption, NamesMatchWithoutCaseOrSeparatorStyle) {
+TEST(CompanionWriterOption, NamesMatchWithoutCaseOrSeparatorStyleAndClearOnce) {
   ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(L"C:\\Data\\Case.DAT"), 1 << 20), 1);
   ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(CComBSTR(L"C:\\Data\\Case.DAT"), 5ull << 30), 1);
-  EXPECT_EQ(BlockOf(L"c:\\data\\case.dat"), 1 << 20);
-  EXPECT_EQ(BlockOf(L"C:/DATA/CASE.dat"), 1 << 20);
+  EXPECT_EQ(BlockOf(L"C:/DATA/case.dat"), 1 << 20);
   EXPECT_EQ(PresetOf(L"c:\\DATA\\case.Dat"), 5ll << 30);
   EXPECT_EQ(BlockOf(L"C:\\Data\\Case.DAT2"), kDefaultBlock);                 // not matched by a prefix
   EXPECT_EQ(QLT_WriterOption::ClearItem(CComBSTR(L"c:/data/CASE.DAT")), 1);  // both go, once
@@ -46,28 +42,17 @@ TEST(CompanionWriterOption, NamesMatchWithoutCaseOrSeparatorStyle) {
   EXPECT_EQ(QLT_WriterOption::ClearItem(CComBSTR(L"C:\\Data\\Case.DAT")), 0);
 }
 
-TEST(CompanionWriterOption, ZeroPresetRemovesOnlyThePreset) {
+TEST(CompanionWriterOption, ZeroPresetRemovesOnlyThePresetAndDefaultAppliesToOthers) {
   const CComBSTR strName(L"C:\\Data\\preset.dat");
   ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, 8192), 1);
   ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 123456789), 1);
   ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 0), 1);
-  EXPECT_EQ(PresetOf(L"C:\\Data\\preset.dat"), -1);
-  EXPECT_EQ(BlockOf(strName), 8192);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 1);
-  // A preset alone, cleared by a zero, leaves no entry behind.
-  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 42), 1);
-  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 0), 1);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 0);
-}
-
-TEST(CompanionWriterOption, DefaultBlockSizeAppliesOnlyToUnregisteredFiles) {
-  const CComBSTR strKnown(L"C:\\Data\\known.dat");
-  ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(strKnown, 4096), 1);
+  EXPECT_EQ(PresetOf(strName), -1);
   ASSERT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(1 << 21), 1);
+  EXPECT_EQ(BlockOf(strName), 8192);
   EXPECT_EQ(BlockOf(L"C:\\Data\\other.dat"), 1 << 21);
-  EXPECT_EQ(BlockOf(strKnown), 4096);
   ASSERT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(kDefaultBlock), 1);
-  QLT_WriterOption::ClearItem(strKnown);
+  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 1);
 }
 
 }  // namespace
