@@ -7,76 +7,52 @@ namespace {
 
 constexpr int kDefaultBlock = 524288;
 
-TEST(CompanionWriterOption, UnknownFileGetsDefaultBlockAndNoPreset) {
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(CComBSTR(L"C:\\never\\registered.dat")), kDefaultBlock);
+int BlockOf(const wchar_t* name) { return QLT_WriterOption::GetWriteBlockSize(CComBSTR(name)); }
+
+// The preset size registered for name, or -1 when there is none.
+long long PresetOf(const wchar_t* name) {
   ULONGLONG nSize = 77;
-  EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(CComBSTR(L"C:\\never\\registered.dat"), nSize), 0);
-  EXPECT_EQ(nSize, 77u);
-  // A null or empty name behaves as an unknown file.
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(CComBSTR()), kDefaultBlock);
-  EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(CComBSTR(L""), nSize), 0);
+  if (QLT_WriterOption2::GetPresetFileSize(CComBSTR(name), nSize) > 0) return static_cast<long long>(nSize);
+  EXPECT_EQ(nSize, 77u);  // nothing written when there is no preset
+  return -1;
 }
 
-TEST(CompanionWriterOption, NamesMatchWithoutCaseOrSeparatorStyle) {
-  ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(L"C:\\Data\\Case.DAT"), 1 << 20), 1);
-  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(CComBSTR(L"C:\\Data\\Case.DAT"), 5ull << 30), 1);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(CComBSTR(L"c:\\data\\case.dat")), 1 << 20);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(CComBSTR(L"C:/DATA/CASE.dat")), 1 << 20);
-  ULONGLONG nSize = 0;
-  EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(CComBSTR(L"c:\\DATA\\case.Dat"), nSize), 1);
-  EXPECT_EQ(nSize, 5ull << 30);
-  // A different name is not matched by a prefix.
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(CComBSTR(L"C:\\Data\\Case.DAT2")), kDefaultBlock);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(CComBSTR(L"C:\\DATA\\CASE.DAT")), 1);
-}
-
-TEST(CompanionWriterOption, BadValuesStoreNothing) {
-  const CComBSTR strName(L"C:\\Data\\bad-values.dat");
-  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, 0), 0);
-  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, -4096), 0);
+TEST(CompanionWriterOption, UnknownOrBadNamesAndValuesGetDefaultBlockAndNoPreset) {
+  const wchar_t* const kName = L"C:\\Data\\bad-values.dat";
+  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(kName), 0), 0);
+  EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(kName), -4096), 0);
   EXPECT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(L""), 4096), 0);
   EXPECT_EQ(QLT_WriterOption2::SetPresetFileSize(CComBSTR(), 4096), 0);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(strName), kDefaultBlock);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 0);  // nothing was made
   EXPECT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(0), 0);
-  EXPECT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(-1), 0);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(strName), kDefaultBlock);
+  for (const wchar_t* name : {kName, L"", static_cast<const wchar_t*>(nullptr)}) {
+    EXPECT_EQ(BlockOf(name), kDefaultBlock);
+    EXPECT_EQ(PresetOf(name), -1);
+  }
 }
 
-TEST(CompanionWriterOption, ClearItemRemovesBothOptionsOnce) {
-  const CComBSTR strName(L"C:\\Data\\clear.dat");
-  ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, 65536), 1);
-  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 1000000), 1);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(CComBSTR(L"c:\\data\\CLEAR.dat")), 1);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(strName), kDefaultBlock);
-  ULONGLONG nSize = 0;
-  EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(strName, nSize), 0);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 0);
+TEST(CompanionWriterOption, NamesMatchWithoutCaseOrSeparatorStyleAndClearOnce) {
+  ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(CComBSTR(L"C:\\Data\\Case.DAT"), 1 << 20), 1);
+  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(CComBSTR(L"C:\\Data\\Case.DAT"), 5ull << 30), 1);
+  EXPECT_EQ(BlockOf(L"C:/DATA/case.dat"), 1 << 20);
+  EXPECT_EQ(PresetOf(L"c:\\DATA\\case.Dat"), 5ll << 30);
+  EXPECT_EQ(BlockOf(L"C:\\Data\\Case.DAT2"), kDefaultBlock);                 // not matched by a prefix
+  EXPECT_EQ(QLT_WriterOption::ClearItem(CComBSTR(L"c:/data/CASE.DAT")), 1);  // both go, once
+  EXPECT_EQ(BlockOf(L"C:\\Data\\Case.DAT"), kDefaultBlock);
+  EXPECT_EQ(PresetOf(L"C:\\Data\\Case.DAT"), -1);
+  EXPECT_EQ(QLT_WriterOption::ClearItem(CComBSTR(L"C:\\Data\\Case.DAT")), 0);
 }
 
-TEST(CompanionWriterOption, ZeroPresetRemovesOnlyThePreset) {
+TEST(CompanionWriterOption, ZeroPresetRemovesOnlyThePresetAndDefaultAppliesToOthers) {
   const CComBSTR strName(L"C:\\Data\\preset.dat");
   ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(strName, 8192), 1);
   ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 123456789), 1);
   ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 0), 1);
-  ULONGLONG nSize = 0;
-  EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(strName, nSize), 0);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(strName), 8192);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 1);
-  // A preset alone, cleared by a zero, leaves no entry behind.
-  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 42), 1);
-  ASSERT_EQ(QLT_WriterOption2::SetPresetFileSize(strName, 0), 1);
-  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 0);
-}
-
-TEST(CompanionWriterOption, DefaultBlockSizeAppliesOnlyToUnregisteredFiles) {
-  const CComBSTR strKnown(L"C:\\Data\\known.dat");
-  ASSERT_EQ(QLT_WriterOption::SetWriteBlockSize(strKnown, 4096), 1);
+  EXPECT_EQ(PresetOf(strName), -1);
   ASSERT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(1 << 21), 1);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(CComBSTR(L"C:\\Data\\other.dat")), 1 << 21);
-  EXPECT_EQ(QLT_WriterOption::GetWriteBlockSize(strKnown), 4096);
+  EXPECT_EQ(BlockOf(strName), 8192);
+  EXPECT_EQ(BlockOf(L"C:\\Data\\other.dat"), 1 << 21);
   ASSERT_EQ(QLT_WriterOption::SetDefaultWriteBlockSize(kDefaultBlock), 1);
-  QLT_WriterOption::ClearItem(strKnown);
+  EXPECT_EQ(QLT_WriterOption::ClearItem(strName), 1);
 }
 
 }  // namespace

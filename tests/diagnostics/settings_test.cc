@@ -1,6 +1,7 @@
 // Settings, config directory choice, cache drive choice and attach.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <string>
 
 #include "diagnostics/module_paths.h"
@@ -12,28 +13,10 @@
 
 namespace {
 
-struct Values {
-  int nRead, nWrite, nReadMode, nWriteMode, nRetryCount, nRetryTime, nLog, nTimeOn, nTimeTh;
-};
-
-Values Current() {
-  return {SdkSettings.ReadBufSize, SdkSettings.WriteBufSize,    SdkSettings.ReadMode,
-          SdkSettings.WriteMode,   SdkSettings.WriteRetryCount, SdkSettings.WriteRetryTime,
-          SdkSettings.LogFileOn,   SdkSettings.IOWriteTimeOn,   SdkSettings.IOWriteBlockTimeTh};
-}
-
-void ExpectDefaults() {
-  Values v = Current();
-  EXPECT_EQ(v.nRead, 262144);
-  EXPECT_EQ(v.nWrite, 524288);
-  EXPECT_EQ(v.nReadMode, 0);
-  EXPECT_EQ(v.nWriteMode, 0);
-  EXPECT_EQ(v.nRetryCount, 0);
-  EXPECT_EQ(v.nRetryTime, 0);
-  EXPECT_EQ(v.nLog, 0);
-  EXPECT_EQ(v.nTimeOn, 0);
-  EXPECT_EQ(v.nTimeTh, 100);
-}
+// ReadBufSize, WriteBufSize, ReadMode, WriteMode, WriteRetryCount,
+// WriteRetryTime, LogFileOn, IOWriteTimeOn, IOWriteBlockTimeTh.
+using Values = std::array<int, 9>;
+const Values kDefaults = {262144, 524288, 0, 0, 0, 0, 0, 0, 100};
 
 class SettingsTest : public ::testing::Test {
  protected:
@@ -43,70 +26,47 @@ class SettingsTest : public ::testing::Test {
     QltResetDriveMap();
     SetCacheDriveRoot(L"");
   }
-  // Writes text as qltfsdk.ini in the temp dir and loads it.
-  void Load(const std::string& text) {
-    ASSERT_TRUE(WriteWholeFile(m_dir.file("qltfsdk.ini"), text));
+  // Writes text as qltfsdk.ini in the temp dir, loads it and returns the values.
+  Values Load(const std::string& text) {
+    EXPECT_TRUE(WriteWholeFile(m_dir.file("qltfsdk.ini"), text));
     EXPECT_EQ(LoadSdkSettingsFrom(m_dir.wpath("qltfsdk.ini")), 1);
+    return Current();
+  }
+  static Values Current() {
+    const SdkSettingsRecord& s = SdkSettings;
+    return {s.ReadBufSize,    s.WriteBufSize, s.ReadMode,      s.WriteMode,         s.WriteRetryCount,
+            s.WriteRetryTime, s.LogFileOn,    s.IOWriteTimeOn, s.IOWriteBlockTimeTh};
   }
   TempDir m_dir;
 };
 
-TEST_F(SettingsTest, MissingFileGivesDefaults) {
+TEST_F(SettingsTest, ReadsAllNineKeysWithUnits) {
+  EXPECT_EQ(Load("[FILERW]\nReadBufSize=512\nWriteBufSize=1024\nReadMode=7\nWriteMode=-1\n"
+                 "WriteRetryCount=3\nWriteRetryTime=250\n[LOG]\nLogFileOn=1\nIOWriteTimeOn=2\nIOWriteBlockTimeTh=-5\n"),
+            (Values{524288, 1048576, 1, 1, 3, 250, 1, 2, -5}));
+  EXPECT_EQ(Load("[FILERW]\nReadBufSize=128\n")[1], 524288);  // WriteBufSize missing
+  EXPECT_EQ(SdkSettings.ReadBufSize, 131072);
+  EXPECT_EQ(Load("[FILERW]\nReadBufSize=2097151\n")[0], 2097151 * 1024);  // the largest that fits
+}
+
+TEST_F(SettingsTest, MissingBadOrMalformedValuesGiveDefaults) {
   SdkSettings.ReadBufSize = 7;
   SdkSettings.LogFileOn = 1;
-  EXPECT_EQ(LoadSdkSettingsFrom(m_dir.wpath("qltfsdk.ini")), 1);
-  ExpectDefaults();
-}
-
-TEST_F(SettingsTest, ReadsAllNineKeysWithUnits) {
-  Load(
-      "[FILERW]\nReadBufSize=512\nWriteBufSize=1024\nReadMode=7\nWriteMode=-1\n"
-      "WriteRetryCount=3\nWriteRetryTime=250\n[LOG]\nLogFileOn=1\nIOWriteTimeOn=2\nIOWriteBlockTimeTh=-5\n");
-  Values v = Current();
-  EXPECT_EQ(v.nRead, 524288);
-  EXPECT_EQ(v.nWrite, 1048576);
-  EXPECT_EQ(v.nReadMode, 1);
-  EXPECT_EQ(v.nWriteMode, 1);
-  EXPECT_EQ(v.nRetryCount, 3);
-  EXPECT_EQ(v.nRetryTime, 250);
-  EXPECT_EQ(v.nLog, 1);
-  EXPECT_EQ(v.nTimeOn, 2);
-  EXPECT_EQ(v.nTimeTh, -5);
-}
-
-TEST_F(SettingsTest, SizesBelowOneOrTooLargeGiveBuiltInSizes) {
-  Load("[FILERW]\nReadBufSize=128\n");  // WriteBufSize missing
-  EXPECT_EQ(SdkSettings.ReadBufSize, 131072);
-  EXPECT_EQ(SdkSettings.WriteBufSize, 524288);
-  for (const char* bad : {"0", "-3", "-1", "2097152", "99999999999999999999"}) {
-    Load(std::string("[FILERW]\nReadBufSize=") + bad + "\nWriteBufSize=" + bad + "\n");
-    EXPECT_EQ(SdkSettings.ReadBufSize, 262144) << bad;
-    EXPECT_EQ(SdkSettings.WriteBufSize, 524288) << bad;
-  }
-  Load("[FILERW]\nReadBufSize=2097151\n");  // the largest that fits in 32 bits
-  EXPECT_EQ(SdkSettings.ReadBufSize, 2097151 * 1024);
-}
-
-TEST_F(SettingsTest, LogKeysAreReadOnlyFromLogSection) {
-  Load("[FILERW]\nLogFileOn=1\nIOWriteTimeOn=1\nIOWriteBlockTimeTh=5\n[LOG]\nReadBufSize=4\n");
-  ExpectDefaults();
-  Load("[log]\nlogfileon=1\n");  // names match without regard to case
-  EXPECT_EQ(SdkSettings.LogFileOn, 1);
-}
-
-TEST_F(SettingsTest, MalformedFilesNeverCrashAndKeepDefaults) {
-  Load("this is not an ini file\n=====\n[[[\n]]]\n");
-  ExpectDefaults();
+  ASSERT_EQ(LoadSdkSettingsFrom(m_dir.wpath("absent.ini")), 1);
+  EXPECT_EQ(Current(), kDefaults);
+  for (const char* bad : {"0", "-3", "2097152", "99999999999999999999", "abc"})
+    EXPECT_EQ(Load(std::string("[FILERW]\nReadBufSize=") + bad + "\nWriteBufSize=" + bad + "\n"), kDefaults) << bad;
+  // The three log keys count only in "LOG"; names match in any case.
+  EXPECT_EQ(Load("[FILERW]\nLogFileOn=1\nIOWriteTimeOn=1\nIOWriteBlockTimeTh=5\n[LOG]\nReadBufSize=4\n"), kDefaults);
+  EXPECT_EQ(Load("[log]\nlogfileon=1\n")[6], 1);
+  EXPECT_EQ(Load("this is not an ini file\n=====\n[[[\n]]]\n"), kDefaults);
   std::string binary;
   for (int i = 0; i < 4096; ++i) binary.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
-  Load(binary);
-  ExpectDefaults();
-  Load("[FILERW]\nReadBufSize=abc\nWriteRetryCount=99999999999999999999\nWriteRetryTime=12ms\n");
-  EXPECT_EQ(SdkSettings.ReadBufSize, 262144);  // no digits reads as 0
-  EXPECT_EQ(SdkSettings.WriteRetryCount, 2147483647);
+  EXPECT_EQ(Load(binary), kDefaults);
+  EXPECT_EQ(Load("[FILERW]\nWriteRetryCount=99999999999999999999\nWriteRetryTime=12ms\n")[4], 2147483647);
   EXPECT_EQ(SdkSettings.WriteRetryTime, 12);
-  Load("[FILERW]\nWriteRetryCount=4\nWriteRetryCount=8\n[FILERW]\nWriteRetryCount=9\n");
-  EXPECT_EQ(SdkSettings.WriteRetryCount, 4);  // the first occurrence wins
+  // Duplicate keys and sections: the first occurrence wins.
+  EXPECT_EQ(Load("[FILERW]\nWriteRetryCount=4\nWriteRetryCount=8\n[FILERW]\nWriteRetryCount=9\n")[4], 4);
 }
 
 TEST_F(SettingsTest, FileBesideExecutableWinsOverOneBesideLibrary) {
@@ -114,7 +74,6 @@ TEST_F(SettingsTest, FileBesideExecutableWinsOverOneBesideLibrary) {
   std::wstring exe = QltWindowsPath(exeDir.path()), module = QltWindowsPath(moduleDir.path());
   EXPECT_EQ(ChooseConfigDirectory(exe, module), module);  // neither has one
   ASSERT_TRUE(WriteWholeFile(moduleDir.file("qltfsdk.ini"), "[FILERW]\nWriteRetryCount=1\n"));
-  EXPECT_EQ(ChooseConfigDirectory(exe, module), module);
   ASSERT_TRUE(WriteWholeFile(exeDir.file("qltfsdk.ini"), "[FILERW]\nWriteRetryCount=2\n"));
   EXPECT_EQ(ChooseConfigDirectory(exe, module), exe);
   EXPECT_EQ(ChooseConfigDirectory(L"", module), module);
@@ -135,26 +94,16 @@ TEST_F(SettingsTest, AttachLoadsDrivesSettingsAndDefaultBlockSize) {
   QLT_WriterOption::SetDefaultWriteBlockSize(524288);
 }
 
-class DriveChoiceTest : public ::testing::Test {
- protected:
-  void TearDown() override { QltResetDriveMap(); }
-  TempDir m_c, m_d, m_e, m_f;
-};
-
-TEST_F(DriveChoiceTest, SecondFixedDriveIsChosen) {
-  QltSetDrive(L'C', QltWindowsPath(m_c.path()).c_str(), DRIVE_FIXED);
-  QltSetDrive(L'D', QltWindowsPath(m_d.path()).c_str(), DRIVE_REMOVABLE);
-  QltSetDrive(L'E', QltWindowsPath(m_e.path()).c_str(), DRIVE_FIXED);
-  QltSetDrive(L'F', QltWindowsPath(m_f.path()).c_str(), DRIVE_FIXED);
+TEST_F(SettingsTest, CacheDriveIsSecondFixedDriveOrOnlyOneOrNone) {
+  TempDir dirs[4];
+  const UINT kTypes[] = {DRIVE_FIXED, DRIVE_REMOVABLE, DRIVE_FIXED, DRIVE_FIXED};  // C D E F
+  for (int i = 0; i < 4; ++i)
+    QltSetDrive(static_cast<wchar_t>(L'C' + i), QltWindowsPath(dirs[i].path()).c_str(), kTypes[i]);
   std::wstring root = L"junk";
   EXPECT_EQ(SelectCacheDrive(root), 1);
   EXPECT_EQ(root, L"E:\\");
-}
-
-TEST_F(DriveChoiceTest, OnlyFixedDriveOrNone) {
-  QltSetDrive(L'C', QltWindowsPath(m_c.path()).c_str(), DRIVE_FIXED);
-  QltSetDrive(L'D', QltWindowsPath(m_d.path()).c_str(), DRIVE_REMOVABLE);
-  std::wstring root;
+  QltSetDrive(L'E', L"", DRIVE_UNKNOWN);
+  QltSetDrive(L'F', L"", DRIVE_UNKNOWN);
   SelectCacheDrive(root);
   EXPECT_EQ(root, L"C:\\");
   QltSetDrive(L'C', L"", DRIVE_UNKNOWN);
