@@ -42,41 +42,37 @@ size_t RecordSize(uint64_t seq) {
   return static_cast<size_t>((r >> 8) % (uint64_t{1} << bits));
 }
 
-// One FIFO seen from its producer and its consumer.
-struct Channel {
-  std::function<bool(const char*, size_t)> write;  // null payload: end of data
-  std::function<long(char*)> read;                 // the record's length, or -1 at the end
-  std::function<void()> stop;
-  std::function<void(uint64_t nWritten)> afterWrite = [](uint64_t) {};
-  std::function<void(uint64_t nReceived)> beforeRead = [](uint64_t) {};
-};
-
-// Carries nRecords records from a producer thread to a consumer thread and
-// checks that each arrives once, whole and in order.
-void ExpectCarriedIntact(uint64_t nRecords, const Channel& c) {
+// Carries nRecords records from a producer thread to a consumer thread
+// through fifo (the pool or the manager: the same calls) and checks that each
+// arrives once, whole and in order. The hooks run after each write and before
+// each read.
+template <class Fifo>
+void ExpectCarriedIntact(Fifo& fifo, uint64_t nRecords, const std::function<void(uint64_t nWritten)>& afterWrite,
+                         const std::function<void(uint64_t nReceived)>& beforeRead) {
   uint64_t nRefused = 0, nReceived = 0, nBad = 0;  // bad: wrong length or contents
-  long nLast = 0;
+  int nLast = 0;
   {
     Background producer(
         [&] {
-          for (uint64_t i = 0; i < nRecords; c.afterWrite(++i)) {
-            std::vector<char> r = fifotest::MakeRecord(i, RecordSize(i));
-            nRefused += !c.write(r.empty() ? "" : r.data(), r.size());
+          for (uint64_t i = 0; i < nRecords; afterWrite(++i)) {
+            std::string r = fifotest::MakeRecord(i, RecordSize(i));
+            nRefused += fifo.WriteBuffer(r.data(), static_cast<int>(r.size())) != 1;
           }
-          c.write(nullptr, 0);
+          fifo.WriteBuffer(nullptr, 0);
         },
-        c.stop);
+        [&] { fifo.StopFifo(); });
     Background consumer(
         [&] {
           std::vector<char> buf(kMaxRecord);
           for (;; ++nReceived) {
-            c.beforeRead(nReceived);
-            if ((nLast = c.read(buf.data())) < 0) break;
-            std::vector<char> want = fifotest::MakeRecord(nReceived, RecordSize(nReceived));
+            beforeRead(nReceived);
+            fifo.ReadBuffer(buf.data(), nLast);
+            if (nLast < 0) break;
+            std::string want = fifotest::MakeRecord(nReceived, RecordSize(nReceived));
             nBad += want.size() != static_cast<size_t>(nLast) || std::memcmp(want.data(), buf.data(), want.size()) != 0;
           }
         },
-        c.stop);
+        [&] { fifo.StopFifo(); });
     ASSERT_TRUE(producer.Done(std::chrono::minutes(5)));
     ASSERT_TRUE(consumer.Done(std::chrono::minutes(5)));
   }
@@ -93,14 +89,8 @@ TEST(FifoStressTest, PoolCarriesEveryRecordOnceAndInOrder) {
   pool.SetWriteCacheSize(4 << 20);
   pool.SetMemoryPoolSize(8 << 20);
   ASSERT_EQ(pool.StartFifo(), 1);
-  ExpectCarriedIntact(RecordCount(),
-                      {[&](const char* p, size_t n) { return pool.WriteBuffer(p, static_cast<int>(n)) == 1; },
-                       [&](char* p) {
-                         int n = 0;
-                         pool.ReadBuffer(p, n);
-                         return static_cast<long>(n);
-                       },
-                       [&] { pool.StopFifo(); }});
+  ExpectCarriedIntact(
+      pool, RecordCount(), [](uint64_t) {}, [](uint64_t) {});
   EXPECT_EQ(pool.StopFifo(), 1);
   EXPECT_EQ(fifotest::ThreadCountSettling(before), before);
 }
@@ -122,20 +112,13 @@ TEST(FifoStressTest, ManagerInDiskModeCarriesEveryRecordOnceAndInOrder) {
   uint64_t nWritten = 0;  // guarded by m
   const uint64_t nLead = std::max<uint64_t>(nRecords / 20, 2000);
   size_t nMaxFiles = 0;  // overflow files seen at once while the consumer held back
-  Channel c{[&](const char* p, size_t n) { return man.WriteBuffer(p, static_cast<LONG>(n)) == TRUE; },
-            [&](char* p) {
-              LONG n = 0;
-              man.ReadBuffer(p, n);
-              return static_cast<long>(n);
-            },
-            [&] { man.StopFifo(); }};
-  c.afterWrite = [&](uint64_t n) {
+  auto afterWrite = [&](uint64_t n) {
     if (n % 256 != 0 && n != nRecords) return;
     std::lock_guard<std::mutex> g(m);
     nWritten = n;
     cv.notify_all();
   };
-  c.beforeRead = [&](uint64_t nGot) {
+  auto beforeRead = [&](uint64_t nGot) {
     if (nGot % (nLead * 4) != 0) return;
     {
       std::unique_lock<std::mutex> g(m);
@@ -143,7 +126,7 @@ TEST(FifoStressTest, ManagerInDiskModeCarriesEveryRecordOnceAndInOrder) {
     }
     nMaxFiles = std::max(nMaxFiles, fifotest::DirEntries(dir.file("spill")).size());
   };
-  ExpectCarriedIntact(nRecords, c);
+  ExpectCarriedIntact(man, nRecords, afterWrite, beforeRead);
   man.StopFifo();
   EXPECT_EQ(fifotest::ThreadCountSettling(before), before);
   EXPECT_GT(nMaxFiles, 0u);

@@ -82,12 +82,12 @@ inline uint64_t Mix(uint64_t x) {
 
 // len bytes in a pattern that depends on the record number and on every
 // position, so a lost, repeated, reordered or torn record shows.
-inline std::vector<char> MakeRecord(uint64_t seq, size_t len) {
-  std::vector<char> r(len);
+inline std::string MakeRecord(uint64_t seq, size_t len) {
+  std::string r(len, '\0');
   uint64_t v = Mix(seq);
   size_t i = 0;
-  for (; i + 8 <= len; i += 8, v += 0x632BE59BD9B4E019ull) std::memcpy(r.data() + i, &v, 8);
-  if (i < len) std::memcpy(r.data() + i, &v, len - i);
+  for (; i + 8 <= len; i += 8, v += 0x632BE59BD9B4E019ull) std::memcpy(&r[i], &v, 8);
+  if (i < len) std::memcpy(&r[i], &v, len - i);
   return r;
 }
 
