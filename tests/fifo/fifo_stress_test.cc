@@ -2,9 +2,10 @@
 // disk mode: none lost, repeated or reordered, and no thread left behind.
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -41,81 +42,56 @@ size_t RecordSize(uint64_t seq) {
   return static_cast<size_t>((r >> 8) % (uint64_t{1} << bits));
 }
 
-int CountFiles(const std::string& dir) {
-  int n = 0;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
-    closedir(d);
+// Carries nRecords records from a producer thread to a consumer thread
+// through fifo (the pool or the manager: the same calls) and checks that each
+// arrives once, whole and in order. The hooks run after each write and before
+// each read.
+template <class Fifo>
+void ExpectCarriedIntact(Fifo& fifo, uint64_t nRecords, const std::function<void(uint64_t nWritten)>& afterWrite,
+                         const std::function<void(uint64_t nReceived)>& beforeRead) {
+  uint64_t nRefused = 0, nReceived = 0, nBad = 0;  // bad: wrong length or contents
+  int nLast = 0;
+  {
+    Background producer(
+        [&] {
+          for (uint64_t i = 0; i < nRecords; afterWrite(++i)) {
+            std::string r = fifotest::MakeRecord(i, RecordSize(i));
+            nRefused += fifo.WriteBuffer(r.data(), static_cast<int>(r.size())) != 1;
+          }
+          fifo.WriteBuffer(nullptr, 0);
+        },
+        [&] { fifo.StopFifo(); });
+    Background consumer(
+        [&] {
+          std::vector<char> buf(kMaxRecord);
+          for (;; ++nReceived) {
+            beforeRead(nReceived);
+            fifo.ReadBuffer(buf.data(), nLast);
+            if (nLast < 0) break;
+            std::string want = fifotest::MakeRecord(nReceived, RecordSize(nReceived));
+            nBad += want.size() != static_cast<size_t>(nLast) || std::memcmp(want.data(), buf.data(), want.size()) != 0;
+          }
+        },
+        [&] { fifo.StopFifo(); });
+    ASSERT_TRUE(producer.Done(std::chrono::minutes(5)));
+    ASSERT_TRUE(consumer.Done(std::chrono::minutes(5)));
   }
-  return n;
-}
-
-struct Tally {
-  uint64_t nReceived = 0;
-  uint64_t nBad = 0;  // wrong length or contents: lost, repeated, reordered or torn
-  bool bEnded = false;
-};
-
-// Reads until -1, checking each record against the expected sequence.
-template <class ReadFn>
-Tally Consume(uint64_t nRecords, ReadFn read, const std::function<void(uint64_t)>& beforeRead = nullptr) {
-  Tally t;
-  std::vector<char> buf(kMaxRecord), scratch;
-  for (;;) {
-    if (beforeRead) beforeRead(t.nReceived);
-    long n = read(buf.data());
-    if (n == -1) {
-      t.bEnded = true;
-      break;
-    }
-    if (n < 0 || t.nReceived >= nRecords || static_cast<size_t>(n) != RecordSize(t.nReceived) ||
-        !fifotest::CheckRecord(t.nReceived, buf.data(), static_cast<size_t>(n), scratch))
-      ++t.nBad;
-    ++t.nReceived;
-  }
-  return t;
+  EXPECT_EQ(nRefused, 0u);
+  EXPECT_EQ(nLast, -1);
+  EXPECT_EQ(nReceived, nRecords);
+  EXPECT_EQ(nBad, 0u);
 }
 
 TEST(FifoStressTest, PoolCarriesEveryRecordOnceAndInOrder) {
-  const uint64_t nRecords = RecordCount();
   const int before = fifotest::BaselineThreadCount();
   QLCT_DataFifoPool pool;
   ASSERT_EQ(pool.Initialize(), 1);
   pool.SetWriteCacheSize(4 << 20);
   pool.SetMemoryPoolSize(8 << 20);
   ASSERT_EQ(pool.StartFifo(), 1);
-  int nRefused = 0;
-  Tally t;
-  {
-    Background producer(
-        [&] {
-          std::vector<char> buf(kMaxRecord);
-          for (uint64_t i = 0; i < nRecords; ++i) {
-            size_t len = RecordSize(i);
-            fifotest::FillRecord(i, buf.data(), len);
-            if (pool.WriteBuffer(buf.data(), static_cast<int>(len)) != 1) ++nRefused;
-          }
-          pool.WriteBuffer(nullptr, 0);
-        },
-        [&] { pool.StopFifo(); });
-    Background consumer(
-        [&] {
-          t = Consume(nRecords, [&](char* p) {
-            int n = 0;
-            pool.ReadBuffer(p, n);
-            return static_cast<long>(n);
-          });
-        },
-        [&] { pool.StopFifo(); });
-    ASSERT_TRUE(producer.Done(std::chrono::minutes(5)));
-    ASSERT_TRUE(consumer.Done(std::chrono::minutes(5)));
-  }
+  ExpectCarriedIntact(
+      pool, RecordCount(), [](uint64_t) {}, [](uint64_t) {});
   EXPECT_EQ(pool.StopFifo(), 1);
-  EXPECT_EQ(nRefused, 0);
-  EXPECT_TRUE(t.bEnded);
-  EXPECT_EQ(t.nReceived, nRecords);
-  EXPECT_EQ(t.nBad, 0u);
   EXPECT_EQ(fifotest::ThreadCountSettling(before), before);
 }
 
@@ -133,56 +109,28 @@ TEST(FifoStressTest, ManagerInDiskModeCarriesEveryRecordOnceAndInOrder) {
   // so the ring overflows to disk again and again.
   std::mutex m;
   std::condition_variable cv;
-  uint64_t nWritten = 0;
+  uint64_t nWritten = 0;  // guarded by m
   const uint64_t nLead = std::max<uint64_t>(nRecords / 20, 2000);
-  Tally t;
-  int nMaxFiles = 0;  // overflow files seen at once while the consumer held back
-  {
-    Background producer(
-        [&] {
-          std::vector<char> buf(kMaxRecord);
-          for (uint64_t i = 0; i < nRecords; ++i) {
-            size_t len = RecordSize(i);
-            fifotest::FillRecord(i, buf.data(), len);
-            man.WriteBuffer(buf.data(), static_cast<LONG>(len));
-            if (i % 256 == 255 || i + 1 == nRecords) {
-              std::lock_guard<std::mutex> g(m);
-              nWritten = i + 1;
-              cv.notify_all();
-            }
-          }
-          man.WriteBuffer(nullptr, 0);
-        },
-        [&] { man.StopFifo(); });
-    Background consumer(
-        [&] {
-          t = Consume(
-              nRecords,
-              [&](char* p) {
-                LONG n = 0;
-                man.ReadBuffer(p, n);
-                return static_cast<long>(n);
-              },
-              [&](uint64_t nGot) {
-                if (nGot % (nLead * 4) != 0) return;
-                {
-                  std::unique_lock<std::mutex> g(m);
-                  cv.wait_for(g, fifotest::kLongWait, [&] { return nWritten >= std::min(nRecords, nGot + nLead); });
-                }
-                nMaxFiles = std::max(nMaxFiles, CountFiles(dir.file("spill")));
-              });
-        },
-        [&] { man.StopFifo(); });
-    ASSERT_TRUE(producer.Done(std::chrono::minutes(5)));
-    ASSERT_TRUE(consumer.Done(std::chrono::minutes(5)));
-  }
+  size_t nMaxFiles = 0;  // overflow files seen at once while the consumer held back
+  auto afterWrite = [&](uint64_t n) {
+    if (n % 256 != 0 && n != nRecords) return;
+    std::lock_guard<std::mutex> g(m);
+    nWritten = n;
+    cv.notify_all();
+  };
+  auto beforeRead = [&](uint64_t nGot) {
+    if (nGot % (nLead * 4) != 0) return;
+    {
+      std::unique_lock<std::mutex> g(m);
+      cv.wait_for(g, fifotest::kLongWait, [&] { return nWritten >= std::min(nRecords, nGot + nLead); });
+    }
+    nMaxFiles = std::max(nMaxFiles, fifotest::DirEntries(dir.file("spill")).size());
+  };
+  ExpectCarriedIntact(man, nRecords, afterWrite, beforeRead);
   man.StopFifo();
-  EXPECT_TRUE(t.bEnded);
-  EXPECT_EQ(t.nReceived, nRecords);
-  EXPECT_EQ(t.nBad, 0u);
   EXPECT_EQ(fifotest::ThreadCountSettling(before), before);
-  EXPECT_GT(nMaxFiles, 0);
-  EXPECT_EQ(CountFiles(dir.file("spill")), 0);
+  EXPECT_GT(nMaxFiles, 0u);
+  EXPECT_TRUE(fifotest::DirEntries(dir.file("spill")).empty());
 }
 
 }  // namespace

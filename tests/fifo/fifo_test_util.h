@@ -1,5 +1,5 @@
 // Helpers shared by the FIFO suites: bounded waits on background calls,
-// thread counting and self-checking record contents.
+// thread and file counting, and self-checking record contents.
 #ifndef QLTFSDK_TESTS_FIFO_FIFO_TEST_UTIL_H
 #define QLTFSDK_TESTS_FIFO_FIFO_TEST_UTIL_H
 
@@ -30,13 +30,10 @@ class Background {
     m_thread = std::thread(std::move(task));
   }
   ~Background() {
-    if (!Finished() && m_release) m_release();
+    if (!Done(std::chrono::milliseconds(0)) && m_release) m_release();
     m_thread.join();
   }
-  bool Done(std::chrono::milliseconds wait = std::chrono::duration_cast<std::chrono::milliseconds>(kLongWait)) {
-    return m_future.wait_for(wait) == std::future_status::ready;
-  }
-  bool Finished() { return m_future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+  bool Done(std::chrono::milliseconds wait = kLongWait) { return m_future.wait_for(wait) == std::future_status::ready; }
 
  private:
   std::function<void()> m_release;
@@ -44,15 +41,36 @@ class Background {
   std::thread m_thread;
 };
 
-// Number of threads of this process.
-inline int ThreadCount() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
+// Entries of a folder (without "." and ".."); empty when it cannot be read.
+inline std::vector<std::string> DirEntries(const std::string& dir) {
+  std::vector<std::string> names;
+  if (DIR* d = opendir(dir.c_str())) {
     while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
+      if (e->d_name[0] != '.') names.push_back(e->d_name);
     closedir(d);
   }
-  return n;
+  return names;
+}
+
+inline int ThreadCount() { return static_cast<int>(DirEntries("/proc/self/task").size()); }
+
+// Thread count to compare against later: starts and joins one thread first,
+// so that helper threads a runtime adds on the first thread start (the
+// thread sanitizer's, for one) are already counted.
+inline int BaselineThreadCount() {
+  std::thread([] {}).join();
+  return ThreadCount();
+}
+
+// The thread count once it has come down to n, or whatever it is after a
+// bounded wait. A joined thread can stay listed for a moment after the join
+// returns (the kernel removes it from /proc after waking the joiner).
+inline int ThreadCountSettling(int n) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  int now = ThreadCount();
+  for (; now > n && std::chrono::steady_clock::now() < deadline; now = ThreadCount())
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return now;
 }
 
 inline uint64_t Mix(uint64_t x) {
@@ -62,48 +80,15 @@ inline uint64_t Mix(uint64_t x) {
   return x ^ (x >> 31);
 }
 
-// Fills len bytes with a pattern that depends on the record number and on
-// every position, so a lost, repeated, reordered or torn record shows.
-inline void FillRecord(uint64_t seq, char* p, size_t len) {
+// len bytes in a pattern that depends on the record number and on every
+// position, so a lost, repeated, reordered or torn record shows.
+inline std::string MakeRecord(uint64_t seq, size_t len) {
+  std::string r(len, '\0');
   uint64_t v = Mix(seq);
   size_t i = 0;
-  for (; i + 8 <= len; i += 8, v += 0x632BE59BD9B4E019ull) std::memcpy(p + i, &v, 8);
-  if (i < len) std::memcpy(p + i, &v, len - i);
-}
-
-inline bool CheckRecord(uint64_t seq, const char* p, size_t len, std::vector<char>& scratch) {
-  if (scratch.size() < len) scratch.resize(len);
-  FillRecord(seq, scratch.data(), len);
-  return std::memcmp(p, scratch.data(), len) == 0;
-}
-
-// True for 32 lowercase hexadecimal digits followed by suffix.
-inline bool IsHexName(const std::string& name, const std::string& suffix = "") {
-  if (name.size() != 32 + suffix.size() || name.compare(32, std::string::npos, suffix) != 0) return false;
-  for (size_t i = 0; i < 32; ++i)
-    if (!((name[i] >= '0' && name[i] <= '9') || (name[i] >= 'a' && name[i] <= 'f'))) return false;
-  return true;
-}
-
-// The thread count once it has come down to n, or whatever it is after a
-// bounded wait. A joined thread can stay listed for a moment after the join
-// returns (the kernel removes it from /proc after waking the joiner).
-inline int ThreadCountSettling(int n) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  int now = ThreadCount();
-  while (now > n && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    now = ThreadCount();
-  }
-  return now;
-}
-
-// Thread count to compare against later: starts and joins one thread first,
-// so that helper threads a runtime adds on the first thread start (the
-// thread sanitizer's, for one) are already counted.
-inline int BaselineThreadCount() {
-  std::thread([] {}).join();
-  return ThreadCount();
+  for (; i + 8 <= len; i += 8, v += 0x632BE59BD9B4E019ull) std::memcpy(&r[i], &v, 8);
+  if (i < len) std::memcpy(&r[i], &v, len - i);
+  return r;
 }
 
 }  // namespace fifotest
