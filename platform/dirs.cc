@@ -45,11 +45,7 @@ extern "C" BOOL CreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES /*sa*/) {
   std::string p;
   if (!TranslatePath(path, &p)) return FALSE;
   while (p.size() > 1 && p.back() == '/') p.pop_back();
-  if (faults::Armed()) {
-    faults::Outcome o{};
-    if (faults::Match(qlt::fault::kCreateDir, p, nullptr, &o) && o.action == qlt::fault::Action::kFail)
-      return Fail(o.error);
-  }
+  if (faults::InjectPathFault(qlt::fault::kCreateDir, p)) return FALSE;
   if (::mkdir(p.c_str(), 0755) == 0) return TRUE;
   if (errno == EEXIST) return Fail(ERROR_ALREADY_EXISTS);
   if (errno == ENOENT) return Fail(ERROR_PATH_NOT_FOUND);

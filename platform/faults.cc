@@ -70,6 +70,14 @@ bool Match(unsigned op, const std::string& nativePath, HANDLE h, Outcome* out) {
   return act;
 }
 
+bool InjectPathFault(unsigned op, const std::string& nativePath) {
+  if (!Armed()) return false;
+  Outcome o{};
+  if (!Match(op, nativePath, nullptr, &o) || o.action != fault::Action::kFail) return false;
+  SetLastError(o.error);
+  return true;
+}
+
 }  // namespace qlt::plat::faults
 
 namespace qlt::fault {

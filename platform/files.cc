@@ -74,17 +74,6 @@ bool InjectFault(unsigned op, const FileObject* f, DWORD* limit) {
   return false;
 }
 
-bool InjectPathFault(unsigned op, const std::string& path) {
-  if (!faults::Armed()) return false;
-  faults::Outcome o{};
-  if (!faults::Match(op, path, nullptr, &o)) return false;
-  if (o.action == qlt::fault::Action::kFail) {
-    SetLastError(o.error);
-    return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 BOOL CloseFileObject(KObject* obj) {
@@ -126,7 +115,7 @@ extern "C" HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD d
     SetLastError(ERROR_PATH_NOT_FOUND);
     return INVALID_HANDLE_VALUE;
   }
-  if (InjectPathFault(qlt::fault::kOpen, path)) return INVALID_HANDLE_VALUE;
+  if (faults::InjectPathFault(qlt::fault::kOpen, path)) return INVALID_HANDLE_VALUE;
 
   int flags = O_CLOEXEC;
   bool rd = Wants(dwDesiredAccess, GENERIC_READ), wr = Wants(dwDesiredAccess, GENERIC_WRITE);
@@ -337,7 +326,7 @@ extern "C" BOOL FlushFileBuffers(HANDLE h) {
 extern "C" BOOL DeleteFileW(LPCWSTR path) {
   std::string p;
   if (!TranslatePath(path, &p)) return FALSE;
-  if (InjectPathFault(qlt::fault::kDelete, p)) return FALSE;
+  if (faults::InjectPathFault(qlt::fault::kDelete, p)) return FALSE;
   std::lock_guard<std::mutex> g(ShareLock());
   struct stat st {};
   if (::lstat(p.c_str(), &st) != 0) return FailErrno();

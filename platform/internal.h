@@ -89,6 +89,9 @@ struct Outcome {
 // True when a rule fires for this call; out receives what to do.
 bool Match(unsigned op, const std::string& nativePath, HANDLE h, Outcome* out);
 inline bool Armed() { return g_nArmed.load(std::memory_order_relaxed) != 0; }
+// For calls named by a path alone: true (last error set to the rule's error)
+// when an armed rule makes this call fail now.
+bool InjectPathFault(unsigned op, const std::string& nativePath);
 }  // namespace faults
 
 }  // namespace qlt::plat

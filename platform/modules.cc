@@ -41,12 +41,9 @@ extern "C" HMODULE LoadLibraryW(LPCWSTR name) {
     return nullptr;
   }
   std::string asked = QltWideToUtf8(name);
-  if (faults::Armed()) {
-    faults::Outcome o{};
-    if (faults::Match(qlt::fault::kLoadLibrary, asked, nullptr, &o) && o.action == qlt::fault::Action::kFail) {
-      SetLastError(o.error == 0 ? ERROR_MOD_NOT_FOUND : o.error);
-      return nullptr;
-    }
+  if (faults::InjectPathFault(qlt::fault::kLoadLibrary, asked)) {
+    if (GetLastError() == 0) SetLastError(ERROR_MOD_NOT_FOUND);
+    return nullptr;
   }
   void* h = nullptr;
   if (asked.find('\\') != std::string::npos || asked.find('/') != std::string::npos) {
