@@ -86,7 +86,8 @@ void UnshareLocked(FileObject* f) {
 bool InjectFault(unsigned op, const FileObject* f, DWORD* limit) {
   if (!faults::Armed()) return false;
   faults::Outcome o{};
-  if (!faults::Match(op, f ? f->path : std::string(), f ? f->handle : nullptr, &o)) return false;
+  static const std::string kNoPath;
+  if (!faults::Match(op, f ? f->path : kNoPath, f ? f->handle : nullptr, &o)) return false;
   if (o.action == qlt::fault::Action::kFail) {
     SetLastError(o.error);
     return true;
