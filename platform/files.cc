@@ -218,8 +218,10 @@ HANDLE qlt::win::CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dw
       SetLastError(reportExisted ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
       return h;
     } catch (...) {
-      UnshareLocked(f.get());
-      if (entries.empty()) ShareTable().erase({f->dev, f->ino});
+      if (f->shared)
+        UnshareLocked(f.get());  // also drops the file's entry when it was the only one
+      else if (entries.empty())
+        ShareTable().erase({f->dev, f->ino});
       throw;
     }
   });
