@@ -3,6 +3,7 @@
 #include "fifo/data_fifo_man.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
 
 namespace {
@@ -46,6 +47,15 @@ BOOL CDataFifoMan::SetMemoryPoolSize(DWORD nBytes) {
 }
 
 BOOL CDataFifoMan::SetDiskPath(const std::wstring& strFolder) {
+  try {
+    return SetDiskPathOrThrow(strFolder);
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return FALSE;
+  }
+}
+
+BOOL CDataFifoMan::SetDiskPathOrThrow(const std::wstring& strFolder) {
   if (strFolder.empty()) return FALSE;
   for (size_t i = 1; i < strFolder.size(); ++i)
     if (IsSeparator(strFolder[i])) {
@@ -61,6 +71,16 @@ BOOL CDataFifoMan::SetDiskPath(const std::wstring& strFolder) {
 }
 
 BOOL CDataFifoMan::StartFifo() {
+  try {
+    return StartRun();
+  } catch (const std::bad_alloc&) {
+    StopFifo();  // whatever was made so far
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return FALSE;
+  }
+}
+
+BOOL CDataFifoMan::StartRun() {
   StopFifo();
   m_bEndOfData.store(false);
   m_nPendingMoves.store(0);
@@ -68,7 +88,7 @@ BOOL CDataFifoMan::StartFifo() {
   if (m_nMemoryPoolSize < 4) return FALSE;  // not even a record's length would fit
   if (m_nBufferingMode.load() == 1 && m_nMemoryPoolSize <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
 
-  m_pMemoryPool = new (std::nothrow) CRingStream(L"WriteMemory");
+  m_pMemoryPool = new CRingStream(L"WriteMemory");  // bad_alloc: see StartFifo
   if (!m_pMemoryPool || m_pMemoryPool->InitStream(m_nMemoryPoolSize) != S_OK) {
     StopFifo();  // frees the half-made ring
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -160,12 +180,19 @@ BOOL CDataFifoMan::WriteBuffer(const void* pPayload, LONG nLen) {
 
   if (m_nBufferingMode.load(std::memory_order_relaxed) == 0 && m_nDiskState.load(std::memory_order_acquire) == 0) {
     WriteRecordToRing(pPayload, nLen);
-  } else if (m_nDiskState.load(std::memory_order_acquire) == 0) {
-    WriteMemoryFirst(pPayload, nLen);
-  } else {
-    // Records already on disk keep their place: newer ones follow them there
-    // even when the mode has meanwhile turned to 0.
-    WriteToDisk(pPayload, nLen);
+    return TRUE;
+  }
+  try {
+    if (m_nDiskState.load(std::memory_order_acquire) == 0) {
+      WriteMemoryFirst(pPayload, nLen);
+    } else {
+      // Records already on disk keep their place: newer ones follow them
+      // there even when the mode has meanwhile turned to 0.
+      WriteToDisk(pPayload, nLen);
+    }
+  } catch (const std::bad_alloc&) {  // a new overflow file could not be set up
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return FALSE;
   }
   return TRUE;
 }
@@ -233,10 +260,10 @@ CFifoDiskFile* CDataFifoMan::OpenNewDiskFile() {
     m_pWriteFile = nullptr;
     return nullptr;
   }
-  auto* pFile = new (std::nothrow) CFifoDiskFile;
-  if (!pFile) return nullptr;
-  pFile->SetFolder(m_strDiskPath);
-  m_arrDiskFiles.push_back(pFile);
+  std::unique_ptr<CFifoDiskFile> pNew(new CFifoDiskFile);
+  pNew->SetFolder(m_strDiskPath);
+  m_arrDiskFiles.push_back(pNew.get());
+  CFifoDiskFile* pFile = pNew.release();
   m_pWriteFile = pFile;
   pFile->CreateNewFile();  // a failure leaves an empty entry the mover drops
   return pFile;

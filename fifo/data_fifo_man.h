@@ -17,6 +17,9 @@
 // the ring any more and the mover thread has been joined.
 // The mover runs only in mode 1: a manager kept in mode 0 starts no thread,
 // creates no folder and allocates no staging buffer.
+// No operation throws: out of memory gives the failure result with the last
+// error ERROR_NOT_ENOUGH_MEMORY (for WriteBuffer only in disk mode, when an
+// overflow file cannot be set up; that record is then not queued).
 // Lock order: m_csWriteFile before m_csFiles, m_csRead before m_csFiles; the
 // ring's own lock is innermost.
 #ifndef QLTFSDK_FIFO_DATA_FIFO_MAN_H
@@ -59,7 +62,8 @@ class CDataFifoMan {
   BOOL SetMemoryPoolSize(DWORD nBytes);
   // Creates the folder and every missing parent ('\' or '/' separators).
   // Returns 1 when the folder exists afterwards (and stores it for new disk
-  // files), 0 otherwise (the old folder stays).
+  // files), 0 otherwise (the old folder stays; ERROR_NOT_ENOUGH_MEMORY when
+  // memory runs out).
   BOOL SetDiskPath(const std::wstring& strFolder);
   // Starts a new run with an empty ring and no disk files (stopping a
   // running one first). In mode 1 it also makes sure the disk folder exists
@@ -102,6 +106,8 @@ class CDataFifoMan {
   DWORD GetMemoryPoolSize() const { return m_nMemoryPoolSize; }
 
  private:
+  BOOL StartRun();  // StartFifo without the exception guard
+  BOOL SetDiskPathOrThrow(const std::wstring& strFolder);
   // Creates the work event and starts the mover (controlling thread).
   BOOL StartMover();
   void MoverLoop();

@@ -23,7 +23,7 @@ LONG KxDataFifoPool::SetBufferingMode(LONG) {
 
 LONG KxDataFifoPool::SetDiskPoolProps(const std::wstring& strFolder, DWORD) { return m_fifoMan.SetDiskPath(strFolder); }
 
-LONG KxDataFifoPool::SetMemoryPoolSize(DWORD nBytes) { return m_fifoMan.SetMemoryPoolSize(nBytes); }
+LONG KxDataFifoPool::SetMemoryPoolSize(DWORD nBytes) { return m_fifoMan.SetMemoryPoolSize(nBytes) ? 1 : 0; }
 
 LONG KxDataFifoPool::SetWriteCacheSize(DWORD nBytes) {
   if (nBytes > CRingStream::kMaxCapacity) {
@@ -35,9 +35,19 @@ LONG KxDataFifoPool::SetWriteCacheSize(DWORD nBytes) {
 }
 
 LONG KxDataFifoPool::StartFifo() {
+  try {
+    return StartRun();
+  } catch (const std::bad_alloc&) {
+    StopFifo();  // whatever was made so far
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
+}
+
+LONG KxDataFifoPool::StartRun() {
   StopFifo();
-  if (m_nWriteCacheSize < 4) return 0;  // not even a record's length would fit
-  m_pWriteCache = new (std::nothrow) CRingStream(L"WriteCache");
+  if (m_nWriteCacheSize < 4) return 0;             // not even a record's length would fit
+  m_pWriteCache = new CRingStream(L"WriteCache");  // bad_alloc: see StartFifo
   m_pStaging = new (std::nothrow) BYTE[kStagingSize];
   m_nStagingSize = kStagingSize;
   if (!m_pWriteCache || !m_pStaging || m_pWriteCache->InitStream(m_nWriteCacheSize) != S_OK) {
@@ -54,6 +64,7 @@ LONG KxDataFifoPool::StartFifo() {
   }
   m_nMaxPayload = std::min(m_nWriteCacheSize, m_fifoMan.GetRingCapacity());
   m_bEndSent.store(false);
+  m_bCacheFailed.store(false);
   m_nQueued.store(0);
   if (!m_cacheThread.Start([this] { CacheLoop(); })) {
     DWORD nError = GetLastError();
@@ -91,10 +102,15 @@ LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
   m_nQueued.fetch_add(1);
   LONG nHead = 4;
   m_pWriteCache->WriteData(&nLen, nHead);
-  if (nHead != 4 || !m_bAccepting.load()) return 0;  // StopFifo cut the wait short
+  if (nHead != 4 || !m_bAccepting.load()) {  // StopFifo, or a failed cache thread, cut the write short
+    if (m_bCacheFailed.load()) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
   LONG nBody = nLen;
   m_pWriteCache->WriteData(pData, nBody);
-  return nBody == nLen && m_bAccepting.load() ? 1 : 0;
+  if (nBody == nLen && m_bAccepting.load()) return 1;
+  if (m_bCacheFailed.load()) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return 0;
 }
 
 LONG KxDataFifoPool::ReadBuffer(void* pData, LONG& nLen) { return m_fifoMan.ReadBuffer(pData, nLen); }
@@ -139,7 +155,15 @@ void KxDataFifoPool::CacheLoop() {
     if (m_cacheThread.StopRequested() || nHead != 4 || nLen < 0) break;
     if (static_cast<DWORD>(nLen) > m_nStagingSize) {
       BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
-      if (!pBigger) break;
+      if (!pBigger) {
+        // This record cannot be carried. Fail the producer's later writes
+        // (out of memory) and end the consumer's data after the records
+        // already handed over, instead of leaving both waiting.
+        m_bCacheFailed.store(true);
+        m_pWriteCache->Close();
+        m_fifoMan.WriteBuffer(nullptr, 0);
+        break;
+      }
       delete[] m_pStaging;
       m_pStaging = pBigger;
       m_nStagingSize = static_cast<DWORD>(nLen);

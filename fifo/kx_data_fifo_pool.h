@@ -41,7 +41,7 @@ class KxDataFifoPool {
   // Sets the manager's mode 0 whatever nMode is; 1.
   LONG SetBufferingMode(LONG nMode);
   // The manager's SetDiskPath: 1 when the folder exists afterwards, else 0.
-  // nSize has no effect.
+  // nSize has no effect. Throws std::bad_alloc only (the facade contains it).
   LONG SetDiskPoolProps(const std::wstring& strFolder, DWORD nSize);
   // Ring capacities for the next StartFifo; 1. 0 with ERROR_INVALID_PARAMETER
   // (size kept) above CRingStream::kMaxCapacity.
@@ -50,7 +50,8 @@ class KxDataFifoPool {
   // Stops any run, then starts a new one with empty rings. 1 on success; 0
   // when a ring cannot be allocated (or is under 4 bytes) or the cache
   // thread cannot be started (last error set), leaving the pool stopped and
-  // ready for another StartFifo.
+  // ready for another StartFifo. Never throws: out of memory gives 0 with
+  // ERROR_NOT_ENOUGH_MEMORY.
   LONG StartFifo();
   // Queues one record (pData, nLen), waiting while the write cache lacks
   // room; a null pData marks the end of the data (nLen ignored). 1 when
@@ -70,6 +71,7 @@ class KxDataFifoPool {
   LONG StopFifo();
 
  private:
+  LONG StartRun();  // StartFifo without the exception guard
   void CacheLoop();
 
   // Write cache; created by StartFifo, freed by StopFifo once the producer
@@ -88,7 +90,10 @@ class KxDataFifoPool {
   std::atomic<bool> m_bAccepting{false};
   std::atomic<int> m_nProducersInside{0};
   std::atomic<bool> m_bEndSent{false};  // the producer has marked the end
-  DWORD m_nMaxPayload = 0;              // smaller ring capacity; set before m_bAccepting
+  // The cache thread could not carry a record (out of memory) and has closed
+  // the write cache; written by it, read by the producer.
+  std::atomic<bool> m_bCacheFailed{false};
+  DWORD m_nMaxPayload = 0;  // smaller ring capacity; set before m_bAccepting
   // Records accepted into the write cache and not yet handed to the manager.
   // Only the producer increments it (under m_csForward) and only the cache
   // thread decrements it (under m_csForward, after the hand-over). While it
