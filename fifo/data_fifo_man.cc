@@ -31,7 +31,12 @@ BOOL CDataFifoMan::SetBufferingMode(LONG nMode) {
   if (nMode == 1 && m_bRunning.load()) {
     if (GetRingCapacity() <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
     // The mover must run before the producer can spill.
-    if (!m_mover.IsRunning() && !StartMover()) return FALSE;
+    try {
+      if (!m_mover.IsRunning() && !StartMover()) return FALSE;
+    } catch (const std::bad_alloc&) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      return FALSE;
+    }
   }
   m_nBufferingMode.store(nMode, std::memory_order_relaxed);
   return TRUE;

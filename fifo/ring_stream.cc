@@ -5,12 +5,26 @@
 #include <cstring>
 #include <new>
 
+namespace {
+
+// An auto-reset event, or null when the platform cannot make one (InitStream
+// then fails): the constructor must not leave events behind by throwing.
+HANDLE NewEvent() noexcept {
+  try {
+    return CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+}  // namespace
+
 CRingStream::CRingStream(const std::wstring& strName)
     : m_strName(strName),
-      m_hDataWritten(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      m_hSpaceFreed(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      m_hEndMarked(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
-      m_hStopWriting(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      m_hDataWritten(NewEvent()),
+      m_hSpaceFreed(NewEvent()),
+      m_hEndMarked(NewEvent()),
+      m_hStopWriting(NewEvent()),
       m_hReaderWait{m_hDataWritten, m_hEndMarked},
       m_hWriterWait{m_hSpaceFreed, m_hStopWriting} {
   InitializeCriticalSection(&m_csStream);
@@ -21,6 +35,7 @@ CRingStream::~CRingStream() { DeleteCriticalSection(&m_csStream); }
 
 HRESULT CRingStream::InitStream(DWORD nSize) {
   if (nSize > kMaxCapacity) return E_INVALIDARG;  // refused before anything changes
+  if (!m_hDataWritten || !m_hSpaceFreed || !m_hEndMarked || !m_hStopWriting) return E_FAIL;  // no waits possible
   delete[] m_pBuffer;
   m_pBuffer = new (std::nothrow) BYTE[nSize == 0 ? 1 : nSize];
   if (!m_pBuffer) {

@@ -48,7 +48,8 @@ class CRingStream {
   static constexpr DWORD kMaxCapacity = 0x7FFFFFFF;
 
   // Stores the label and creates the four auto-reset events; no buffer yet,
-  // so InitStream comes first.
+  // so InitStream comes first. Throws only std::bad_alloc for the label; an
+  // event the platform cannot make makes every InitStream fail instead.
   explicit CRingStream(const std::wstring& strName);
   // Frees nothing: owners call UninitStream first.
   virtual ~CRingStream();
@@ -58,8 +59,8 @@ class CRingStream {
   // Replaces the buffer by one of nSize bytes, empties the ring and clears
   // Close. Returns 0; E_INVALIDARG for nSize above kMaxCapacity, before
   // anything is allocated or changed; E_FAIL (0x80004005) when the buffer
-  // cannot be allocated (the ring then has no buffer until a later
-  // InitStream succeeds).
+  // (or, at construction, an event) cannot be allocated (the ring then has
+  // no buffer until a later InitStream succeeds).
   HRESULT InitStream(DWORD nSize);
 
   // Copies nLen bytes from pSrc into the ring, waiting until all of them fit.

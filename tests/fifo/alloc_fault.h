@@ -7,8 +7,9 @@ namespace fifotest {
 
 // Starts counting the allocations on the calling thread; the nth of them
 // throws std::bad_alloc (n <= 0: none does). The library's allocations count
-// too: the dynamic linker binds them to the program's operator new, and the
-// nothrow and array forms go through it.
+// too (the dynamic linker binds them to the program's operator new, and the
+// nothrow and array forms go through it), except those made by the platform
+// library's own code, whose calls are its own to contain.
 void ArmAllocationFault(int n);
 // Stops counting and failing; returns how many allocations were counted
 // (the failed one included).
