@@ -7,7 +7,7 @@
 #include <string>
 
 #include "diagnostics/log_text_file.h"
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 struct LogFileOptions {
   int32_t nSizeLimit = 10485760;  // bytes; at or past it Write reopens the file

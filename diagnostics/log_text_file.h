@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 // Thrown by CLogTextFile when the platform fails a call on an open file.
 // Carries the platform's error code (also left as the thread's last error).

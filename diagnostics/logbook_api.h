@@ -21,7 +21,7 @@
 
 #include <string>
 
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 #if defined(QLTLOGBOOK_BUILD)
 #define QLTLOGBOOK_API QLT_DECL_EXPORT

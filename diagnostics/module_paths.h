@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 // Stores the SDK library's module handle (start-up does this once, on the
 // loading thread). Any thread may read it afterwards.

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "diagnostics/relaxed_int.h"
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 // The nine settings, named after their keys in qltfsdk.ini. Each field holds
 // its built-in value until start-up loads the file; afterwards it is read

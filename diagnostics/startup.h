@@ -2,7 +2,7 @@
 #ifndef QLTFSDK_DIAGNOSTICS_STARTUP_H
 #define QLTFSDK_DIAGNOSTICS_STARTUP_H
 
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 #ifndef DLL_PROCESS_DETACH
 #define DLL_PROCESS_DETACH 0

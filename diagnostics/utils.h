@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 // Callers make one on the stack around each error-log entry. No state; any
 // thread.

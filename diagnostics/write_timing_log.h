@@ -4,7 +4,7 @@
 #ifndef QLTFSDK_DIAGNOSTICS_WRITE_TIMING_LOG_H
 #define QLTFSDK_DIAGNOSTICS_WRITE_TIMING_LOG_H
 
-#include "qltfsdk/wintypes.h"
+#include "platform/platform.h"
 
 class QLT_LogBookU;
 

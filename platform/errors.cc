@@ -7,8 +7,8 @@ namespace {
 thread_local DWORD t_nLastError = 0;
 }
 
-extern "C" DWORD GetLastError() { return t_nLastError; }
-extern "C" void SetLastError(DWORD dwErrCode) { t_nLastError = dwErrCode; }
+DWORD qlt::win::GetLastError() { return t_nLastError; }
+void qlt::win::SetLastError(DWORD dwErrCode) { t_nLastError = dwErrCode; }
 
 namespace qlt::plat {
 

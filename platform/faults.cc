@@ -2,6 +2,8 @@
 #include <fnmatch.h>
 
 #include <mutex>
+#include <new>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -33,7 +35,7 @@ Rules& All() {
 }
 
 std::string NativePattern(const std::wstring& w) {
-  std::string p = QltWideToUtf8(w);
+  std::string p = ToUtf8(w);
   for (char& c : p)
     if (c == '\\') c = '/';
   return p;
@@ -76,6 +78,19 @@ bool InjectPathFault(unsigned op, const std::string& nativePath) {
   if (!Match(op, nativePath, nullptr, &o) || o.action != fault::Action::kFail) return false;
   SetLastError(o.error);
   return true;
+}
+
+void CheckAlloc() {
+  if (!Armed()) return;
+  Outcome o{};
+  if (Match(fault::kAlloc, std::string(), nullptr, &o) && o.action != fault::Action::kDelay) throw std::bad_alloc();
+}
+
+void CheckThreadStart() {
+  if (!Armed()) return;
+  Outcome o{};
+  if (Match(fault::kThreadStart, std::string(), nullptr, &o) && o.action != fault::Action::kDelay)
+    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
 }
 
 }  // namespace qlt::plat::faults

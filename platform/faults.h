@@ -1,7 +1,7 @@
 // Test-only fault control for the platform's file and module calls.
 //
 // A test arms rules; while any rule is armed, each file call (and
-// LoadLibraryW) checks whether it matches one and, if so, fails with the
+// LoadLibraryW, allocation points and thread starts) checks whether it matches one and, if so, fails with the
 // rule's error, transfers fewer bytes, or is delayed first. With no rule armed
 // the cost is one relaxed atomic load per call. Nothing outside tests arms it.
 // Any thread may arm, disarm or be affected; rules are process-wide.
@@ -27,6 +27,15 @@ enum Op : unsigned {
   kCreateDir = 1u << 8,    // CreateDirectoryW
   kLoadLibrary = 1u << 9,  // LoadLibraryW (path = the name asked for)
   kSize = 1u << 10,        // GetFileSize(Ex)
+  // Resource faults. These ignore `error` and `action`: a firing kAlloc rule
+  // makes the layer's next allocation point run out of memory (the call fails
+  // with ERROR_NOT_ENOUGH_MEMORY and releases what it had taken); a firing
+  // kThreadStart rule makes CreateThread fail to start its thread (null,
+  // ERROR_NOT_ENOUGH_MEMORY). Allocation points have no path or handle, so
+  // rules for them leave pathPattern and handle empty. Count with nth/times
+  // as for the other calls; a rule counts the calls of every thread.
+  kAlloc = 1u << 11,        // a platform call that allocates (handle creation, waits, paths, search, settings)
+  kThreadStart = 1u << 12,  // CreateThread starting its thread
 };
 
 enum class Action {

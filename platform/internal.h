@@ -22,22 +22,110 @@ DWORD ErrnoToWin(int err);
 BOOL FailErrno();
 BOOL Fail(DWORD err);
 
-// Every handle the layer gives out points at one of these. Live handles are
-// kept in a registry so that a stale or foreign handle fails with
-// ERROR_INVALID_HANDLE instead of being dereferenced.
-enum class Kind { kFile, kEvent, kThread, kFind };
-
-struct KObject {
-  explicit KObject(Kind k) : kind(k) {}
+// ---- Handles ----------------------------------------------------------------
+// Every handle the layer gives out names one KObject through the handle table:
+// the value is a table slot plus that slot's generation, never the object's
+// address, so a closed or stale handle fails with ERROR_INVALID_HANDLE even
+// after the slot is reused. Objects are reference-counted: the table holds
+// one reference per open handle, and every call holds one while it uses the
+// object (through Ref), so an object is destroyed only after CloseHandle and
+// the last call in flight on it have both finished.
+class KObject {
+ public:
+  KObject() = default;
   virtual ~KObject() = default;
-  const Kind kind;
+  KObject(const KObject&) = delete;
+  KObject& operator=(const KObject&) = delete;
+
+  // Runs once per handle, on the thread that closes it, after the handle has
+  // left the table (so no new call can reach the object through it). Calls
+  // already in flight may still hold references. Returns CloseHandle's result.
+  virtual BOOL OnClose() { return TRUE; }
+
+  void AddRef() { m_nRefs.fetch_add(1, std::memory_order_relaxed); }
+  void Release() {
+    if (m_nRefs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+  // True when the caller holds the only reference left.
+  bool LastReference() const { return m_nRefs.load(std::memory_order_acquire) == 1; }
+
+ private:
+  std::atomic<int> m_nRefs{1};  // starts with the creator's reference
 };
 
-void RegisterHandle(KObject* obj);
-// Removes and returns the object when h is live, else null.
-KObject* UnregisterHandle(HANDLE h);
-// The live object of the given kind behind h, or null (last error set).
-KObject* LookupHandle(HANDLE h, Kind kind);
+// A counted reference to an object of type T, released on destruction.
+template <class T>
+class Ref {
+ public:
+  Ref() = default;
+  explicit Ref(T* p) : m_p(p) {}
+  ~Ref() {
+    if (m_p) m_p->Release();
+  }
+  Ref(Ref&& o) noexcept : m_p(o.m_p) { o.m_p = nullptr; }
+  Ref& operator=(Ref&& o) noexcept {
+    if (this != &o) {
+      if (m_p) m_p->Release();
+      m_p = o.m_p;
+      o.m_p = nullptr;
+    }
+    return *this;
+  }
+  Ref(const Ref&) = delete;
+  Ref& operator=(const Ref&) = delete;
+  T* get() const { return m_p; }
+  T* operator->() const { return m_p; }
+  explicit operator bool() const { return m_p != nullptr; }
+
+ private:
+  T* m_p = nullptr;
+};
+
+// Enters obj in the table and returns its new handle; the table takes one
+// reference (the caller keeps its own). Throws std::bad_alloc.
+HANDLE InsertHandle(KObject* obj);
+// A new reference to the object behind h, or null when h is not open.
+KObject* ReferenceHandle(HANDLE h);
+// Removes h from the table and hands the table's reference to the caller,
+// or null when h is not open.
+KObject* TakeHandle(HANDLE h);
+
+// The open object of type T behind h, with a reference held for the call; an
+// empty Ref with last error ERROR_INVALID_HANDLE when h is not an open handle
+// of that type.
+template <class T>
+Ref<T> Lookup(HANDLE h) {
+  KObject* o = ReferenceHandle(h);
+  T* t = o ? dynamic_cast<T*>(o) : nullptr;
+  if (!t) {
+    if (o) o->Release();
+    SetLastError(ERROR_INVALID_HANDLE);
+  }
+  return Ref<T>(t);
+}
+
+// Runs body and turns any exception into a failure: returns onFailure with
+// last error ERROR_NOT_ENOUGH_MEMORY for std::bad_alloc or a thread that
+// cannot start, another Windows code otherwise. Every exported call whose
+// work can throw runs inside it.
+DWORD ExceptionToWin() noexcept;  // call only inside a catch block
+template <class R, class F>
+R NoThrow(R onFailure, F&& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    SetLastError(ExceptionToWin());
+    return onFailure;
+  }
+}
+template <class F>
+void NoThrowVoid(F&& body) noexcept {
+  try {
+    body();
+  } catch (...) {
+    SetLastError(ExceptionToWin());
+  }
+}
 
 // ---- Waiting --------------------------------------------------------------------
 // All waitable state is guarded by one process-wide mutex (WaitLock). A
@@ -50,7 +138,7 @@ struct Waiter {
 };
 
 struct Waitable : KObject {
-  Waitable(Kind k, bool manual, bool initial) : KObject(k), manualReset(manual), signaled(initial) {}
+  Waitable(bool manual, bool initial) : manualReset(manual), signaled(initial) {}
   const bool manualReset;
   bool signaled;                                 // guarded by WaitLock()
   std::vector<std::pair<Waiter*, int>> waiters;  // guarded by WaitLock()
@@ -60,14 +148,14 @@ std::mutex& WaitLock();
 // Signals obj; WaitLock() must be held.
 void SignalLocked(Waitable* obj);
 
-// ---- Threads --------------------------------------------------------------------
-struct ThreadObject : Waitable {
-  ThreadObject() : Waitable(Kind::kThread, true, false) {}
-  std::thread thread;
-  std::atomic<int> refs{2};       // one for the handle, one for the running thread
-  DWORD exitCode = STILL_ACTIVE;  // guarded by WaitLock()
-  DWORD threadId = 0;             // written before the thread is released
-};
+// ---- Text ----------------------------------------------------------------------
+// The conversions behind QltWideToUtf8 / QltUtf8ToWide; these throw
+// std::bad_alloc, for use inside NoThrow.
+std::string ToUtf8(const wchar_t* text);
+inline std::string ToUtf8(const std::wstring& text) { return ToUtf8(text.c_str()); }
+std::wstring ToWide(const char* text);
+inline std::wstring ToWide(const std::string& text) { return ToWide(text.c_str()); }
+std::wstring WindowsPath(const std::string& nativePath);
 
 // ---- Paths ----------------------------------------------------------------------
 // Native path for a Windows-shaped one; false (last error ERROR_PATH_NOT_FOUND
@@ -92,6 +180,11 @@ inline bool Armed() { return g_nArmed.load(std::memory_order_relaxed) != 0; }
 // For calls named by a path alone: true (last error set to the rule's error)
 // when an armed rule makes this call fail now.
 bool InjectPathFault(unsigned op, const std::string& nativePath);
+// Allocation points: throws std::bad_alloc when an armed kAlloc rule fires.
+void CheckAlloc();
+// Thread starts: throws std::system_error (resource unavailable) when an
+// armed kThreadStart rule fires.
+void CheckThreadStart();
 }  // namespace faults
 
 }  // namespace qlt::plat

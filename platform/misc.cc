@@ -8,7 +8,9 @@
 
 #include "platform/internal.h"
 
-extern "C" HRESULT CoCreateGuid(GUID* pguid) {
+using namespace qlt::plat;
+
+HRESULT qlt::win::CoCreateGuid(GUID* pguid) {
   if (!pguid) return E_INVALIDARG;
   unsigned char b[16];
   size_t got = 0;
@@ -40,13 +42,17 @@ bool DebugOutputOn() {
 }
 }  // namespace
 
-extern "C" void OutputDebugStringA(LPCSTR text) {
-  if (!text || !DebugOutputOn()) return;
-  std::fputs(text, stderr);
-  std::fflush(stderr);
+void qlt::win::OutputDebugStringA(LPCSTR text) {
+  NoThrowVoid([&] {
+    if (!text || !DebugOutputOn()) return;
+    std::fputs(text, stderr);
+    std::fflush(stderr);
+  });
 }
 
-extern "C" void OutputDebugStringW(LPCWSTR text) {
-  if (!text || !DebugOutputOn()) return;
-  OutputDebugStringA(QltWideToUtf8(text).c_str());
+void qlt::win::OutputDebugStringW(LPCWSTR text) {
+  NoThrowVoid([&] {
+    if (!text || !DebugOutputOn()) return;
+    OutputDebugStringA(ToUtf8(text).c_str());
+  });
 }

@@ -83,6 +83,7 @@ bool TranslatePath(LPCWSTR path, std::string* out) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return false;
   }
+  faults::CheckAlloc();
   std::wstring p(path);
   if (p.rfind(L"\\\\?\\", 0) == 0) p.erase(0, 4);
   std::string rest;
@@ -92,14 +93,14 @@ bool TranslatePath(LPCWSTR path, std::string* out) {
       SetLastError(ERROR_PATH_NOT_FOUND);
       return false;
     }
-    rest = QltWideToUtf8(p.substr(2));
+    rest = ToUtf8(p.substr(2));
     for (char& c : rest)
       if (c == '\\') c = '/';
     if (!rest.empty() && rest[0] != '/') rest.insert(rest.begin(), '/');
     *out = d.dir + rest;
     return true;
   }
-  rest = QltWideToUtf8(p);
+  rest = ToUtf8(p);
   for (char& c : rest)
     if (c == '\\') c = '/';
   *out = rest;
@@ -123,115 +124,135 @@ std::string PlatformDirectory() {
 
 using namespace qlt::plat;
 
-std::string QltNativePath(const wchar_t* path) {
-  std::string out;
-  return TranslatePath(path, &out) ? out : std::string();
-}
-
-std::wstring QltWindowsPath(const std::string& nativePath) {
-  std::wstring w = QltUtf8ToWide(nativePath);
+namespace qlt::plat {
+std::wstring WindowsPath(const std::string& nativePath) {
+  std::wstring w = ToWide(nativePath);
   for (wchar_t& c : w)
     if (c == L'/') c = L'\\';
   return w;
 }
+}  // namespace qlt::plat
+
+std::string QltNativePath(const wchar_t* path) {
+  return NoThrow(std::string(), [&] {
+    std::string out;
+    return TranslatePath(path, &out) ? out : std::string();
+  });
+}
+
+std::wstring QltWindowsPath(const std::string& nativePath) {
+  return NoThrow(std::wstring(), [&] { return WindowsPath(nativePath); });
+}
 
 extern "C" void QltSetDrive(wchar_t letter, LPCWSTR directory, UINT type) {
-  if (!IsDriveLetter(letter)) return;
-  DriveMap& m = Map();
-  std::lock_guard<std::mutex> g(m.lock);
-  InitialiseLocked(m);
-  wchar_t key = static_cast<wchar_t>(towupper(static_cast<wint_t>(letter)));
-  if (!directory || !*directory) {
-    m.drives.erase(key);
-    return;
-  }
-  std::string dir = QltWideToUtf8(directory);
-  for (char& c : dir)
-    if (c == '\\') c = '/';
-  while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
-  m.drives[key] = Drive{dir, type};
+  NoThrowVoid([&] {
+    if (!IsDriveLetter(letter)) return;
+    DriveMap& m = Map();
+    std::lock_guard<std::mutex> g(m.lock);
+    InitialiseLocked(m);
+    wchar_t key = static_cast<wchar_t>(towupper(static_cast<wint_t>(letter)));
+    if (!directory || !*directory) {
+      m.drives.erase(key);
+      return;
+    }
+    std::string dir = ToUtf8(directory);
+    for (char& c : dir)
+      if (c == '\\') c = '/';
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    m.drives[key] = Drive{dir, type};
+  });
 }
 
 extern "C" void QltResetDriveMap() {
-  DriveMap& m = Map();
-  std::lock_guard<std::mutex> g(m.lock);
-  m.drives.clear();
-  m.bInitialised = false;
+  NoThrowVoid([&] {
+    DriveMap& m = Map();
+    std::lock_guard<std::mutex> g(m.lock);
+    m.drives.clear();
+    m.bInitialised = false;
+  });
 }
 
 extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
-  int mapped = 0;
-  for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
-    wchar_t key[2] = {letter, 0};
-    wchar_t value[4096];
-    if (GetPrivateProfileStringW(L"DRIVES", key, L"", value, 4096, iniPath) == 0) continue;
-    std::wstring v(value);
-    UINT type = DRIVE_UNKNOWN;
-    size_t semi = v.rfind(L';');
-    if (semi != std::wstring::npos) {
-      std::wstring t = v.substr(semi + 1);
-      for (wchar_t& c : t) c = static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
-      if (t == L"fixed")
-        type = DRIVE_FIXED;
-      else if (t == L"removable")
-        type = DRIVE_REMOVABLE;
-      else if (t == L"remote")
-        type = DRIVE_REMOTE;
-      else if (t == L"cdrom")
-        type = DRIVE_CDROM;
-      else if (t == L"ramdisk")
-        type = DRIVE_RAMDISK;
-      v.erase(semi);
+  return NoThrow<int>(0, [&]() -> int {
+    int mapped = 0;
+    for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+      wchar_t key[2] = {letter, 0};
+      wchar_t value[4096];
+      if (GetPrivateProfileStringW(L"DRIVES", key, L"", value, 4096, iniPath) == 0) continue;
+      std::wstring v(value);
+      UINT type = DRIVE_UNKNOWN;
+      size_t semi = v.rfind(L';');
+      if (semi != std::wstring::npos) {
+        std::wstring t = v.substr(semi + 1);
+        for (wchar_t& c : t) c = static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
+        if (t == L"fixed")
+          type = DRIVE_FIXED;
+        else if (t == L"removable")
+          type = DRIVE_REMOVABLE;
+        else if (t == L"remote")
+          type = DRIVE_REMOTE;
+        else if (t == L"cdrom")
+          type = DRIVE_CDROM;
+        else if (t == L"ramdisk")
+          type = DRIVE_RAMDISK;
+        v.erase(semi);
+      }
+      while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
+      if (v.empty()) continue;
+      QltSetDrive(letter, v.c_str(), type);
+      ++mapped;
     }
-    while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
-    if (v.empty()) continue;
-    QltSetDrive(letter, v.c_str(), type);
-    ++mapped;
-  }
-  return mapped;
+    return mapped;
+  });
 }
 
-extern "C" DWORD GetLogicalDriveStringsW(DWORD nBufferLength, LPWSTR lpBuffer) {
-  std::wstring all;
-  for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+DWORD qlt::win::GetLogicalDriveStringsW(DWORD nBufferLength, LPWSTR lpBuffer) {
+  return NoThrow<DWORD>(0, [&]() -> DWORD {
+    std::wstring all;
+    for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+      Drive d;
+      if (!FindDrive(letter, &d)) continue;
+      all += letter;
+      all += L":\\";
+      all.push_back(L'\0');
+    }
+    DWORD len = static_cast<DWORD>(all.size());
+    if (!lpBuffer || nBufferLength < len + 1) return len + 1;
+    wmemcpy(lpBuffer, all.data(), len);
+    lpBuffer[len] = L'\0';
+    return len;
+  });
+}
+
+UINT qlt::win::GetDriveTypeW(LPCWSTR root) {
+  return NoThrow<UINT>(DRIVE_UNKNOWN, [&]() -> UINT {
+    if (!root || !IsDriveLetter(root[0]) || root[1] != L':') return DRIVE_NO_ROOT_DIR;
     Drive d;
-    if (!FindDrive(letter, &d)) continue;
-    all += letter;
-    all += L":\\";
-    all.push_back(L'\0');
-  }
-  DWORD len = static_cast<DWORD>(all.size());
-  if (!lpBuffer || nBufferLength < len + 1) return len + 1;
-  wmemcpy(lpBuffer, all.data(), len);
-  lpBuffer[len] = L'\0';
-  return len;
-}
-
-extern "C" UINT GetDriveTypeW(LPCWSTR root) {
-  if (!root || !IsDriveLetter(root[0]) || root[1] != L':') return DRIVE_NO_ROOT_DIR;
-  Drive d;
-  if (!FindDrive(root[0], &d)) return DRIVE_NO_ROOT_DIR;
-  struct stat st {};
-  if (::stat(d.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return DRIVE_NO_ROOT_DIR;
-  if (d.type != DRIVE_UNKNOWN) return d.type;
-  struct statfs fs {};
-  if (::statfs(d.dir.c_str(), &fs) == 0) {
-    switch (static_cast<unsigned long>(fs.f_type)) {
-      case NFS_SUPER_MAGIC:
-      case SMB_SUPER_MAGIC:
-      case 0xFF534D42ul:  // CIFS
-      case 0xFE534D42ul:  // SMB2
-        return DRIVE_REMOTE;
-      default: break;
+    if (!FindDrive(root[0], &d)) return DRIVE_NO_ROOT_DIR;
+    struct stat st {};
+    if (::stat(d.dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return DRIVE_NO_ROOT_DIR;
+    if (d.type != DRIVE_UNKNOWN) return d.type;
+    struct statfs fs {};
+    if (::statfs(d.dir.c_str(), &fs) == 0) {
+      switch (static_cast<unsigned long>(fs.f_type)) {
+        case NFS_SUPER_MAGIC:
+        case SMB_SUPER_MAGIC:
+        case 0xFF534D42ul:  // CIFS
+        case 0xFE534D42ul:  // SMB2
+          return DRIVE_REMOTE;
+        default: break;
+      }
     }
-  }
-  return DRIVE_FIXED;
+    return DRIVE_FIXED;
+  });
 }
 
-extern "C" DWORD GetTempPathW(DWORD n, LPWSTR buf) {
-  std::wstring t = QltWindowsPath(SystemTempDir()) + L"\\";
-  DWORD len = static_cast<DWORD>(t.size());
-  if (!buf || n < len + 1) return len + 1;
-  wmemcpy(buf, t.c_str(), len + 1);
-  return len;
+DWORD qlt::win::GetTempPathW(DWORD n, LPWSTR buf) {
+  return NoThrow<DWORD>(0, [&]() -> DWORD {
+    std::wstring t = WindowsPath(SystemTempDir()) + L"\\";
+    DWORD len = static_cast<DWORD>(t.size());
+    if (!buf || n < len + 1) return len + 1;
+    wmemcpy(buf, t.c_str(), len + 1);
+    return len;
+  });
 }

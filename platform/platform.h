@@ -14,14 +14,89 @@
 // cut at the last backslash and passed back in.
 //
 // All calls may come from any thread unless a comment says otherwise.
+//
+// Names: the Windows-named calls are defined in namespace qlt::win and made
+// visible in the global scope by the using-declarations at the end of this
+// header (and of qltfsdk/wintypes.h for the part hosts see), so code above
+// the layer writes CreateFileW, ReadFile, Sleep... unqualified while no
+// shared library of ours exports those global names. Calls named Qlt* are
+// our own additions and keep their names.
+//
+// Exceptions: no call lets an exception out. A call that runs out of memory
+// (or cannot start a thread) fails with its documented result and last
+// error ERROR_NOT_ENOUGH_MEMORY, and releases what it had taken.
 #ifndef QLTFSDK_PLATFORM_PLATFORM_H
 #define QLTFSDK_PLATFORM_PLATFORM_H
 
+#include <mutex>
 #include <string>
 
 #include "qltfsdk/wintypes.h"
 
-extern "C" {
+// ---- Types and constants beyond what hosts need -------------------------------
+struct SYSTEMTIME {
+  WORD wYear;
+  WORD wMonth;
+  WORD wDayOfWeek;
+  WORD wDay;
+  WORD wHour;
+  WORD wMinute;
+  WORD wSecond;
+  WORD wMilliseconds;
+};
+
+struct FILETIME {
+  DWORD dwLowDateTime;
+  DWORD dwHighDateTime;
+};
+
+struct WIN32_FIND_DATAW {
+  DWORD dwFileAttributes;
+  FILETIME ftCreationTime;
+  FILETIME ftLastAccessTime;
+  FILETIME ftLastWriteTime;
+  DWORD nFileSizeHigh;
+  DWORD nFileSizeLow;
+  DWORD dwReserved0;
+  DWORD dwReserved1;
+  WCHAR cFileName[MAX_PATH];
+  WCHAR cAlternateFileName[14];
+};
+
+// Re-entrant lock with the Windows critical-section contract: the owning
+// thread may enter again; each Enter is matched by one Leave.
+struct CRITICAL_SECTION {
+  std::recursive_mutex m;
+};
+typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
+
+// ---- Handles and waits ------------------------------------------------------
+#define INFINITE 0xFFFFFFFFu
+#define WAIT_OBJECT_0 0x00000000u
+#define WAIT_ABANDONED 0x00000080u
+#define WAIT_TIMEOUT 0x00000102u
+#define WAIT_FAILED 0xFFFFFFFFu
+#define MAXIMUM_WAIT_OBJECTS 64
+#define STILL_ACTIVE 259
+
+#define THREAD_PRIORITY_LOWEST (-2)
+#define THREAD_PRIORITY_BELOW_NORMAL (-1)
+#define THREAD_PRIORITY_NORMAL 0
+#define THREAD_PRIORITY_ABOVE_NORMAL 1
+#define THREAD_PRIORITY_HIGHEST 2
+#define THREAD_PRIORITY_TIME_CRITICAL 15
+
+#define DRIVE_UNKNOWN 0
+#define DRIVE_NO_ROOT_DIR 1
+#define DRIVE_REMOVABLE 2
+#define DRIVE_FIXED 3
+#define DRIVE_REMOTE 4
+#define DRIVE_CDROM 5
+#define DRIVE_RAMDISK 6
+
+typedef DWORD(WINAPI* LPTHREAD_START_ROUTINE)(LPVOID);
+
+namespace qlt::win {
 
 // ---- Files ---------------------------------------------------------------------
 // Opens or creates a file. dwShareMode is enforced between handles of this
@@ -31,9 +106,7 @@ extern "C" {
 // FILE_FLAG_WRITE_THROUGH makes every write reach the device before it
 // returns; FILE_FLAG_SEQUENTIAL_SCAN is a read-ahead hint. CREATE_ALWAYS and
 // OPEN_ALWAYS on an existing file succeed with last error ERROR_ALREADY_EXISTS.
-QLTPLATFORM_API HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                                   LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
-                                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
+// (Declared in qltfsdk/wintypes.h, which hosts see.)
 // Reads up to n bytes at the file pointer (or at the offset of lpOverlapped).
 // Loops over interrupted and partial reads; fewer bytes only at end of file.
 QLTPLATFORM_API BOOL ReadFile(HANDLE h, LPVOID buf, DWORD n, LPDWORD pRead, LPOVERLAPPED lpOverlapped);
@@ -49,8 +122,10 @@ QLTPLATFORM_API DWORD GetFileSize(HANDLE h, LPDWORD pHigh);
 // Cuts or extends the file at the current file pointer.
 QLTPLATFORM_API BOOL SetEndOfFile(HANDLE h);
 QLTPLATFORM_API BOOL FlushFileBuffers(HANDLE h);
-// Closes any handle this layer made: file, event, thread or find handle.
-QLTPLATFORM_API BOOL CloseHandle(HANDLE h);
+// CloseHandle (declared in qltfsdk/wintypes.h) closes any handle this layer
+// made: file, event, thread or find handle. Each kind closes through its
+// object's own virtual close; the object itself lives until the last call in
+// flight on it has returned.
 QLTPLATFORM_API BOOL DeleteFileW(LPCWSTR path);
 QLTPLATFORM_API BOOL MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags);
 // Creates one directory level; ERROR_ALREADY_EXISTS or ERROR_PATH_NOT_FOUND.
@@ -73,9 +148,10 @@ QLTPLATFORM_API UINT GetDriveTypeW(LPCWSTR root);
 QLTPLATFORM_API DWORD GetTempPathW(DWORD n, LPWSTR buf);
 
 // ---- Threads, events and waits ---------------------------------------------------
-typedef DWORD(WINAPI* LPTHREAD_START_ROUTINE)(LPVOID);
 // Starts a thread; the handle is waitable and signalled when the thread ends.
-// Closing the handle does not end the thread.
+// Closing the handle does not end the thread. On success the caller's last
+// error is left as it was, and the new thread starts with last error 0. Null
+// with ERROR_NOT_ENOUGH_MEMORY when the system cannot start a thread.
 QLTPLATFORM_API HANDLE CreateThread(LPSECURITY_ATTRIBUTES sa, size_t stackSize, LPTHREAD_START_ROUTINE start,
                                     LPVOID param, DWORD flags, DWORD* pThreadId);
 QLTPLATFORM_API BOOL SetThreadPriority(HANDLE hThread, int priority);
@@ -83,7 +159,11 @@ QLTPLATFORM_API BOOL GetExitCodeThread(HANDLE hThread, DWORD* pExitCode);
 QLTPLATFORM_API DWORD GetCurrentThreadId();
 QLTPLATFORM_API DWORD GetCurrentProcessId();
 // Events: manual reset stays signalled until ResetEvent; auto reset releases
-// exactly one waiter and returns to non-signalled.
+// exactly one waiter and returns to non-signalled. A named event is shared
+// by every handle created with the same name while one of them is open: the
+// later calls return a new handle to the existing event (their reset and
+// initial-state arguments are ignored) with last error ERROR_ALREADY_EXISTS.
+// Any other success sets last error 0.
 QLTPLATFORM_API HANDLE CreateEventW(LPSECURITY_ATTRIBUTES sa, BOOL bManualReset, BOOL bInitialState, LPCWSTR name);
 QLTPLATFORM_API BOOL SetEvent(HANDLE hEvent);
 QLTPLATFORM_API BOOL ResetEvent(HANDLE hEvent);
@@ -123,12 +203,16 @@ QLTPLATFORM_API HMODULE GetModuleHandleW(LPCWSTR name);
 QLTPLATFORM_API DWORD GetModuleFileNameW(HMODULE h, LPWSTR buf, DWORD size);
 
 // ---- Settings files -------------------------------------------------------------------
-// Reads an integer key. Section and key match without regard to case; the
-// first occurrence wins; the value is read as an optionally signed decimal
-// prefix (no digits gives 0; values beyond 32 bits saturate). A missing
-// file, section or key gives nDefault.
+// Reads an integer key. Section and key match without regard to case; only
+// the first section of a name is searched and the first occurrence of a key
+// wins. The value, with surrounding blanks and one pair of enclosing quotes
+// removed, is read as an optionally signed number prefix: decimal, or
+// hexadecimal after "0x" ("0x10" is 16). Text without digits gives 0; values
+// beyond 32 bits saturate. A missing file, section or key, or an empty value,
+// gives nDefault.
 QLTPLATFORM_API UINT GetPrivateProfileIntW(LPCWSTR section, LPCWSTR key, int nDefault, LPCWSTR file);
-// Reads a text key with the same matching rules, surrounding blanks removed.
+// Reads a text key with the same matching rules, surrounding blanks and one
+// pair of enclosing quotes removed.
 // Returns the length copied (truncated to size - 1).
 QLTPLATFORM_API DWORD GetPrivateProfileStringW(LPCWSTR section, LPCWSTR key, LPCWSTR defaultText, LPWSTR buf,
                                                DWORD size, LPCWSTR file);
@@ -139,6 +223,59 @@ QLTPLATFORM_API DWORD GetPrivateProfileStringW(LPCWSTR section, LPCWSTR key, LPC
 QLTPLATFORM_API void OutputDebugStringW(LPCWSTR text);
 QLTPLATFORM_API void OutputDebugStringA(LPCSTR text);
 
+}  // namespace qlt::win
+
+using qlt::win::_waccess;
+using qlt::win::CreateDirectoryW;
+using qlt::win::CreateEventW;
+using qlt::win::CreateThread;
+using qlt::win::DeleteCriticalSection;
+using qlt::win::DeleteFileW;
+using qlt::win::EnterCriticalSection;
+using qlt::win::FindClose;
+using qlt::win::FindFirstFileW;
+using qlt::win::FindNextFileW;
+using qlt::win::FlushFileBuffers;
+using qlt::win::FreeLibrary;
+using qlt::win::GetCurrentProcessId;
+using qlt::win::GetCurrentThreadId;
+using qlt::win::GetDriveTypeW;
+using qlt::win::GetExitCodeThread;
+using qlt::win::GetFileAttributesW;
+using qlt::win::GetFileSize;
+using qlt::win::GetFileSizeEx;
+using qlt::win::GetLocalTime;
+using qlt::win::GetLogicalDriveStringsW;
+using qlt::win::GetModuleFileNameW;
+using qlt::win::GetModuleHandleW;
+using qlt::win::GetPrivateProfileIntW;
+using qlt::win::GetPrivateProfileStringW;
+using qlt::win::GetProcAddress;
+using qlt::win::GetTempPathW;
+using qlt::win::GetTickCount;
+using qlt::win::GetTickCount64;
+using qlt::win::InitializeCriticalSection;
+using qlt::win::LeaveCriticalSection;
+using qlt::win::LoadLibraryW;
+using qlt::win::MoveFileExW;
+using qlt::win::OutputDebugStringA;
+using qlt::win::OutputDebugStringW;
+using qlt::win::QueryPerformanceCounter;
+using qlt::win::QueryPerformanceFrequency;
+using qlt::win::ReadFile;
+using qlt::win::RemoveDirectoryW;
+using qlt::win::ResetEvent;
+using qlt::win::SetEndOfFile;
+using qlt::win::SetEvent;
+using qlt::win::SetFilePointer;
+using qlt::win::SetFilePointerEx;
+using qlt::win::SetThreadPriority;
+using qlt::win::Sleep;
+using qlt::win::WaitForMultipleObjects;
+using qlt::win::WaitForSingleObject;
+using qlt::win::WriteFile;
+
+extern "C" {
 // ---- Drive map --------------------------------------------------------------------------
 // Maps drive letter (A-Z, any case) to a directory. type is a DRIVE_* value;
 // DRIVE_UNKNOWN means "tell from the file system" (a local directory is
@@ -159,8 +296,8 @@ QLTPLATFORM_API HMODULE QltModuleFromAddress(const void* addr);
 }  // extern "C"
 
 // ---- Text conversion ----------------------------------------------------------------------
-// UTF-8 <-> wide text. Invalid input bytes become U+FFFD; never throws except
-// std::bad_alloc.
+// UTF-8 <-> wide text. Invalid input bytes become U+FFFD. Out of memory gives
+// an empty result with last error ERROR_NOT_ENOUGH_MEMORY (never throws).
 QLTPLATFORM_API std::string QltWideToUtf8(const wchar_t* text);
 QLTPLATFORM_API std::string QltWideToUtf8(const std::wstring& text);
 QLTPLATFORM_API std::wstring QltUtf8ToWide(const char* text);
@@ -182,6 +319,48 @@ class CAutoLock {
 
  private:
   CRITICAL_SECTION* m_pcs;
+};
+
+// Scoped owner of one handle of this layer, for the library's own code so
+// that no error path leaks a handle: closes it on destruction. Null and
+// INVALID_HANDLE_VALUE both mean "no handle". Move-only; one object is used
+// by one thread at a time.
+class CAutoHandle {
+ public:
+  CAutoHandle() = default;
+  explicit CAutoHandle(HANDLE h) : m_h(h) {}
+  ~CAutoHandle() { Reset(); }
+  CAutoHandle(CAutoHandle&& other) noexcept : m_h(other.Release()) {}
+  CAutoHandle& operator=(CAutoHandle&& other) noexcept {
+    if (this != &other) Reset(other.Release());
+    return *this;
+  }
+  CAutoHandle(const CAutoHandle&) = delete;
+  CAutoHandle& operator=(const CAutoHandle&) = delete;
+
+  HANDLE Get() const { return m_h; }
+  bool IsValid() const { return m_h != nullptr && m_h != INVALID_HANDLE_VALUE; }
+  explicit operator bool() const { return IsValid(); }
+  // Gives the handle up to the caller without closing it.
+  HANDLE Release() {
+    HANDLE h = m_h;
+    m_h = nullptr;
+    return h;
+  }
+  // Closes the handle held (if any) and takes h. Keeps the last error of the
+  // code that called it: closing is clean-up, not the news.
+  void Reset(HANDLE h = nullptr) {
+    if (h == m_h) return;
+    if (IsValid()) {
+      DWORD err = GetLastError();
+      CloseHandle(m_h);
+      SetLastError(err);
+    }
+    m_h = h;
+  }
+
+ private:
+  HANDLE m_h = nullptr;
 };
 
 #include "platform/faults.h"  // NOLINT: the test-only fault control is part of the surface

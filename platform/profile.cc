@@ -2,14 +2,18 @@
 //
 // The file is read whole on every call (settings are read a handful of times
 // at start-up). Lines are "[section]" or "key=value"; section and key names
-// match without regard to ASCII case, the first occurrence wins, and lines
-// that are neither are skipped, so no input can make the reader fail.
+// match without regard to ASCII case; only the first section of a name is
+// searched (as Windows does: a repeated section header does not reopen it),
+// the first occurrence of a key wins, and lines that are neither are skipped,
+// so no input can make the reader fail.
 #include <cctype>
 #include <climits>
 #include <fstream>
 #include <iterator>
 
 #include "platform/internal.h"
+
+using qlt::plat::ToUtf8;
 
 namespace {
 
@@ -32,6 +36,7 @@ bool SameName(const std::string& a, const std::string& b) {
 // The raw value of section/key, or false when the file, section or key is missing.
 bool FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR file, std::string* value) {
   if (!section || !key || !file) return false;
+  qlt::plat::faults::CheckAlloc();
   std::string path;
   if (!qlt::plat::TranslatePath(file, &path)) return false;
   std::ifstream in(path, std::ios::binary);
@@ -48,8 +53,8 @@ bool FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR file, std::string* value) {
   text.resize(static_cast<size_t>(in.gcount()));
   if (text.size() >= 3 && text.compare(0, 3, "\xEF\xBB\xBF") == 0) text.erase(0, 3);
 
-  const std::string wantSection = QltWideToUtf8(section), wantKey = QltWideToUtf8(key);
-  bool inSection = false;
+  const std::string wantSection = ToUtf8(section), wantKey = ToUtf8(key);
+  bool inSection = false, sectionSeen = false;
   size_t pos = 0;
   while (pos < text.size()) {
     size_t eol = text.find('\n', pos);
@@ -58,51 +63,76 @@ bool FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR file, std::string* value) {
     pos = eol + 1;
     if (line.empty() || line[0] == ';' || line[0] == '#') continue;
     if (line[0] == '[') {
+      if (inSection) return false;  // the section ended without the key
       size_t close = line.find(']');
-      inSection = close != std::string::npos && SameName(Trim(line.substr(1, close - 1)), wantSection);
+      inSection = !sectionSeen && close != std::string::npos && SameName(Trim(line.substr(1, close - 1)), wantSection);
+      sectionSeen = sectionSeen || inSection;
       continue;
     }
     if (!inSection) continue;
     size_t eq = line.find('=');
     if (eq == std::string::npos || !SameName(Trim(line.substr(0, eq)), wantKey)) continue;
-    *value = Trim(line.substr(eq + 1));
+    std::string v = Trim(line.substr(eq + 1));
+    if (v.size() >= 2 && ((v.front() == '"' && v.back() == '"') || (v.front() == '\'' && v.back() == '\'')))
+      v = v.substr(1, v.size() - 2);
+    *value = v;
     return true;
   }
   return false;
 }
 
-}  // namespace
-
-extern "C" UINT GetPrivateProfileIntW(LPCWSTR section, LPCWSTR key, int nDefault, LPCWSTR file) {
-  std::string v;
-  if (!FindValue(section, key, file, &v)) return static_cast<UINT>(nDefault);
+// The number a value starts with: optional blanks and sign, then decimal
+// digits, or hexadecimal digits after "0x"/"0X". Saturates at the 32-bit
+// limits.
+int ParseProfileInt(const std::string& v) {
   size_t i = 0;
+  while (i < v.size() && (v[i] == ' ' || v[i] == '\t')) ++i;
   bool negative = false;
   if (i < v.size() && (v[i] == '+' || v[i] == '-')) negative = v[i++] == '-';
+  unsigned base = 10;
+  if (i + 2 < v.size() && v[i] == '0' && (v[i + 1] == 'x' || v[i + 1] == 'X') &&
+      isxdigit(static_cast<unsigned char>(v[i + 2]))) {
+    base = 16;
+    i += 2;
+  }
+  const long long kLimit = static_cast<long long>(INT_MAX) + 1;
   long long n = 0;
-  for (; i < v.size() && isdigit(static_cast<unsigned char>(v[i])); ++i) {
-    n = n * 10 + (v[i] - '0');
-    if (n > static_cast<long long>(INT_MAX) + 1) n = static_cast<long long>(INT_MAX) + 1;  // saturate
+  for (; i < v.size(); ++i) {
+    auto c = static_cast<unsigned char>(v[i]);
+    int d = isdigit(c) ? c - '0' : (base == 16 && isxdigit(c)) ? (tolower(c) - 'a' + 10) : -1;
+    if (d < 0) break;
+    n = n * base + d;
+    if (n > kLimit) n = kLimit;  // saturate
   }
   if (negative) n = -n;
   if (n > INT_MAX) n = INT_MAX;
-  return static_cast<UINT>(static_cast<int>(n));
+  return static_cast<int>(n);
 }
 
-extern "C" DWORD GetPrivateProfileStringW(LPCWSTR section, LPCWSTR key, LPCWSTR defaultText, LPWSTR buf, DWORD size,
-                                          LPCWSTR file) {
+}  // namespace
+
+UINT qlt::win::GetPrivateProfileIntW(LPCWSTR section, LPCWSTR key, int nDefault, LPCWSTR file) {
+  return qlt::plat::NoThrow<UINT>(static_cast<UINT>(nDefault), [&]() -> UINT {
+    std::string v;
+    if (!FindValue(section, key, file, &v) || v.empty()) return static_cast<UINT>(nDefault);
+    return static_cast<UINT>(ParseProfileInt(v));
+  });
+}
+
+DWORD qlt::win::GetPrivateProfileStringW(LPCWSTR section, LPCWSTR key, LPCWSTR defaultText, LPWSTR buf, DWORD size,
+                                         LPCWSTR file) {
   if (!buf || size == 0) return 0;
-  std::wstring out;
-  std::string v;
-  if (FindValue(section, key, file, &v)) {
-    if (v.size() >= 2 && ((v.front() == '"' && v.back() == '"') || (v.front() == '\'' && v.back() == '\'')))
-      v = v.substr(1, v.size() - 2);
-    out = QltUtf8ToWide(v);
-  } else if (defaultText) {
-    out = defaultText;
-  }
-  DWORD n = static_cast<DWORD>(out.size() < size - 1 ? out.size() : size - 1);
-  wmemcpy(buf, out.c_str(), n);
-  buf[n] = 0;
-  return n;
+  buf[0] = 0;
+  return qlt::plat::NoThrow<DWORD>(0, [&]() -> DWORD {
+    std::wstring out;
+    std::string v;
+    if (FindValue(section, key, file, &v))
+      out = qlt::plat::ToWide(v);
+    else if (defaultText)
+      out = defaultText;
+    DWORD n = static_cast<DWORD>(out.size() < size - 1 ? out.size() : size - 1);
+    wmemcpy(buf, out.c_str(), n);
+    buf[n] = 0;
+    return n;
+  });
 }

@@ -2,6 +2,8 @@
 //
 // A BSTR points just past a 32-bit byte count; the text is followed by a
 // zero character, so it reads as an ordinary wide C string too.
+#include <locale.h>
+#include <wctype.h>
 #include <cstdlib>
 #include <cstring>
 #include <cwctype>
@@ -18,7 +20,7 @@ BstrHeader* HeaderOf(BSTR s) { return reinterpret_cast<BstrHeader*>(reinterpret_
 
 }  // namespace
 
-extern "C" BSTR SysAllocStringLen(const OLECHAR* pch, UINT cch) {
+BSTR qlt::win::SysAllocStringLen(const OLECHAR* pch, UINT cch) {
   if (cch > (0x7FFFFFFFu - sizeof(BstrHeader)) / sizeof(OLECHAR) - 1) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
@@ -39,30 +41,46 @@ extern "C" BSTR SysAllocStringLen(const OLECHAR* pch, UINT cch) {
   return text;
 }
 
-extern "C" BSTR SysAllocString(const OLECHAR* psz) {
+BSTR qlt::win::SysAllocString(const OLECHAR* psz) {
   if (!psz) return nullptr;
   return SysAllocStringLen(psz, static_cast<UINT>(wcslen(psz)));
 }
 
-extern "C" void SysFreeString(BSTR bstr) {
+void qlt::win::SysFreeString(BSTR bstr) {
   if (bstr) std::free(HeaderOf(bstr));
 }
 
-extern "C" UINT SysStringLen(BSTR bstr) { return bstr ? HeaderOf(bstr)->nBytes / sizeof(OLECHAR) : 0; }
+UINT qlt::win::SysStringLen(BSTR bstr) { return bstr ? HeaderOf(bstr)->nBytes / sizeof(OLECHAR) : 0; }
 
-extern "C" HRESULT VarBstrCmp(BSTR a, BSTR b, LCID /*lcid*/, ULONG dwFlags) {
+namespace {
+
+// Case folding that knows letters beyond ASCII whatever the host's locale
+// (the "C" locale's towlower folds ASCII only).
+wint_t Fold(wint_t c) {
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+  return utf8 ? towlower_l(c, utf8) : towlower(c);
+}
+
+}  // namespace
+
+// Windows orders strings by the user's locale: case is a minor difference,
+// considered only between strings that are otherwise equal, and lower case
+// sorts first. We give that order for every locale: compare case-folded code
+// points first; when those tie, the first difference in case decides (lower
+// before upper); then length.
+HRESULT qlt::win::VarBstrCmp(BSTR a, BSTR b, LCID /*lcid*/, ULONG dwFlags) {
   UINT na = SysStringLen(a), nb = SysStringLen(b);
-  bool fold = (dwFlags & NORM_IGNORECASE) != 0;
+  int caseOrder = 0;  // first difference in case only: -1 a first, 1 b first
   for (UINT i = 0; i < na && i < nb; ++i) {
-    wint_t ca = static_cast<wint_t>(a[i]), cb = static_cast<wint_t>(b[i]);
-    if (fold) {
-      ca = towlower(ca);
-      cb = towlower(cb);
-    }
-    if (ca != cb) return ca < cb ? VARCMP_LT : VARCMP_GT;
+    auto ca = static_cast<wint_t>(a[i]), cb = static_cast<wint_t>(b[i]);
+    if (ca == cb) continue;
+    wint_t fa = Fold(ca), fb = Fold(cb);
+    if (fa != fb) return fa < fb ? VARCMP_LT : VARCMP_GT;
+    if (caseOrder == 0) caseOrder = (ca == fa) ? -1 : 1;  // a's letter is the lower-case one
   }
-  if (na == nb) return VARCMP_EQ;
-  return na < nb ? VARCMP_LT : VARCMP_GT;
+  if (na != nb) return na < nb ? VARCMP_LT : VARCMP_GT;
+  if ((dwFlags & NORM_IGNORECASE) || caseOrder == 0) return VARCMP_EQ;
+  return caseOrder < 0 ? VARCMP_LT : VARCMP_GT;
 }
 
 namespace {
@@ -88,16 +106,16 @@ void AppendUtf8(std::string& out, uint32_t cp) {
 
 }  // namespace
 
-std::string QltWideToUtf8(const wchar_t* text) {
+namespace qlt::plat {
+
+std::string ToUtf8(const wchar_t* text) {
   std::string out;
   if (!text) return out;
   for (; *text; ++text) AppendUtf8(out, static_cast<uint32_t>(*text));
   return out;
 }
 
-std::string QltWideToUtf8(const std::wstring& text) { return QltWideToUtf8(text.c_str()); }
-
-std::wstring QltUtf8ToWide(const char* text) {
+std::wstring ToWide(const char* text) {
   std::wstring out;
   if (!text) return out;
   const auto* p = reinterpret_cast<const unsigned char*>(text);
@@ -136,4 +154,13 @@ std::wstring QltUtf8ToWide(const char* text) {
   return out;
 }
 
+}  // namespace qlt::plat
+
+std::string QltWideToUtf8(const wchar_t* text) {
+  return qlt::plat::NoThrow(std::string(), [&] { return qlt::plat::ToUtf8(text); });
+}
+std::string QltWideToUtf8(const std::wstring& text) { return QltWideToUtf8(text.c_str()); }
+std::wstring QltUtf8ToWide(const char* text) {
+  return qlt::plat::NoThrow(std::wstring(), [&] { return qlt::plat::ToWide(text); });
+}
 std::wstring QltUtf8ToWide(const std::string& text) { return QltUtf8ToWide(text.c_str()); }

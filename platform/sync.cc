@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 
 #include "platform/internal.h"
 
@@ -42,25 +43,98 @@ void SignalLocked(Waitable* obj) {
 
 namespace {
 
+// Named events: name -> the event, while some handle to it is open. An event
+// leaves the map when its last handle closes (a later create makes a new one).
+struct EventObject;
+struct NameTable {
+  std::mutex lock;
+  std::map<std::wstring, EventObject*> events;  // guarded by lock
+};
+NameTable& Names() {
+  static NameTable* t = new NameTable;
+  return *t;
+}
+
 struct EventObject : Waitable {
-  EventObject(bool manual, bool initial) : Waitable(Kind::kEvent, manual, initial) {}
+  EventObject(bool manual, bool initial) : Waitable(manual, initial) {}
+  BOOL OnClose() override {
+    if (name.empty()) return TRUE;
+    NameTable& t = Names();
+    std::lock_guard<std::mutex> g(t.lock);
+    if (--handles == 0) t.events.erase(name);
+    return TRUE;
+  }
+  std::wstring name;  // empty for an unnamed event; set before it is shared
+  int handles = 1;    // open handles of a named event, guarded by Names().lock
 };
 
-Waitable* WaitableOf(HANDLE h) {
-  KObject* o = LookupHandle(h, Kind::kEvent);
-  if (!o) o = LookupHandle(h, Kind::kThread);
-  if (!o) SetLastError(ERROR_INVALID_HANDLE);
-  return static_cast<Waitable*>(o);
-}
+struct ThreadObject : Waitable {
+  ThreadObject() : Waitable(true, false) {}
+  ~ThreadObject() override {
+    if (thread.joinable()) thread.detach();  // only when the start failed half-way
+  }
+  // A finished thread is joined so that none outlives the call that waited
+  // for it; a running one goes on (as on Windows) and holds its own
+  // reference until it ends.
+  BOOL OnClose() override {
+    bool finished;
+    {
+      std::lock_guard<std::mutex> g(WaitLock());
+      finished = signaled;
+    }
+    std::lock_guard<std::mutex> g(joinLock);
+    if (thread.joinable()) {
+      if (finished && thread.get_id() != std::this_thread::get_id())
+        thread.join();
+      else
+        thread.detach();
+    }
+    return TRUE;
+  }
+  std::mutex joinLock;            // guards thread against a close racing the start
+  std::thread thread;             // guarded by joinLock
+  DWORD exitCode = STILL_ACTIVE;  // guarded by WaitLock()
+  DWORD threadId = 0;             // written before CreateThread returns
+};
+
+// Registers one waiter on a set of objects and always takes it off again.
+class WaiterRegistration {
+ public:
+  // REQUIRES: WaitLock() held for the whole life of this object.
+  WaiterRegistration(Waiter* w, Waitable* const* objs, DWORD count) : m_pWaiter(w), m_pObjs(objs) {
+    for (; m_nAdded < count; ++m_nAdded) {
+      faults::CheckAlloc();
+      objs[m_nAdded]->waiters.emplace_back(w, static_cast<int>(m_nAdded));
+    }
+  }
+  ~WaiterRegistration() {
+    for (DWORD i = 0; i < m_nAdded; ++i) {
+      auto& v = m_pObjs[i]->waiters;
+      v.erase(std::remove_if(v.begin(), v.end(), [&](const auto& e) { return e.first == m_pWaiter; }), v.end());
+    }
+  }
+  WaiterRegistration(const WaiterRegistration&) = delete;
+  WaiterRegistration& operator=(const WaiterRegistration&) = delete;
+
+ private:
+  Waiter* m_pWaiter;
+  Waitable* const* m_pObjs;
+  DWORD m_nAdded = 0;
+};
 
 DWORD WaitMany(DWORD count, const HANDLE* handles, DWORD ms) {
   if (count == 0 || count > MAXIMUM_WAIT_OBJECTS || !handles) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return WAIT_FAILED;
   }
+  // The references keep every object alive for the whole wait, even when
+  // another thread closes its handle meanwhile.
+  Ref<Waitable> refs[MAXIMUM_WAIT_OBJECTS];
   Waitable* objs[MAXIMUM_WAIT_OBJECTS];
-  for (DWORD i = 0; i < count; ++i)
-    if (!(objs[i] = WaitableOf(handles[i]))) return WAIT_FAILED;
+  for (DWORD i = 0; i < count; ++i) {
+    refs[i] = Lookup<Waitable>(handles[i]);
+    if (!(objs[i] = refs[i].get())) return WAIT_FAILED;
+  }
 
   std::unique_lock<std::mutex> lock(WaitLock());
   for (DWORD i = 0; i < count; ++i)
@@ -71,16 +145,12 @@ DWORD WaitMany(DWORD count, const HANDLE* handles, DWORD ms) {
   if (ms == 0) return WAIT_TIMEOUT;
 
   Waiter w;
-  for (DWORD i = 0; i < count; ++i) objs[i]->waiters.emplace_back(&w, static_cast<int>(i));
+  WaiterRegistration registration(&w, objs, count);
   if (ms == INFINITE) {
     w.cv.wait(lock, [&] { return w.granted >= 0; });
   } else {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     w.cv.wait_until(lock, deadline, [&] { return w.granted >= 0; });
-  }
-  for (DWORD i = 0; i < count; ++i) {
-    auto& v = objs[i]->waiters;
-    v.erase(std::remove_if(v.begin(), v.end(), [&](const auto& e) { return e.first == &w; }), v.end());
   }
   return w.granted >= 0 ? WAIT_OBJECT_0 + static_cast<DWORD>(w.granted) : WAIT_TIMEOUT;
 }
@@ -88,59 +158,70 @@ DWORD WaitMany(DWORD count, const HANDLE* handles, DWORD ms) {
 thread_local DWORD t_nThreadId = 0;
 
 }  // namespace
-
-void CloseThreadObject(ThreadObject* t) {
-  bool finished;
-  {
-    std::lock_guard<std::mutex> g(WaitLock());
-    finished = t->signaled;
-  }
-  // A finished thread is joined so that none outlives the call that waited
-  // for it; a running one goes on (as on Windows) and frees the object itself.
-  if (finished && t->thread.get_id() != std::this_thread::get_id())
-    t->thread.join();
-  else
-    t->thread.detach();
-  if (t->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete t;
-}
-
 }  // namespace qlt::plat
 
 using namespace qlt::plat;
 
-extern "C" HANDLE CreateEventW(LPSECURITY_ATTRIBUTES /*sa*/, BOOL bManualReset, BOOL bInitialState, LPCWSTR /*name*/) {
-  auto* e = new EventObject(bManualReset != FALSE, bInitialState != FALSE);
-  RegisterHandle(e);
-  return e;
+HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES /*sa*/, BOOL bManualReset, BOOL bInitialState, LPCWSTR name) {
+  return NoThrow<HANDLE>(nullptr, [&]() -> HANDLE {
+    if (name && *name) {
+      NameTable& t = Names();
+      std::lock_guard<std::mutex> g(t.lock);
+      auto it = t.events.find(name);
+      if (it != t.events.end()) {
+        HANDLE h = InsertHandle(it->second);
+        ++it->second->handles;
+        SetLastError(ERROR_ALREADY_EXISTS);
+        return h;
+      }
+      Ref<EventObject> e(new EventObject(bManualReset != FALSE, bInitialState != FALSE));
+      e->name = name;
+      auto slot = t.events.emplace(e->name, e.get()).first;
+      try {
+        HANDLE h = InsertHandle(e.get());
+        SetLastError(ERROR_SUCCESS);
+        return h;
+      } catch (...) {
+        t.events.erase(slot);
+        throw;
+      }
+    }
+    Ref<EventObject> e(new EventObject(bManualReset != FALSE, bInitialState != FALSE));
+    HANDLE h = InsertHandle(e.get());
+    SetLastError(ERROR_SUCCESS);
+    return h;
+  });
 }
 
-extern "C" BOOL SetEvent(HANDLE h) {
-  KObject* o = LookupHandle(h, Kind::kEvent);
-  if (!o) return FALSE;
+BOOL qlt::win::SetEvent(HANDLE h) {
+  Ref<EventObject> e = Lookup<EventObject>(h);
+  if (!e) return FALSE;
   std::lock_guard<std::mutex> g(WaitLock());
-  SignalLocked(static_cast<Waitable*>(o));
+  SignalLocked(e.get());
   return TRUE;
 }
 
-extern "C" BOOL ResetEvent(HANDLE h) {
-  KObject* o = LookupHandle(h, Kind::kEvent);
-  if (!o) return FALSE;
+BOOL qlt::win::ResetEvent(HANDLE h) {
+  Ref<EventObject> e = Lookup<EventObject>(h);
+  if (!e) return FALSE;
   std::lock_guard<std::mutex> g(WaitLock());
-  static_cast<Waitable*>(o)->signaled = false;
+  e->signaled = false;
   return TRUE;
 }
 
-extern "C" DWORD WaitForSingleObject(HANDLE h, DWORD ms) { return WaitMany(1, &h, ms); }
+DWORD qlt::win::WaitForSingleObject(HANDLE h, DWORD ms) {
+  return NoThrow<DWORD>(WAIT_FAILED, [&] { return WaitMany(1, &h, ms); });
+}
 
-extern "C" DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL bWaitAll, DWORD ms) {
+DWORD qlt::win::WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL bWaitAll, DWORD ms) {
   if (bWaitAll) {
     SetLastError(ERROR_NOT_SUPPORTED);
     return WAIT_FAILED;
   }
-  return WaitMany(count, handles, ms);
+  return NoThrow<DWORD>(WAIT_FAILED, [&] { return WaitMany(count, handles, ms); });
 }
 
-extern "C" void Sleep(DWORD ms) {
+void qlt::win::Sleep(DWORD ms) {
   if (ms == 0) {
     std::this_thread::yield();
     return;
@@ -148,61 +229,71 @@ extern "C" void Sleep(DWORD ms) {
   std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
-extern "C" DWORD GetCurrentThreadId() {
+DWORD qlt::win::GetCurrentThreadId() {
   if (t_nThreadId == 0) t_nThreadId = static_cast<DWORD>(::syscall(SYS_gettid));
   return t_nThreadId;
 }
 
-extern "C" DWORD GetCurrentProcessId() { return static_cast<DWORD>(::getpid()); }
+DWORD qlt::win::GetCurrentProcessId() { return static_cast<DWORD>(::getpid()); }
 
-extern "C" HANDLE CreateThread(LPSECURITY_ATTRIBUTES /*sa*/, size_t /*stackSize*/, LPTHREAD_START_ROUTINE start,
-                               LPVOID param, DWORD /*flags*/, DWORD* pThreadId) {
+HANDLE qlt::win::CreateThread(LPSECURITY_ATTRIBUTES /*sa*/, size_t /*stackSize*/, LPTHREAD_START_ROUTINE start,
+                              LPVOID param, DWORD /*flags*/, DWORD* pThreadId) {
   if (!start) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  auto* t = new ThreadObject;
-  std::mutex idLock;
-  std::condition_variable idReady;
-  bool haveId = false;
-  try {
-    t->thread = std::thread([t, start, param, &idLock, &idReady, &haveId] {
-      {
-        std::lock_guard<std::mutex> g(idLock);
-        t->threadId = GetCurrentThreadId();
-        haveId = true;
-        idReady.notify_one();  // under the lock: the creator's stack frame outlives it
+  DWORD callerError = GetLastError();
+  return NoThrow<HANDLE>(nullptr, [&]() -> HANDLE {
+    Ref<ThreadObject> t(new ThreadObject);
+    HANDLE h = InsertHandle(t.get());
+    try {
+      faults::CheckThreadStart();
+      std::mutex idLock;
+      std::condition_variable idReady;
+      bool haveId = false;
+      std::lock_guard<std::mutex> join(t->joinLock);
+      t->AddRef();  // the running thread's reference
+      try {
+        ThreadObject* self = t.get();
+        t->thread = std::thread([self, start, param, &idLock, &idReady, &haveId] {
+          {
+            std::lock_guard<std::mutex> g(idLock);
+            self->threadId = GetCurrentThreadId();
+            haveId = true;
+            idReady.notify_one();  // under the lock: the creator's stack frame outlives it
+          }
+          DWORD code = start(param);
+          {
+            std::lock_guard<std::mutex> g(WaitLock());
+            self->exitCode = code;
+            SignalLocked(self);
+          }
+          self->Release();
+        });
+      } catch (...) {
+        t->Release();  // the thread never ran
+        throw;
       }
-      DWORD code = start(param);
-      {
-        std::lock_guard<std::mutex> g(WaitLock());
-        t->exitCode = code;
-        SignalLocked(t);
-      }
-      if (t->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete t;
-    });
-  } catch (const std::system_error&) {
-    delete t;
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
-  {
-    std::unique_lock<std::mutex> g(idLock);
-    idReady.wait(g, [&] { return haveId; });
-  }
-  if (pThreadId) *pThreadId = t->threadId;
-  RegisterHandle(t);
-  return t;
+      std::unique_lock<std::mutex> g(idLock);
+      idReady.wait(g, [&] { return haveId; });
+    } catch (...) {
+      if (KObject* o = TakeHandle(h)) o->Release();
+      throw;
+    }
+    if (pThreadId) *pThreadId = t->threadId;
+    SetLastError(callerError);
+    return h;
+  });
 }
 
-extern "C" BOOL SetThreadPriority(HANDLE h, int /*priority*/) {
+BOOL qlt::win::SetThreadPriority(HANDLE h, int /*priority*/) {
   // Priorities above normal need privileges here; the value is accepted and
   // the thread keeps the default scheduling class.
-  return LookupHandle(h, Kind::kThread) ? TRUE : FALSE;
+  return Lookup<ThreadObject>(h) ? TRUE : FALSE;
 }
 
-extern "C" BOOL GetExitCodeThread(HANDLE h, DWORD* pExitCode) {
-  auto* t = static_cast<ThreadObject*>(LookupHandle(h, Kind::kThread));
+BOOL qlt::win::GetExitCodeThread(HANDLE h, DWORD* pExitCode) {
+  Ref<ThreadObject> t = Lookup<ThreadObject>(h);
   if (!t) return FALSE;
   if (!pExitCode) return Fail(ERROR_INVALID_PARAMETER);
   std::lock_guard<std::mutex> g(WaitLock());
@@ -210,7 +301,7 @@ extern "C" BOOL GetExitCodeThread(HANDLE h, DWORD* pExitCode) {
   return TRUE;
 }
 
-extern "C" void InitializeCriticalSection(LPCRITICAL_SECTION) {}
-extern "C" void DeleteCriticalSection(LPCRITICAL_SECTION) {}
-extern "C" void EnterCriticalSection(LPCRITICAL_SECTION cs) { cs->m.lock(); }
-extern "C" void LeaveCriticalSection(LPCRITICAL_SECTION cs) { cs->m.unlock(); }
+void qlt::win::InitializeCriticalSection(LPCRITICAL_SECTION) {}
+void qlt::win::DeleteCriticalSection(LPCRITICAL_SECTION) {}
+void qlt::win::EnterCriticalSection(LPCRITICAL_SECTION cs) { cs->m.lock(); }
+void qlt::win::LeaveCriticalSection(LPCRITICAL_SECTION cs) { cs->m.unlock(); }

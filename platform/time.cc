@@ -11,22 +11,22 @@ int64_t MonotonicNs() {
 }
 }  // namespace
 
-extern "C" BOOL QueryPerformanceCounter(LARGE_INTEGER* pCount) {
+BOOL qlt::win::QueryPerformanceCounter(LARGE_INTEGER* pCount) {
   if (!pCount) return FALSE;
   pCount->QuadPart = MonotonicNs();
   return TRUE;
 }
 
-extern "C" BOOL QueryPerformanceFrequency(LARGE_INTEGER* pFrequency) {
+BOOL qlt::win::QueryPerformanceFrequency(LARGE_INTEGER* pFrequency) {
   if (!pFrequency) return FALSE;
   pFrequency->QuadPart = 1000000000LL;
   return TRUE;
 }
 
-extern "C" ULONGLONG GetTickCount64() { return static_cast<ULONGLONG>(MonotonicNs() / 1000000LL); }
-extern "C" DWORD GetTickCount() { return static_cast<DWORD>(GetTickCount64()); }
+ULONGLONG qlt::win::GetTickCount64() { return static_cast<ULONGLONG>(MonotonicNs() / 1000000LL); }
+DWORD qlt::win::GetTickCount() { return static_cast<DWORD>(GetTickCount64()); }
 
-extern "C" void GetLocalTime(SYSTEMTIME* t) {
+void qlt::win::GetLocalTime(SYSTEMTIME* t) {
   if (!t) return;
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);

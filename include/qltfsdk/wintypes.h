@@ -3,16 +3,23 @@
 //
 // On Windows these names come from the system headers; on other systems the
 // qltplatform library provides them, so host code compiles the same way on
-// both. The functions declared here are the part of the platform surface a
-// host needs (BSTR allocation and release, GUIDs, last error); the complete
-// surface used inside the library is listed in platform/platform.h.
+// both. This header holds only what a host needs to call the SDK: the types
+// of the exported signatures, the constants of the file calls, error codes,
+// BSTR functions, CComBSTR, CArray, GUIDs, the last error, and CreateFileW /
+// CloseHandle for handing a file to the SDK. The complete surface used inside
+// the library is listed in platform/platform.h.
+//
+// The functions are defined in namespace qlt::win, so the shared library
+// exports no global name a host or another library might also define
+// (GetLastError, CreateFileW, ...); the using-declarations below bring the
+// Windows names into the global scope for code that includes this header. A
+// Windows build takes the same names from the system headers instead.
 #ifndef QLTFSDK_WINTYPES_H
 #define QLTFSDK_WINTYPES_H
 
 #include <cstddef>
 #include <cstdint>
 #include <cwchar>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -103,35 +110,6 @@ struct OVERLAPPED {
 };
 typedef OVERLAPPED* LPOVERLAPPED;
 
-struct SYSTEMTIME {
-  WORD wYear;
-  WORD wMonth;
-  WORD wDayOfWeek;
-  WORD wDay;
-  WORD wHour;
-  WORD wMinute;
-  WORD wSecond;
-  WORD wMilliseconds;
-};
-
-struct FILETIME {
-  DWORD dwLowDateTime;
-  DWORD dwHighDateTime;
-};
-
-struct WIN32_FIND_DATAW {
-  DWORD dwFileAttributes;
-  FILETIME ftCreationTime;
-  FILETIME ftLastAccessTime;
-  FILETIME ftLastWriteTime;
-  DWORD nFileSizeHigh;
-  DWORD nFileSizeLow;
-  DWORD dwReserved0;
-  DWORD dwReserved1;
-  WCHAR cFileName[MAX_PATH];
-  WCHAR cAlternateFileName[14];
-};
-
 struct GUID {
   uint32_t Data1;
   uint16_t Data2;
@@ -139,29 +117,8 @@ struct GUID {
   uint8_t Data4[8];
 };
 
-// Re-entrant lock with the Windows critical-section contract: the owning
-// thread may enter again; each Enter is matched by one Leave.
-struct CRITICAL_SECTION {
-  std::recursive_mutex m;
-};
-typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
-
-// ---- Handles and waits ------------------------------------------------------
+// ---- Handles ---------------------------------------------------------------
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<intptr_t>(-1)))
-#define INFINITE 0xFFFFFFFFu
-#define WAIT_OBJECT_0 0x00000000u
-#define WAIT_ABANDONED 0x00000080u
-#define WAIT_TIMEOUT 0x00000102u
-#define WAIT_FAILED 0xFFFFFFFFu
-#define MAXIMUM_WAIT_OBJECTS 64
-#define STILL_ACTIVE 259
-
-#define THREAD_PRIORITY_LOWEST (-2)
-#define THREAD_PRIORITY_BELOW_NORMAL (-1)
-#define THREAD_PRIORITY_NORMAL 0
-#define THREAD_PRIORITY_ABOVE_NORMAL 1
-#define THREAD_PRIORITY_HIGHEST 2
-#define THREAD_PRIORITY_TIME_CRITICAL 15
 
 // ---- File access, share, disposition and flags ------------------------------
 #define GENERIC_READ 0x80000000u
@@ -199,14 +156,6 @@ typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 
 #define MOVEFILE_REPLACE_EXISTING 0x00000001u
 
-#define DRIVE_UNKNOWN 0
-#define DRIVE_NO_ROOT_DIR 1
-#define DRIVE_REMOVABLE 2
-#define DRIVE_FIXED 3
-#define DRIVE_REMOTE 4
-#define DRIVE_CDROM 5
-#define DRIVE_RAMDISK 6
-
 // ---- Error codes -------------------------------------------------------------
 #define ERROR_SUCCESS 0
 #define NO_ERROR 0
@@ -219,6 +168,7 @@ typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 #define ERROR_NOT_ENOUGH_MEMORY 8
 #define ERROR_OUTOFMEMORY 14
 #define ERROR_INVALID_DRIVE 15
+#define ERROR_NOT_SAME_DEVICE 17
 #define ERROR_NO_MORE_FILES 18
 #define ERROR_WRITE_FAULT 29
 #define ERROR_READ_FAULT 30
@@ -271,7 +221,7 @@ typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 #define LOCALE_USER_DEFAULT 0x0400u
 
 // ---- Host-visible platform calls ----------------------------------------------
-extern "C" {
+namespace qlt::win {
 // Last error of the calling thread. Every platform call that fails sets it.
 QLTPLATFORM_API DWORD GetLastError();
 QLTPLATFORM_API void SetLastError(DWORD dwErrCode);
@@ -285,13 +235,39 @@ QLTPLATFORM_API BSTR SysAllocStringLen(const OLECHAR* pch, UINT cch);
 QLTPLATFORM_API void SysFreeString(BSTR bstr);
 QLTPLATFORM_API UINT SysStringLen(BSTR bstr);
 // Compares two BSTRs; a null BSTR equals an empty one. dwFlags may hold
-// NORM_IGNORECASE. Returns VARCMP_LT, VARCMP_EQ or VARCMP_GT.
+// NORM_IGNORECASE. The order is the one a reader expects from a sorted list,
+// not code-unit order: letters compare without case first ("apple" before
+// "Banana"); only strings equal but for case are then ordered, lower case
+// first ("a" before "A"). lcid is not used (one order for every locale).
+// Returns VARCMP_LT, VARCMP_EQ or VARCMP_GT.
 QLTPLATFORM_API HRESULT VarBstrCmp(BSTR a, BSTR b, LCID lcid, ULONG dwFlags);
 
 // A fresh random (version 4) GUID. Returns S_OK, or E_FAIL when the system's
 // random source cannot be read.
 QLTPLATFORM_API HRESULT CoCreateGuid(GUID* pguid);
-}
+
+// Opens or creates a file (see platform/platform.h for the full contract).
+// INVALID_HANDLE_VALUE with a last error on failure.
+QLTPLATFORM_API HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                                   LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
+                                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
+// Closes any handle the platform layer made. A closed or unknown handle
+// fails with ERROR_INVALID_HANDLE; a handle value is not reused for a long
+// time, so a stale one never reaches another object. Safe while other
+// threads still use the handle: their calls finish or fail cleanly.
+QLTPLATFORM_API BOOL CloseHandle(HANDLE h);
+}  // namespace qlt::win
+
+using qlt::win::CloseHandle;
+using qlt::win::CoCreateGuid;
+using qlt::win::CreateFileW;
+using qlt::win::GetLastError;
+using qlt::win::SetLastError;
+using qlt::win::SysAllocString;
+using qlt::win::SysAllocStringLen;
+using qlt::win::SysFreeString;
+using qlt::win::SysStringLen;
+using qlt::win::VarBstrCmp;
 
 // ---- CComBSTR -----------------------------------------------------------------
 // Owning wrapper over one BSTR. Copying duplicates the string; moving steals

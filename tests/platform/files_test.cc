@@ -151,6 +151,85 @@ TEST_F(PlatformFilesTest, FaultControlFailsTheNthMatchingCallOnce) {
   CloseHandle(first);
 }
 
+// An OVERLAPPED offset places the transfer; afterwards the file pointer
+// stands after it, as for a synchronous handle on Windows.
+TEST_F(PlatformFilesTest, OverlappedOffsetsPlaceReadsAndWrites) {
+  HANDLE h = Open(m_dir.wpath("o.bin"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS);
+  ASSERT_NE(h, INVALID_HANDLE_VALUE);
+  DWORD n = 0;
+  ASSERT_TRUE(WriteFile(h, "0123456789", 10, &n, nullptr));
+  auto At = [](uint64_t offset) {
+    OVERLAPPED ov{};
+    ov.Offset = static_cast<DWORD>(offset);
+    ov.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return ov;
+  };
+  auto Pointer = [&] {
+    LARGE_INTEGER zero{}, pos{};
+    EXPECT_TRUE(SetFilePointerEx(h, zero, &pos, FILE_CURRENT));
+    return pos.QuadPart;
+  };
+  char buf[8] = {};
+  OVERLAPPED ov = At(3);
+  ASSERT_TRUE(ReadFile(h, buf, 4, &n, &ov));
+  EXPECT_EQ(std::string(buf, n), "3456");
+  EXPECT_EQ(Pointer(), 7);
+
+  ov = At(12);  // past the end: the gap reads as zeros
+  ASSERT_TRUE(WriteFile(h, "ab", 2, &n, &ov));
+  EXPECT_EQ(Pointer(), 14);
+  ov = At(9);
+  ASSERT_TRUE(ReadFile(h, buf, 8, &n, &ov));
+  EXPECT_EQ(std::string(buf, n), std::string("9\0\0ab", 5));
+
+  ov = At(14);  // at the end: success with nothing read
+  EXPECT_TRUE(ReadFile(h, buf, 8, &n, &ov));
+  EXPECT_EQ(n, 0u);
+
+  ov = At((1ull << 32) + 1);  // the high part counts
+  ASSERT_TRUE(WriteFile(h, "z", 1, &n, &ov));
+  LARGE_INTEGER size{};
+  ASSERT_TRUE(GetFileSizeEx(h, &size));
+  EXPECT_EQ(size.QuadPart, (1LL << 32) + 2);
+  CloseHandle(h);
+}
+
+TEST_F(PlatformFilesTest, MoveFileExReplacesOnlyWhenAsked) {
+  std::wstring a = m_dir.wpath("a.txt"), b = m_dir.wpath("b.txt"), c = m_dir.wpath("c.txt");
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("a.txt"), "A"));
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("b.txt"), "B"));
+  const struct {
+    const wchar_t* from;
+    const wchar_t* to;
+    DWORD flags;
+    DWORD error;  // ERROR_SUCCESS: the move works
+  } steps[] = {
+      {a.c_str(), b.c_str(), 0, ERROR_ALREADY_EXISTS},                          // b stays as it was
+      {a.c_str(), c.c_str(), 0, ERROR_SUCCESS},                                 // a -> c
+      {a.c_str(), b.c_str(), MOVEFILE_REPLACE_EXISTING, ERROR_FILE_NOT_FOUND},  // a is gone
+      {c.c_str(), b.c_str(), MOVEFILE_REPLACE_EXISTING, ERROR_SUCCESS},         // "A" replaces "B"
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(testing::Message() << "step " << (&step - steps));
+    SetLastError(0);
+    EXPECT_EQ(MoveFileExW(step.from, step.to, step.flags) != FALSE, step.error == ERROR_SUCCESS);
+    if (step.error != ERROR_SUCCESS) {
+      EXPECT_EQ(GetLastError(), step.error);
+    }
+  }
+  EXPECT_EQ(ReadWholeFile(m_dir.file("b.txt")), "A");
+
+  // An open file that does not share deletion can be neither moved nor replaced.
+  HANDLE h = Open(b, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("d.txt"), "D"));
+  EXPECT_FALSE(MoveFileExW(b.c_str(), c.c_str(), 0));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  EXPECT_FALSE(MoveFileExW(m_dir.wpath("d.txt").c_str(), b.c_str(), MOVEFILE_REPLACE_EXISTING));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  CloseHandle(h);
+  EXPECT_TRUE(MoveFileExW(m_dir.wpath("d.txt").c_str(), b.c_str(), MOVEFILE_REPLACE_EXISTING));
+}
+
 TEST_F(PlatformFilesTest, DirectoriesAndSearch) {
   std::wstring d = m_dir.wpath("logs");
   ASSERT_TRUE(CreateDirectoryW(d.c_str(), nullptr));

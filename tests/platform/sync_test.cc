@@ -70,14 +70,107 @@ TEST(PlatformSyncTest, AutoResetWakesOneWaiterPerSignalManualResetWakesAllAndSta
   }
 }
 
+// The owner enters twice and leaves twice on another thread; a section that
+// is not re-entrant (or leaves too early) makes the bounded wait fail.
+DWORD WINAPI EnterTwice(LPVOID p) {
+  auto* cs = static_cast<CRITICAL_SECTION*>(p);
+  CAutoLock outer(cs);
+  CAutoLock inner(cs);
+  return 1;
+}
+
 TEST(PlatformSyncTest, CriticalSectionIsReentrant) {
-  CRITICAL_SECTION cs;
-  InitializeCriticalSection(&cs);
-  {
-    CAutoLock outer(&cs);
-    CAutoLock inner(&cs);
+  // Never freed: on failure the stuck thread still uses it.
+  auto* cs = new CRITICAL_SECTION;
+  InitializeCriticalSection(cs);
+  HANDLE t = CreateThread(nullptr, 0, EnterTwice, cs, 0, nullptr);
+  ASSERT_EQ(WaitForSingleObject(t, 10000), WAIT_OBJECT_0);
+  CloseHandle(t);
+  // Both entries were left: this thread can enter now.
+  t = CreateThread(nullptr, 0, EnterTwice, cs, 0, nullptr);
+  ASSERT_EQ(WaitForSingleObject(t, 10000), WAIT_OBJECT_0);
+  CloseHandle(t);
+  DeleteCriticalSection(cs);
+  delete cs;
+}
+
+struct TimedWait {
+  HANDLE hEvent;
+  DWORD nTimeout;
+  DWORD nResult = 0;
+};
+
+DWORD WINAPI WaitWithTimeout(LPVOID p) {
+  auto* w = static_cast<TimedWait*>(p);
+  w->nResult = WaitForSingleObject(w->hEvent, w->nTimeout);
+  return 0;
+}
+
+// Waiters that time out leave without taking a later signal with them: each
+// signal after they left reaches one of the waiters still there.
+TEST(PlatformSyncTest, TimedOutWaitersDoNotSwallowLaterSignals) {
+  HANDLE ev = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  TimedWait shortWaits[3] = {{ev, 1}, {ev, 5}, {ev, 20}};
+  TimedWait longWaits[3] = {{ev, 60000}, {ev, 60000}, {ev, 60000}};
+  HANDLE shortThreads[3], longThreads[3];
+  for (int i = 0; i < 3; ++i) {
+    longThreads[i] = CreateThread(nullptr, 0, WaitWithTimeout, &longWaits[i], 0, nullptr);
+    shortThreads[i] = CreateThread(nullptr, 0, WaitWithTimeout, &shortWaits[i], 0, nullptr);
   }
-  DeleteCriticalSection(&cs);
+  for (HANDLE t : shortThreads) ASSERT_EQ(WaitForSingleObject(t, 10000), WAIT_OBJECT_0);
+  for (const TimedWait& w : shortWaits) EXPECT_EQ(w.nResult, static_cast<DWORD>(WAIT_TIMEOUT));
+  for (int i = 0; i < 3; ++i) {
+    SetEvent(ev);
+    // One long waiter ends per signal, in any order.
+    DWORD r = WaitForMultipleObjects(3, longThreads, FALSE, 10000);
+    ASSERT_LT(r, WAIT_OBJECT_0 + 3);
+    EXPECT_EQ(longWaits[r - WAIT_OBJECT_0].nResult, WAIT_OBJECT_0);
+    CloseHandle(longThreads[r - WAIT_OBJECT_0]);
+    longThreads[r - WAIT_OBJECT_0] = CreateEventW(nullptr, TRUE, FALSE, nullptr);  // a stand-in that never fires
+  }
+  for (HANDLE h : longThreads) CloseHandle(h);
+  for (HANDLE t : shortThreads) CloseHandle(t);
+  EXPECT_EQ(WaitForSingleObject(ev, 0), static_cast<DWORD>(WAIT_TIMEOUT));  // no signal left over
+  CloseHandle(ev);
+}
+
+DWORD WINAPI ReportLastError(LPVOID p) {
+  *static_cast<DWORD*>(p) = GetLastError();
+  return 0;
+}
+
+// Last errors on success: a new unnamed event clears it, a second handle to a
+// named event reports ERROR_ALREADY_EXISTS and shares the event, a started
+// thread leaves the caller's error alone and starts with 0.
+TEST(PlatformSyncTest, CreateCallsSetTheLastErrorAsWindowsDoes) {
+  SetLastError(1234);
+  HANDLE plain = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  EXPECT_EQ(GetLastError(), 0u);
+  HANDLE plain2 = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  SetEvent(plain);
+  EXPECT_EQ(WaitForSingleObject(plain2, 0), static_cast<DWORD>(WAIT_TIMEOUT));  // unnamed events are distinct
+
+  HANDLE a = CreateEventW(nullptr, TRUE, FALSE, L"qlt-sync-test");
+  EXPECT_EQ(GetLastError(), 0u);
+  HANDLE b = CreateEventW(nullptr, FALSE, TRUE, L"qlt-sync-test");
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
+  EXPECT_EQ(WaitForSingleObject(a, 0), static_cast<DWORD>(WAIT_TIMEOUT));  // the first creation's state holds
+  SetEvent(b);
+  EXPECT_EQ(WaitForSingleObject(a, 0), WAIT_OBJECT_0);
+  CloseHandle(a);
+  EXPECT_EQ(WaitForSingleObject(b, 0), WAIT_OBJECT_0);  // still open through b
+  CloseHandle(b);
+  HANDLE c = CreateEventW(nullptr, TRUE, FALSE, L"qlt-sync-test");  // the last handle closed: a new event
+  EXPECT_EQ(GetLastError(), 0u);
+  EXPECT_EQ(WaitForSingleObject(c, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+
+  DWORD seen = 99;
+  SetLastError(4321);
+  HANDLE t = CreateThread(nullptr, 0, ReportLastError, &seen, 0, nullptr);
+  EXPECT_EQ(GetLastError(), 4321u);
+  ASSERT_EQ(WaitForSingleObject(t, 10000), WAIT_OBJECT_0);
+  EXPECT_EQ(seen, 0u);
+  for (HANDLE h : {plain, plain2, c, t}) EXPECT_TRUE(CloseHandle(h));
 }
 
 // The counter and its frequency agree with Sleep.

@@ -42,18 +42,67 @@ TEST(PlatformTextTest, PrivateProfileIntFollowsWindowsRules) {
   TempDir dir;
   ASSERT_TRUE(WriteWholeFile(dir.file("s.ini"),
                              "; comment\r\n[Other]\r\nSize=1\r\n[filerw]\r\n  size = -42kb \r\nSIZE=7\r\n"
-                             "Text=abc\r\nHuge=99999999999999\r\nEmpty=\r\n[LOG]\r\nOn=1\r\n"));
+                             "Text=abc\r\nHuge=99999999999999\r\nNegHuge=-99999999999999\r\nEmpty=\r\n"
+                             "Quoted=\"12\"\r\nSingle='0x1F'\r\nHex=0x10\r\nNegHex=-0X10\r\nBareHex=0x\r\n"
+                             "Word=abc\r\n[LOG]\r\nOn=1\r\n[filerw]\r\nLater=3\r\nSize=9\r\n"));
   std::wstring ini = dir.wpath("s.ini");
-  EXPECT_EQ(static_cast<int>(GetPrivateProfileIntW(L"FILERW", L"Size", 5, ini.c_str())), -42);  // first wins
-  EXPECT_EQ(static_cast<int>(GetPrivateProfileIntW(L"FILERW", L"Empty", 5, ini.c_str())), 0);
-  EXPECT_EQ(static_cast<int>(GetPrivateProfileIntW(L"FILERW", L"On", 5, ini.c_str())), 5);  // other section
-  EXPECT_EQ(static_cast<int>(GetPrivateProfileIntW(L"log", L"ON", 5, ini.c_str())), 1);
+  const struct {
+    const wchar_t* section;
+    const wchar_t* key;
+    int expected;  // with default 5
+  } cases[] = {
+      {L"FILERW", L"Size", -42},         // first occurrence, digits up to the first other character
+      {L"FILERW", L"Huge", 2147483647},  // saturates
+      {L"FILERW", L"NegHuge", -2147483647 - 1},
+      {L"FILERW", L"Empty", 5},    // no value: the default
+      {L"FILERW", L"Quoted", 12},  // quotes are not part of the value
+      {L"FILERW", L"Single", 31},
+      {L"FILERW", L"Hex", 16},
+      {L"FILERW", L"NegHex", -16},
+      {L"FILERW", L"BareHex", 0},  // "0" followed by a letter
+      {L"FILERW", L"Word", 0},     // text without digits
+      {L"FILERW", L"On", 5},       // another section's key
+      {L"FILERW", L"Later", 5},    // only the first [filerw] is searched
+      {L"log", L"ON", 1},
+      {L"NoSuch", L"On", 5},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "[" << QltWideToUtf8(c.section) << "] " << QltWideToUtf8(c.key));
+    EXPECT_EQ(static_cast<int>(GetPrivateProfileIntW(c.section, c.key, 5, ini.c_str())), c.expected);
+  }
   EXPECT_EQ(static_cast<int>(GetPrivateProfileIntW(L"LOG", L"On", 5, dir.wpath("none.ini").c_str())), 5);
 
   wchar_t buf[8];
   EXPECT_EQ(GetPrivateProfileStringW(L"FILERW", L"Text", L"d", buf, 8, ini.c_str()), 3u);
   EXPECT_EQ(std::wstring(buf), L"abc");
+  EXPECT_EQ(GetPrivateProfileStringW(L"FILERW", L"Quoted", L"d", buf, 8, ini.c_str()), 2u);
   EXPECT_EQ(GetPrivateProfileStringW(L"FILERW", L"Huge", L"d", buf, 8, ini.c_str()), 7u);  // cut to fit
+}
+
+// Case-sensitive comparison orders as a sorted list reads, not by code unit:
+// case decides only between strings otherwise equal, lower case first.
+TEST(PlatformTextTest, BstrOrderIsAlphabeticalBeforeCase) {
+  const struct {
+    const wchar_t* a;
+    const wchar_t* b;
+    ULONG flags;
+    HRESULT expected;
+  } cases[] = {
+      {L"apple", L"Banana", 0, VARCMP_LT},  // code-unit order would put 'B' first
+      {L"Zebra", L"apple", 0, VARCMP_GT},
+      {L"a", L"A", 0, VARCMP_LT},
+      {L"Ab", L"aB", 0, VARCMP_GT},  // the first difference in case decides
+      {L"A", L"a", NORM_IGNORECASE, VARCMP_EQ},
+      {L"ab", L"ABC", 0, VARCMP_LT},  // a prefix first, whatever the case
+      {L"\u00e9t\u00e9", L"\u00c9T\u00c9", NORM_IGNORECASE, VARCMP_EQ},
+      {L"\u00e9", L"f", 0, VARCMP_GT},
+      {L"", nullptr, 0, VARCMP_EQ},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << QltWideToUtf8(c.a) << " vs " << QltWideToUtf8(c.b ? c.b : L"(null)"));
+    CComBSTR a(c.a), b(c.b);
+    EXPECT_EQ(VarBstrCmp(a, b, LOCALE_USER_DEFAULT, c.flags), c.expected);
+  }
 }
 
 TEST(PlatformTextTest, GuidsAreUnique) {
