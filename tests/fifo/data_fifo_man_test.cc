@@ -179,11 +179,20 @@ TEST_F(DataFifoManTest, MemoryModeRunsNoMoverAndMakesNoFolderUntilDiskModeIsSwit
     EXPECT_EQ(n, 1000);
     EXPECT_TRUE(DirEntries(drive.path()).empty());
 
+    {
+      qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
+      EXPECT_EQ(man.SetBufferingMode(1), FALSE);  // no mover, no disk mode
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+      EXPECT_FALSE(man.IsMoverRunning());
+    }
     ASSERT_TRUE(man.SetBufferingMode(1));
     EXPECT_TRUE(man.IsMoverRunning());
     EXPECT_TRUE(FileExists(drive.file("Temp")));
     man.StopFifo();
     EXPECT_FALSE(man.IsMoverRunning());
+    qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
+    EXPECT_EQ(man.StartFifo(), FALSE);          // disk mode needs the mover
+    EXPECT_EQ(man.WriteBuffer("x", 1), FALSE);  // and nothing runs
   }
 }
 

@@ -130,6 +130,22 @@ TEST_F(DataFifoPoolTest, BadCallsGetClearResults) {
   EXPECT_EQ(bare.ReadBuffer(m_buf.data(), n), 0);
 }
 
+TEST_F(DataFifoPoolTest, ACacheThreadThatCannotStartLeavesThePoolStoppedAndRestartable) {
+  const int before = fifotest::BaselineThreadCount();
+  {
+    qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
+    SetLastError(0);
+    EXPECT_EQ(m_pool.StartFifo(), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_EQ(fault.Fired(), 1);
+  }
+  EXPECT_EQ(fifotest::ThreadCountSettling(before), before);
+  EXPECT_EQ(Write("early"), 0);  // stopped
+  ASSERT_EQ(m_pool.StartFifo(), 1);
+  EXPECT_EQ(Write("x"), 1);
+  EXPECT_EQ(Read(), "x");
+}
+
 // Each allocation of an operation fails in turn: the operation returns its
 // failure result with ERROR_NOT_ENOUGH_MEMORY or copes, nothing is thrown at
 // the caller, nothing leaks, and the pool starts and carries records

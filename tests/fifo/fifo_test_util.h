@@ -14,7 +14,16 @@
 #include <thread>
 #include <vector>
 
+#include "platform/faults.h"
+
 namespace fifotest {
+
+// A fault rule: the next thread start fails.
+inline qlt::fault::Rule ThreadStartFault() {
+  qlt::fault::Rule rule;
+  rule.ops = qlt::fault::kThreadStart;
+  return rule;
+}
 
 constexpr auto kLongWait = std::chrono::seconds(20);         // something that must happen
 constexpr auto kShortWait = std::chrono::milliseconds(100);  // something that must not

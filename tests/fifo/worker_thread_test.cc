@@ -5,6 +5,8 @@
 #include <atomic>
 #include <stdexcept>
 
+#include "tests/fifo/fifo_test_util.h"
+
 namespace {
 
 // A body that waits for the stop request on the event, as the library's
@@ -40,9 +42,15 @@ TEST(WorkerThreadTest, StopRequestReachesAWaitingBodyJoinEndsItAndTheWorkerStart
   EXPECT_EQ(runs.load(), 3);
 }
 
-TEST(WorkerThreadTest, AThrowingBodyEndsOnlyItsThread) {
+TEST(WorkerThreadTest, AThreadThatCannotStartOrAThrowingBodyLeavesTheWorkerReusable) {
   int runs = 0;
   CWorkerThread worker(L"thrower");
+  {
+    qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
+    EXPECT_FALSE(worker.Start([&] { ++runs; }));
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+    EXPECT_FALSE(worker.IsRunning());
+  }
   ASSERT_TRUE(worker.Start([] { throw std::runtime_error("body failed"); }));
   worker.Join();  // the process goes on
   ASSERT_TRUE(worker.Start([&] { ++runs; }));
