@@ -22,10 +22,10 @@
 //
 // Thread rule: exactly one producer thread calls WriteData and one consumer
 // thread calls ReadData. SetEndOfStream, Close, StopWriting, HasData,
-// IsEndOfStream, IsClosed,
-// IsReaderWaiting and FreeSpace may come from any thread. InitStream,
-// ResetStream and UninitStream need external synchronisation: neither side
-// may be inside WriteData or ReadData.
+// IsEndOfStream, IsClosed, IsReaderWaiting and FreeSpace may come from any
+// thread. InitStream, ResetStream and UninitStream need external
+// synchronisation: neither side may be inside WriteData or ReadData (Close
+// from any thread followed by a join of both sides is the way to get there).
 #ifndef QLTFSDK_FIFO_RING_STREAM_H
 #define QLTFSDK_FIFO_RING_STREAM_H
 
