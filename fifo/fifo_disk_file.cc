@@ -2,6 +2,7 @@
 // them back, delete.
 #include "fifo/fifo_disk_file.h"
 
+#include <cstdint>
 #include <cstdio>
 
 namespace {
@@ -89,7 +90,11 @@ BOOL CFifoDiskFile::ReadRecord(void* pDst, LONG& nLen) {
   return TRUE;
 }
 
-bool CFifoDiskFile::HasRoom(LONG nLen) const { return m_nMaxSize > m_nWrittenSize + static_cast<DWORD>(nLen); }
+bool CFifoDiskFile::HasRoom(LONG nLen) const {
+  // In 64 bits: a file that took one record of nearly 2 GiB must not wrap
+  // round to "room left" for the next one.
+  return uint64_t{m_nMaxSize} > uint64_t{m_nWrittenSize} + static_cast<DWORD>(nLen);
+}
 
 BOOL CFifoDiskFile::CloseFile() {
   if (IsOpen()) CloseHandle(m_hFile);

@@ -46,7 +46,7 @@ class CFifoDiskFile {
   // and returns 1 (0 on a read failure).
   BOOL ReadRecord(void* pDst, LONG& nLen);
   // True when a payload of nLen bytes may still be added (the limit exceeds
-  // the written size plus nLen, compared as unsigned 32-bit numbers).
+  // the written size plus nLen, summed without wrapping).
   bool HasRoom(LONG nLen) const;
   // Closes the file if open. Returns 1.
   BOOL CloseFile();

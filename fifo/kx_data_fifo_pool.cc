@@ -23,40 +23,55 @@ LONG KxDataFifoPool::SetBufferingMode(LONG) {
 
 LONG KxDataFifoPool::SetDiskPoolProps(const std::wstring& strFolder, DWORD) { return m_fifoMan.SetDiskPath(strFolder); }
 
-LONG KxDataFifoPool::SetMemoryPoolSize(DWORD nBytes) { return m_fifoMan.SetMemoryPoolSize(nBytes); }
+LONG KxDataFifoPool::SetMemoryPoolSize(DWORD nBytes) { return m_fifoMan.SetMemoryPoolSize(nBytes) ? 1 : 0; }
 
 LONG KxDataFifoPool::SetWriteCacheSize(DWORD nBytes) {
+  if (nBytes > CRingStream::kMaxCapacity) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
   m_nWriteCacheSize = nBytes;
   return 1;
 }
 
 LONG KxDataFifoPool::StartFifo() {
+  try {
+    return StartRun();
+  } catch (const std::bad_alloc&) {
+    StopFifo();  // whatever was made so far
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
+}
+
+LONG KxDataFifoPool::StartRun() {
   StopFifo();
-  if (m_nWriteCacheSize < 4) return 0;  // not even a record's length would fit
-  m_pWriteCache = new (std::nothrow) CRingStream(L"WriteCache");
+  if (m_nWriteCacheSize < 4) return 0;             // not even a record's length would fit
+  m_pWriteCache = new CRingStream(L"WriteCache");  // bad_alloc: see StartFifo
   m_pStaging = new (std::nothrow) BYTE[kStagingSize];
   m_nStagingSize = kStagingSize;
   if (!m_pWriteCache || !m_pStaging || m_pWriteCache->InitStream(m_nWriteCacheSize) != S_OK) {
     StopFifo();
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
   // The manager runs before the cache thread starts feeding it.
   if (!m_fifoMan.StartFifo()) {
+    DWORD nError = GetLastError();
     StopFifo();
+    SetLastError(nError);
     return 0;
   }
   m_nMaxPayload = std::min(m_nWriteCacheSize, m_fifoMan.GetRingCapacity());
   m_bEndSent.store(false);
+  m_bCacheFailed.store(false);
   m_nQueued.store(0);
-  m_bCacheRunning.store(true);
-  m_hCacheExitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  m_hCacheStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  m_hCacheThread = CreateThread(nullptr, 0, CacheThreadProc, this, 0, nullptr);
-  if (!m_hCacheThread) {
+  if (!m_cacheThread.Start([this] { CacheLoop(); })) {
+    DWORD nError = GetLastError();
     StopFifo();
+    SetLastError(nError);
     return 0;
   }
-  SetThreadPriority(m_hCacheThread, THREAD_PRIORITY_NORMAL);
   m_bAccepting.store(true);
   return 1;
 }
@@ -87,41 +102,34 @@ LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
   m_nQueued.fetch_add(1);
   LONG nHead = 4;
   m_pWriteCache->WriteData(&nLen, nHead);
-  if (nHead != 4 || !m_bAccepting.load()) return 0;  // StopFifo cut the wait short
+  if (nHead != 4 || !m_bAccepting.load()) {  // StopFifo, or a failed cache thread, cut the write short
+    if (m_bCacheFailed.load()) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
   LONG nBody = nLen;
   m_pWriteCache->WriteData(pData, nBody);
-  return nBody == nLen && m_bAccepting.load() ? 1 : 0;
+  if (nBody == nLen && m_bAccepting.load()) return 1;
+  if (m_bCacheFailed.load()) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return 0;
 }
 
 LONG KxDataFifoPool::ReadBuffer(void* pData, LONG& nLen) { return m_fifoMan.ReadBuffer(pData, nLen); }
 
 LONG KxDataFifoPool::StopFifo() {
   m_bAccepting.store(false);
-  if (m_hCacheThread) {
-    m_bCacheRunning.store(false);
-    m_pWriteCache->SetEndOfStream();  // releases the cache thread waiting for data
-    SetEvent(m_hCacheStopEvent);      // ... or pausing after the end of data
-  }
+  m_cacheThread.RequestStop();  // also cuts the end-of-data pause short
+  // Closing the write cache releases the cache thread waiting for data and
+  // a producer waiting for room, at once and for every later call.
+  if (m_pWriteCache) m_pWriteCache->Close();
   // Stopping the manager releases the cache thread if it waits for room in
   // the memory ring (and waits until it has left the manager), and releases
   // a consumer waiting in ReadBuffer.
   m_fifoMan.StopFifo();
-  if (m_hCacheThread) {
-    WaitForSingleObject(m_hCacheThread, INFINITE);  // nothing is left for it to wait on
-    CloseHandle(m_hCacheThread);                    // joins it
-    m_hCacheThread = nullptr;
-  }
-  for (HANDLE* ph : {&m_hCacheExitEvent, &m_hCacheStopEvent}) {
-    if (*ph) CloseHandle(*ph);
-    *ph = nullptr;
-  }
+  m_cacheThread.Join();
+  // A producer still inside WriteBuffer waits on nothing any more (both
+  // rings are closed); let it leave before the write cache goes.
+  while (m_nProducersInside.load() > 0) Sleep(1);
   if (m_pWriteCache) {
-    // A producer may still wait for room in the write cache: release it
-    // until it has left WriteBuffer, then free the ring.
-    while (m_nProducersInside.load() > 0) {
-      m_pWriteCache->StopWriting();
-      Sleep(1);
-    }
     m_pWriteCache->UninitStream();
     delete m_pWriteCache;
     m_pWriteCache = nullptr;
@@ -132,13 +140,8 @@ LONG KxDataFifoPool::StopFifo() {
   return 1;
 }
 
-DWORD WINAPI KxDataFifoPool::CacheThreadProc(LPVOID pParam) {
-  static_cast<KxDataFifoPool*>(pParam)->CacheLoop();
-  return 0;
-}
-
 void KxDataFifoPool::CacheLoop() {
-  while (m_bCacheRunning.load()) {
+  while (!m_cacheThread.StopRequested()) {
     LONG nLen = 0;
     LONG nHead = 4;
     m_pWriteCache->ReadData(&nLen, nHead);
@@ -146,26 +149,32 @@ void KxDataFifoPool::CacheLoop() {
       // End of data and nothing left: tell the manager, and again every
       // 300 ms until the pool is stopped.
       m_fifoMan.WriteBuffer(nullptr, 0);
-      WaitForSingleObject(m_hCacheStopEvent, kEndResignalMs);
+      WaitForSingleObject(m_cacheThread.StopEvent(), kEndResignalMs);
       continue;
     }
-    if (!m_bCacheRunning.load() || nHead != 4 || nLen < 0) break;
+    if (m_cacheThread.StopRequested() || nHead != 4 || nLen < 0) break;
     if (static_cast<DWORD>(nLen) > m_nStagingSize) {
       BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
-      if (!pBigger) break;
+      if (!pBigger) {
+        // This record cannot be carried. Fail the producer's later writes
+        // (out of memory) and end the consumer's data after the records
+        // already handed over, instead of leaving both waiting.
+        m_bCacheFailed.store(true);
+        m_pWriteCache->Close();
+        m_fifoMan.WriteBuffer(nullptr, 0);
+        break;
+      }
       delete[] m_pStaging;
       m_pStaging = pBigger;
       m_nStagingSize = static_cast<DWORD>(nLen);
     }
     LONG nBody = nLen;
     if (nLen > 0) m_pWriteCache->ReadData(m_pStaging, nBody);
-    if (nBody != nLen || !m_bCacheRunning.load()) break;
+    if (nBody != nLen || m_cacheThread.StopRequested()) break;
     // An empty record is forwarded like any other: the staging buffer is
     // never null here, so it cannot be mistaken for the end of data.
     CAutoLock lock(&m_csForward);
     m_fifoMan.WriteBuffer(m_pStaging, nLen);
     m_nQueued.fetch_sub(1);
   }
-  m_bCacheRunning.store(false);
-  SetEvent(m_hCacheExitEvent);
 }

@@ -18,7 +18,9 @@
 // consumer that waits and returns only when every thread the pool started
 // has ended.
 //
-// Every operation returns 0 before Initialize has run.
+// Every operation returns 0 before Initialize has run. No exception leaves an
+// operation: when memory runs out it fails with its failure result and the
+// last error ERROR_NOT_ENOUGH_MEMORY, and the pool stays usable.
 #ifndef QLTFSDK_DATAFIFOPOOL_H
 #define QLTFSDK_DATAFIFOPOOL_H
 
@@ -46,13 +48,16 @@ class QLTFS_API QLCT_DataFifoPool {
   // Creates the folder (and its missing parents) and stores it. 1 when the
   // folder exists afterwards, 0 otherwise. nSize has no effect.
   int SetDiskPoolProps(CComBSTR strFolder, DWORD nSize);
-  // Memory ring capacity in bytes for the next StartFifo. 1.
+  // Memory ring capacity in bytes for the next StartFifo. 1; 0 with the
+  // last error ERROR_INVALID_PARAMETER (size kept) above 2^31 - 1 bytes.
   int SetMemoryPoolSize(DWORD nBytes);
-  // Write cache capacity in bytes for the next StartFifo. 1.
+  // Write cache capacity in bytes for the next StartFifo. 1; 0 with the
+  // last error ERROR_INVALID_PARAMETER (size kept) above 2^31 - 1 bytes.
   int SetWriteCacheSize(DWORD nBytes);
   // Stops any earlier run and starts a new one with empty rings. 1 on
   // success; 0 when a ring cannot be allocated (or is smaller than 4 bytes)
-  // or a thread cannot be started (the pool is then stopped).
+  // or a thread cannot be started, with the last error set (the pool is
+  // then stopped, and a later StartFifo may succeed).
   int StartFifo();
   // Queues one record of nLen bytes copied from pData, waiting while the
   // pool is full; pData null marks the end of the data (nLen ignored).

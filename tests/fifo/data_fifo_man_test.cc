@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/fifo/fifo_test_util.h"
@@ -54,6 +57,11 @@ TEST_F(DataFifoManTest, MemoryModeProducerWaitsOnAFullRingAndTheEndComesAfterBuf
 TEST_F(DataFifoManTest, BadSettingsAndRecordsThatCouldNeverFitAreRefused) {
   EXPECT_EQ(m_man.SetBufferingMode(2), FALSE);
   EXPECT_EQ(m_man.SetDiskPath(L"Q:\\x\\y"), FALSE);  // no such drive
+  for (DWORD nHuge : {0x80000000u, 0xFFFFFFFFu}) {   // beyond what a ring can count: refused, nothing allocated
+    EXPECT_EQ(m_man.SetMemoryPoolSize(nHuge), FALSE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  }
+  EXPECT_EQ(m_man.GetMemoryPoolSize(), CDataFifoMan::kDefaultMemoryPoolSize);
   m_man.SetMemoryPoolSize(2);
   EXPECT_FALSE(m_man.StartFifo());  // no record length fits
   m_man.StopFifo();                 // a failed start can be stopped and started again
@@ -112,6 +120,80 @@ TEST_F(DataFifoManTest, DiskModeGivesARecordOverTheFileLimitAFileOfItsOwnAndStop
   EXPECT_EQ(Read(), "tail");
   EXPECT_EQ(Read(), "<-1>");
   EXPECT_TRUE(DirEntries(dir.path()).empty());
+}
+
+// The mover moves the last overflow file into a ring that is then left with
+// less than the low-water room; the consumer drains it and waits; only then
+// does the producer write again. Every record must arrive without a stop.
+TEST_F(DataFifoManTest, RecordsWrittenWhileTheConsumerWaitsAfterTheLastMoveArriveWithoutAStop) {
+  TempDir dir;
+  StartDiskMode(dir.wpath());  // 8 MiB ring
+  const std::string a(7 << 20, 'a'), b((13 << 20) / 2, 'b'), c("c"), d(b.size(), 'd');
+  Write(a);  // memory
+  Write(b);  // does not fit beside a: overflow file
+  ASSERT_EQ(DirEntries(dir.path()).size(), 1u);
+  EXPECT_EQ(Read(), a);
+  EXPECT_EQ(Read(), b);  // moved back; the ring now has under the low-water room free
+  auto until = [](const std::function<bool()>& done) {
+    auto deadline = std::chrono::steady_clock::now() + fifotest::kLongWait;
+    while (!done() && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return done();
+  };
+  ASSERT_TRUE(until([&] { return DirEntries(dir.path()).empty(); }));  // the mover has dropped the file
+
+  std::string got[3];
+  Background consumer(
+      [&] {
+        for (std::string& r : got) r = Read();
+      },
+      [&] { m_man.StopFifo(); });
+  ASSERT_TRUE(until([&] { return m_man.IsConsumerWaiting(); }));
+  Write(c);
+  Write(d);
+  m_man.WriteBuffer(nullptr, 0);
+  ASSERT_TRUE(consumer.Done());
+  EXPECT_EQ(got[0], c);
+  EXPECT_TRUE(got[1] == d) << got[1].size();
+  EXPECT_EQ(got[2], "<-1>");
+}
+
+// A manager kept in memory mode, as the exported pool keeps its own, starts
+// no mover, creates no folder and still carries records; switching a running
+// manager to disk mode starts the mover then.
+TEST_F(DataFifoManTest, MemoryModeRunsNoMoverAndMakesNoFolderUntilDiskModeIsSwitchedOn) {
+  TempDir drive;
+  QltSetDrive(L'C', drive.wpath().c_str(), DRIVE_FIXED);
+  struct Restore {
+    ~Restore() { QltResetDriveMap(); }
+  } restore;
+  {
+    CDataFifoMan man;  // default folder C:\Temp
+    man.SetMemoryPoolSize(8 << 20);
+    ASSERT_TRUE(man.StartFifo());
+    EXPECT_FALSE(man.IsMoverRunning());
+    std::string r(1000, 'r');
+    EXPECT_EQ(man.WriteBuffer(r.data(), 1000), TRUE);
+    LONG n = 0;
+    EXPECT_EQ(man.ReadBuffer(m_buf.data(), n), TRUE);
+    EXPECT_EQ(n, 1000);
+    EXPECT_TRUE(DirEntries(drive.path()).empty());
+
+    {
+      qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
+      EXPECT_EQ(man.SetBufferingMode(1), FALSE);  // no mover, no disk mode
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+      EXPECT_FALSE(man.IsMoverRunning());
+    }
+    ASSERT_TRUE(man.SetBufferingMode(1));
+    EXPECT_TRUE(man.IsMoverRunning());
+    EXPECT_TRUE(FileExists(drive.file("Temp")));
+    man.StopFifo();
+    EXPECT_FALSE(man.IsMoverRunning());
+    qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
+    EXPECT_EQ(man.StartFifo(), FALSE);          // disk mode needs the mover
+    EXPECT_EQ(man.WriteBuffer("x", 1), FALSE);  // and nothing runs
+  }
 }
 
 }  // namespace

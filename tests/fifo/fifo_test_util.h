@@ -14,7 +14,16 @@
 #include <thread>
 #include <vector>
 
+#include "platform/faults.h"
+
 namespace fifotest {
+
+// A fault rule: the next thread start fails.
+inline qlt::fault::Rule ThreadStartFault() {
+  qlt::fault::Rule rule;
+  rule.ops = qlt::fault::kThreadStart;
+  return rule;
+}
 
 constexpr auto kLongWait = std::chrono::seconds(20);         // something that must happen
 constexpr auto kShortWait = std::chrono::milliseconds(100);  // something that must not
@@ -56,17 +65,32 @@ inline int ThreadCount() { return static_cast<int>(DirEntries("/proc/self/task")
 
 // Thread count to compare against later: starts and joins one thread first,
 // so that helper threads a runtime adds on the first thread start (the
-// thread sanitizer's, for one) are already counted.
+// thread sanitizer's, for one) are already counted, then waits (bounded)
+// until the count has stayed the same for 50 ms, so that threads of earlier
+// tests still leaving are not counted.
 inline int BaselineThreadCount() {
   std::thread([] {}).join();
-  return ThreadCount();
+  auto deadline = std::chrono::steady_clock::now() + kLongWait;
+  int n = ThreadCount();
+  for (auto since = std::chrono::steady_clock::now(); std::chrono::steady_clock::now() < deadline;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    int now = ThreadCount();
+    if (now != n) {
+      n = now;
+      since = std::chrono::steady_clock::now();
+    } else if (std::chrono::steady_clock::now() - since >= std::chrono::milliseconds(50)) {
+      break;
+    }
+  }
+  return n;
 }
 
 // The thread count once it has come down to n, or whatever it is after a
 // bounded wait. A joined thread can stay listed for a moment after the join
-// returns (the kernel removes it from /proc after waking the joiner).
+// returns (the kernel removes it from /proc after waking the joiner), and
+// longer on a loaded machine.
 inline int ThreadCountSettling(int n) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  auto deadline = std::chrono::steady_clock::now() + kLongWait;
   int now = ThreadCount();
   for (; now > n && std::chrono::steady_clock::now() < deadline; now = ThreadCount())
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
