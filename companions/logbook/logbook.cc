@@ -7,7 +7,7 @@
 
 #include "companions/logbook/line_builder.h"
 #include "companions/logbook/log_store.h"
-#include "diagnostics/logbook_api.h"
+#include "companions/logbook/logbook_api.h"
 #include "platform/platform.h"
 
 using qlt::logbook::CPendingLines;

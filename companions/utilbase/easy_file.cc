@@ -4,7 +4,7 @@
 #include <new>
 #include <vector>
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 #include "platform/platform.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // What the SDK uses of the utility library (qltUtilBase): the easy-file
 // reader class, linked at build time, and the error-code register, found by
 // name at run time. The writer-option calls are public (qltfsdk/writeroption.h).
-#ifndef QLTFSDK_DIAGNOSTICS_UTILBASE_API_H
-#define QLTFSDK_DIAGNOSTICS_UTILBASE_API_H
+#ifndef QLTFSDK_COMPANIONS_UTILBASE_UTILBASE_API_H
+#define QLTFSDK_COMPANIONS_UTILBASE_UTILBASE_API_H
 
 #include "qltfsdk/writeroption.h"
 
@@ -66,4 +66,4 @@ typedef int (*PFN_DeleteErrorCodeVector)();
 
 #define QLT_UTILBASE_DLL L"qltUtilBase.dll"
 
-#endif  // QLTFSDK_DIAGNOSTICS_UTILBASE_API_H
+#endif  // QLTFSDK_COMPANIONS_UTILBASE_UTILBASE_API_H
