@@ -188,8 +188,10 @@ int KxFileTransfer::TransferFile(const wchar_t* pszSource, const wchar_t* pszDes
   }
   // Replacing the destination would empty a source that is the same file,
   // however the two paths are spelt (relative, through a link, hard link).
-  if (QltSameFile(pszSource, pszDestination)) {
-    SetLastError(ERROR_INVALID_PARAMETER);
+  const BOOL bSameFile = QltSameFile(pszSource, pszDestination);
+  const DWORD nSameFileError = GetLastError();
+  if (bSameFile || nSameFileError == ERROR_NOT_ENOUGH_MEMORY) {  // refused, or could not tell
+    SetLastError(bSameFile ? ERROR_INVALID_PARAMETER : nSameFileError);
     return 0;
   }
   Settings settings{};

@@ -40,13 +40,14 @@ class KxFileTransfer;
 // destroyed while one of its calls is running.
 class QLTFS_API QLT_FileTransfer {
  public:
-  // Creates the implementation. When that fails, every operation returns 0.
+  // Creates the implementation. When that fails, every operation returns 0
+  // with ERROR_NOT_ENOUGH_MEMORY.
   QLT_FileTransfer();
   virtual ~QLT_FileTransfer();
   QLT_FileTransfer(const QLT_FileTransfer&) = delete;
   QLT_FileTransfer& operator=(const QLT_FileTransfer&) = delete;
 
-  // Returns 1; nothing else to set up.
+  // Returns 1 (0 when construction failed); nothing else to set up.
   int Initialize();
 
   // Stores the callback and the pointer handed back to it; a null callback

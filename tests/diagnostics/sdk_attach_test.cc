@@ -6,6 +6,7 @@
 
 #include "platform/platform.h"
 #include "qltfsdk/qltfsdk.h"
+#include "tests/support/alloc_fault.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -44,6 +45,28 @@ TEST(SdkAttachTest, CompanionsFoundByName) {
     SCOPED_TRACE(c.name ? QltWideToUtf8(c.name) : "null");
     EXPECT_EQ(QLT_FindCompanion(c.name), c.found);
   }
+}
+
+TEST(SdkAttachTest, SdkInfoFailsCleanlyWhenMemoryRunsOut) {
+  QLT_SDKINFO_ST info{};
+  int nResult = 0;
+  DWORD nError = 0;
+  EXPECT_GT(ForEachAllocationFailure(
+                [&](int) {
+                  nResult = QLT_GetSdkInfo(&info);
+                  nError = GetLastError();
+                },
+                [&](int n, bool) {
+                  SCOPED_TRACE(n);
+                  if (nResult == 1) {
+                    EXPECT_NE(info.bstrModuleDir, nullptr);
+                    QLT_FreeSdkInfo(&info);
+                  } else {
+                    EXPECT_EQ(nError, static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+                    EXPECT_EQ(info.bstrModuleDir, nullptr);  // nothing handed out
+                  }
+                }),
+            1);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 
 #include "platform/platform.h"
 #include "qltfsdk/filetransfer.h"
+#include "tests/support/alloc_fault.h"
 #include "tests/support/temp_dir.h"
 #include "transfer/kx_file_transfer.h"
 
@@ -319,6 +320,34 @@ TEST_F(TransferTest, ThrowingCallbackFailsTheTransferAndLeavesTheObjectUsable) {
   EXPECT_EQ(facade.Abort(), 1);
   EXPECT_GT(facade.TransferFile(m_dir.wpath("src.dat").c_str(), m_dir.wpath("dst2.dat").c_str()), 0);
   EXPECT_EQ(ReadWholeFile(m_dir.file("dst2.dat")), data);
+}
+
+// Memory running out at each allocation in turn, from construction through
+// the copy: every call fails with 0 and ERROR_NOT_ENOUGH_MEMORY (or
+// succeeds), nothing escapes, and a copy that succeeds is whole.
+TEST_F(TransferTest, RunningOutOfMemoryAnywhereFailsCleanly) {
+  const std::string data = Pattern(2 * kBlock + 100, 13);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), data));
+  const CComBSTR src(m_dir.wpath("src.dat").c_str()), dst(m_dir.wpath("dst.dat").c_str());
+  int nResult = 0;
+  DWORD nError = 0;
+  EXPECT_GT(ForEachAllocationFailure(
+                [&](int) {
+                  QLT_FileTransfer transfer;
+                  transfer.SetTransferBitrate(kFastRate);
+                  nResult = transfer.TransferFile(src, dst);
+                  nError = GetLastError();
+                },
+                [&](int n, bool) {
+                  SCOPED_TRACE(n);
+                  if (nResult == 0) {
+                    EXPECT_EQ(nError, static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+                  } else {
+                    EXPECT_EQ(ReadWholeFile(m_dir.file("dst.dat")), data);
+                  }
+                  EXPECT_EQ(ReadWholeFile(m_dir.file("src.dat")), data);
+                }),
+            1);
 }
 
 }  // namespace
