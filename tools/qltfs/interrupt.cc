@@ -19,7 +19,13 @@ InterruptWatch::InterruptWatch(std::function<void()> fnStop) : m_fnStop(std::mov
   g_nInterrupted.store(0, std::memory_order_relaxed);
   m_pfnOldInt = std::signal(SIGINT, OnInterrupt);
   m_pfnOldTerm = std::signal(SIGTERM, OnInterrupt);
-  m_watcher = std::thread([this] { Watch(); });
+  try {
+    m_watcher = std::thread([this] { Watch(); });
+  } catch (...) {  // no thread: leave the handlers as they were
+    std::signal(SIGINT, m_pfnOldInt == SIG_ERR ? SIG_DFL : m_pfnOldInt);
+    std::signal(SIGTERM, m_pfnOldTerm == SIG_ERR ? SIG_DFL : m_pfnOldTerm);
+    throw;
+  }
 }
 
 InterruptWatch::~InterruptWatch() {
