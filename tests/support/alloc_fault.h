@@ -6,8 +6,11 @@
 #define QLTFSDK_TESTS_SUPPORT_ALLOC_FAULT_H
 
 // While it lives, the Nth allocation through operator new on this thread
-// (1 = the next one) throws std::bad_alloc; the others succeed. Make nothing
-// else allocate on the thread while armed (no assertions inside the scope).
+// (1 = the next one) throws std::bad_alloc (a nothrow new returns null); the
+// others succeed. Allocations made by the platform library's own code are
+// not counted: that layer's containment is its own tests' business. Make
+// nothing else allocate on the thread while armed (no assertions inside the
+// scope).
 class ScopedAllocFailure {
  public:
   explicit ScopedAllocFailure(int nNth);
