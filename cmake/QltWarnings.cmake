@@ -6,10 +6,29 @@ function(qlt_warnings target)
   endif()
 endfunction()
 
+# qlt_include_root(<target>): gives <target> an include root of its own that
+# holds only the folder of the calling CMakeLists (as a symbolic link at its
+# path in the source tree), plus the public headers. The root is PUBLIC, so a
+# target can include the headers of exactly the components it links:
+# "fifo/ring_stream.h" compiles where the link graph has an arrow to the FIFO
+# component and fails everywhere else.
+function(qlt_include_root target)
+  file(RELATIVE_PATH folder ${CMAKE_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  string(REPLACE "/" "_" name ${folder})
+  set(root ${CMAKE_BINARY_DIR}/include-roots/${name})
+  get_filename_component(parent ${root}/${folder} DIRECTORY)
+  file(MAKE_DIRECTORY ${parent})
+  file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${root}/${folder} SYMBOLIC)
+  target_include_directories(${target} PUBLIC
+    $<BUILD_INTERFACE:${root}>
+    $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>)
+endfunction()
+
 # A static, position-independent component linked whole into the SDK library.
+# It sees its own folder, the public headers and what it links.
 function(qlt_component target)
   add_library(${target} STATIC ${ARGN})
-  target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/include)
+  qlt_include_root(${target})
   target_compile_definitions(${target} PRIVATE QLTFSDK_BUILD)
   qlt_warnings(${target})
 endfunction()

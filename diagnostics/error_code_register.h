@@ -12,7 +12,7 @@
 #ifndef QLTFSDK_DIAGNOSTICS_ERROR_CODE_REGISTER_H
 #define QLTFSDK_DIAGNOSTICS_ERROR_CODE_REGISTER_H
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 
 class CErrorCodeRegister {
  public:

@@ -1,5 +1,6 @@
 #include "qltfsdk/sdkinfo.h"
 
+#include <new>
 #include <string>
 
 #include "diagnostics/module_paths.h"
@@ -20,7 +21,10 @@ std::wstring FoundSettingsFile() {
 }  // namespace
 
 extern "C" int QLT_GetSdkInfo(QLT_SDKINFO_ST* pInfo) {
-  if (!pInfo) return 0;
+  if (!pInfo) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
   try {
     QLT_SDKINFO_ST info{};
     info.nReadBufSize = SdkSettings.ReadBufSize;
@@ -38,16 +42,31 @@ extern "C" int QLT_GetSdkInfo(QLT_SDKINFO_ST* pInfo) {
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
     CComBSTR ini(FoundSettingsFile().c_str()), driveRoot(root.c_str()), driveDir(QltUtf8ToWide(dir).c_str()),
         moduleDir(GetModuleDirectory().c_str());
-    if (!ini || !driveRoot || !driveDir || !moduleDir) return 0;
+    if (!ini || !driveRoot || !driveDir || !moduleDir) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      return 0;
+    }
     info.bstrIniPath = ini.Detach();
     info.bstrCacheDriveRoot = driveRoot.Detach();
     info.bstrCacheDriveDir = driveDir.Detach();
     info.bstrModuleDir = moduleDir.Detach();
     *pInfo = info;
     return 1;
+  } catch (const std::bad_alloc&) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
   } catch (...) {
+    SetLastError(ERROR_INVALID_FUNCTION);
     return 0;
   }
+}
+
+extern "C" int QLT_FindCompanion(LPCWSTR pszName) {
+  if (!pszName || !*pszName) return 0;
+  HMODULE hModule = LoadLibraryW(pszName);
+  if (!hModule) return 0;
+  FreeLibrary(hModule);
+  return 1;
 }
 
 extern "C" void QLT_FreeSdkInfo(QLT_SDKINFO_ST* pInfo) {

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "diagnostics/logbook_api.h"
+#include "companions/logbook/logbook_api.h"
 #include "diagnostics/sdk_settings.h"
 #include "platform/platform.h"
 

@@ -51,6 +51,24 @@ bool ReadWhole(HANDLE hFile, char* pBuffer, DWORD nAsk, DWORD nNeed) {
   return false;
 }
 
+// Owns one open file handle; closes it once.
+class ScopedFile {
+ public:
+  explicit ScopedFile(HANDLE hFile) : m_hFile(hFile) {}
+  ~ScopedFile() { Close(); }
+  ScopedFile(const ScopedFile&) = delete;
+  ScopedFile& operator=(const ScopedFile&) = delete;
+  bool IsOpen() const { return m_hFile != INVALID_HANDLE_VALUE; }
+  HANDLE Get() const { return m_hFile; }
+  void Close() {
+    if (IsOpen()) CloseHandle(m_hFile);
+    m_hFile = INVALID_HANDLE_VALUE;
+  }
+
+ private:
+  HANDLE m_hFile;
+};
+
 bool WriteWhole(HANDLE hFile, const char* pBuffer, DWORD nBytes) {
   DWORD nDone = 0;
   if (!WriteFile(hFile, pBuffer, nBytes, &nDone, nullptr)) return false;
@@ -145,10 +163,18 @@ void KxFileTransfer::Abort() {
   if (--m_nAbortWaiters == 0) SetEvent(m_hNoAbortWaitersEvent);
 }
 
-void KxFileTransfer::Report(const Settings& settings, int nPercent, LONGLONG nWritten, bool bFinished) {
-  if (!settings.pfnProgress) return;
+bool KxFileTransfer::Report(const Settings& settings, int nPercent, LONGLONG nWritten, bool bFinished) {
+  if (!settings.pfnProgress) return true;
   KX_TRANS_PROGRESS_INFO_ST info{-1, -1, nPercent, 0, 0, 0.0, 0.0, nWritten, bFinished ? 1 : 0};
-  settings.pfnProgress(&info, settings.pUserData);
+  // Host code: whatever it throws stops here, so the transfer still closes
+  // its files and ends (a transfer left marked running would refuse every
+  // later one and keep Abort waiting).
+  try {
+    settings.pfnProgress(&info, settings.pUserData);
+    return true;
+  } catch (...) {
+    return false;
+  }
 }
 
 int KxFileTransfer::TransferFile(const wchar_t* pszSource, const wchar_t* pszDestination) {
@@ -160,52 +186,64 @@ int KxFileTransfer::TransferFile(const wchar_t* pszSource, const wchar_t* pszDes
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
-  // Replacing the destination would empty a source that is the same file.
-  std::string strSource = QltNativePath(pszSource);
-  if (!strSource.empty() && strSource == QltNativePath(pszDestination)) {
-    SetLastError(ERROR_INVALID_PARAMETER);
+  // Replacing the destination would empty a source that is the same file,
+  // however the two paths are spelt (relative, through a link, hard link).
+  const BOOL bSameFile = QltSameFile(pszSource, pszDestination);
+  const DWORD nSameFileError = GetLastError();
+  if (bSameFile || nSameFileError == ERROR_NOT_ENOUGH_MEMORY) {  // refused, or could not tell
+    SetLastError(bSameFile ? ERROR_INVALID_PARAMETER : nSameFileError);
     return 0;
   }
   Settings settings{};
   if (!BeginTransfer(&settings)) return 0;
+  // Whatever happens from here on, the transfer ends: files closed, done
+  // event set. Nothing below throws (the callback is contained in Report);
+  // the catch only keeps that promise if something unforeseen does.
+  DWORD nError = ERROR_SUCCESS;
+  int nRate = 0;
+  try {
+    nRate = Copy(pszSource, pszDestination, settings);
+    nError = GetLastError();
+  } catch (const std::bad_alloc&) {
+    nError = ERROR_NOT_ENOUGH_MEMORY;
+  } catch (...) {
+    nError = ERROR_INVALID_FUNCTION;
+  }
+  EndTransfer();
+  SetLastError(nRate ? ERROR_SUCCESS : nError);
+  return nRate;
+}
 
-  HANDLE hSource = CreateFileW(pszSource, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                               FILE_FLAG_NO_BUFFERING | FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (hSource == INVALID_HANDLE_VALUE) {
-    DWORD nError = GetLastError();
-    EndTransfer();
-    SetLastError(nError);
-    return 0;
-  }
-  HANDLE hDestination = CreateFileW(pszDestination, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                    CREATE_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (hDestination == INVALID_HANDLE_VALUE) {
-    DWORD nError = GetLastError();
-    CloseHandle(hSource);
-    EndTransfer();
-    SetLastError(nError);
-    return 0;
-  }
+int KxFileTransfer::Copy(const wchar_t* pszSource, const wchar_t* pszDestination, const Settings& settings) {
+  ScopedFile source(CreateFileW(pszSource, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_NO_BUFFERING | FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!source.IsOpen()) return 0;
+  ScopedFile destination(CreateFileW(pszDestination, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                     CREATE_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!destination.IsOpen()) return 0;
 
   AlignedBuffer buffer;
   LARGE_INTEGER size{};
-  bool bOk = buffer.m_pData != nullptr && GetFileSizeEx(hSource, &size);
+  bool bOk = buffer.m_pData != nullptr && GetFileSizeEx(source.Get(), &size);
   if (!buffer.m_pData) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   // The destination takes its final size at once.
   LARGE_INTEGER zero{};
-  bOk = bOk && SetFilePointerEx(hDestination, size, nullptr, FILE_BEGIN) && SetEndOfFile(hDestination) &&
-        SetFilePointerEx(hDestination, zero, nullptr, FILE_BEGIN);
+  bOk = bOk && SetFilePointerEx(destination.Get(), size, nullptr, FILE_BEGIN) && SetEndOfFile(destination.Get()) &&
+        SetFilePointerEx(destination.Get(), zero, nullptr, FILE_BEGIN);
 
   CStopwatch clock;
   LONGLONG nWritten = 0;
-  if (bOk) bOk = CopyData(hSource, hDestination, buffer.m_pData, size.QuadPart, settings, clock, &nWritten);
+  if (bOk) bOk = CopyData(source.Get(), destination.Get(), buffer.m_pData, size.QuadPart, settings, clock, &nWritten);
   DWORD nError = GetLastError();
-  CloseHandle(hSource);
-  CloseHandle(hDestination);
+  source.Close();
+  destination.Close();
 
-  Report(settings, 100, nWritten, true);
+  // A callback that threw while copying still gets its final report.
+  if (!Report(settings, 100, nWritten, true) && bOk) {
+    bOk = false;
+    nError = ERROR_CANCELLED;
+  }
   int nRate = bOk ? AchievedRate(size.QuadPart, clock) : 0;
-  EndTransfer();
   SetLastError(bOk ? ERROR_SUCCESS : nError);
   return nRate;
 }
@@ -227,8 +265,11 @@ bool KxFileTransfer::CopyData(HANDLE hSource, HANDLE hDestination, char* pBuffer
 
     int nPercent = static_cast<int>(std::min<LONGLONG>(i * 100 / nBlocks, 99));
     if (nPercent != nLastPercent) {
-      Report(settings, nPercent, *pWritten, false);
       nLastPercent = nPercent;
+      if (!Report(settings, nPercent, *pWritten, false)) {
+        SetLastError(ERROR_CANCELLED);  // the host's callback failed: stop here
+        return false;
+      }
     }
 
     // Compare the whole schedule with the whole elapsed time, so that a

@@ -55,11 +55,16 @@ class KxFileTransfer {
   bool BeginTransfer(Settings* pSettings);
   // Marks the running transfer as stopped and wakes Abort callers.
   void EndTransfer();
-  // Copies the blocks and the tail; false on a failed read or write.
+  // Copies the blocks and the tail; false on a failed read or write, or when
+  // the callback threw (ERROR_CANCELLED).
   // Starts with the limit, replacing one of 0 or below for good.
   bool CopyData(HANDLE hSource, HANDLE hDestination, char* pBuffer, LONGLONG nSize, const Settings& settings,
                 const CStopwatch& clock, LONGLONG* pWritten);
-  static void Report(const Settings& settings, int nPercent, LONGLONG nWritten, bool bFinished);
+  // Opens both files, copies and makes the final report; returns the
+  // achieved rate or 0 (last error set). Runs between Begin and End.
+  int Copy(const wchar_t* pszSource, const wchar_t* pszDestination, const Settings& settings);
+  // Calls the host's callback, if any; false when it threw.
+  static bool Report(const Settings& settings, int nPercent, LONGLONG nWritten, bool bFinished);
 
   // Guards the fields marked "m_cs" below. Never held while copying, while
   // calling the callback or while waiting.

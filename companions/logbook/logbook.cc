@@ -7,7 +7,7 @@
 
 #include "companions/logbook/line_builder.h"
 #include "companions/logbook/log_store.h"
-#include "diagnostics/logbook_api.h"
+#include "companions/logbook/logbook_api.h"
 #include "platform/platform.h"
 
 using qlt::logbook::CPendingLines;
@@ -26,6 +26,17 @@ bool IsValidName(const std::string& strName) {
 
 std::string Text(const CComBSTR& text) {
   return text.m_str ? QltWideToUtf8(std::wstring(text.m_str, text.Length())) : "";
+}
+
+// Runs fn; whatever it throws (out of memory, the logging library) is
+// dropped, and the caller's last error is left as it was: logging reports
+// no failure.
+template <class Fn>
+void Quietly(Fn&& fn) noexcept {
+  try {
+    fn();
+  } catch (...) {
+  }
 }
 
 std::string Number(double value) {
@@ -56,80 +67,107 @@ struct QLT_LogBookU::Impl {
   }
 };
 
-QLT_LogBookU::QLT_LogBookU() : m_pImpl(new Impl()) {}
+// Logging never throws: every operation below runs Quietly, and what fails
+// for want of memory (or in the logging library) is dropped. An object
+// built without memory for its state writes nothing.
+QLT_LogBookU::QLT_LogBookU() : m_pImpl(nullptr) {
+  Quietly([this] { m_pImpl = new Impl(); });
+}
 
 QLT_LogBookU::~QLT_LogBookU() {
-  CPendingLines::Take(m_pImpl->m_nSerial);
+  if (!m_pImpl) return;
+  Quietly([this] { CPendingLines::Take(m_pImpl->m_nSerial); });
   Flush();
   delete m_pImpl;
 }
 
 int QLT_LogBookU::ConfigName(CComBSTR strName) {
-  std::string strText = Text(strName);
-  if (!IsValidName(strText)) return 0;
-  std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
-  if (strText != m_pImpl->m_strName) {
-    m_pImpl->m_strName = strText;
-    m_pImpl->m_pLogger.reset();
-    m_pImpl->m_strPath.clear();
-  }
-  return 1;
+  if (!m_pImpl) return 0;
+  int nResult = 0;
+  Quietly([&] {
+    std::string strText = Text(strName);
+    if (!IsValidName(strText)) return;
+    std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+    if (strText != m_pImpl->m_strName) {
+      m_pImpl->m_strName = strText;
+      m_pImpl->m_pLogger.reset();
+      m_pImpl->m_strPath.clear();
+    }
+    nResult = 1;
+  });
+  return nResult;
 }
 
+// Callers contain: the item is made and joined inside one contained call.
 void QLT_LogBookU::Append(const std::string& item) {
-  qlt::logbook::JoinItem(CPendingLines::LineOf(m_pImpl->m_nSerial), item);
+  if (m_pImpl) qlt::logbook::JoinItem(CPendingLines::LineOf(m_pImpl->m_nSerial), item);
 }
 
 void QLT_LogBookU::EndLine() {
-  std::string strLine = CPendingLines::Take(m_pImpl->m_nSerial);
-  std::shared_ptr<spdlog::logger> pLogger = m_pImpl->Logger();
-  if (!pLogger) return;
-  // The string_view form writes the text as it stands (no format fields).
-  pLogger->log(spdlog::source_loc{}, spdlog::level::info, spdlog::string_view_t(strLine));
+  if (!m_pImpl) return;
+  Quietly([this] {
+    std::string strLine = CPendingLines::Take(m_pImpl->m_nSerial);
+    std::shared_ptr<spdlog::logger> pLogger = m_pImpl->Logger();
+    if (!pLogger) return;
+    // The string_view form writes the text as it stands (no format fields).
+    pLogger->log(spdlog::source_loc{}, spdlog::level::info, spdlog::string_view_t(strLine));
+  });
 }
 
 void QLT_LogBookU::Flush() {
-  std::shared_ptr<spdlog::logger> pLogger;
-  {
-    std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
-    pLogger = m_pImpl->m_pLogger;
-  }
-  if (pLogger) pLogger->flush();
+  if (!m_pImpl) return;
+  Quietly([this] {
+    std::shared_ptr<spdlog::logger> pLogger;
+    {
+      std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+      pLogger = m_pImpl->m_pLogger;
+    }
+    if (pLogger) pLogger->flush();
+  });
 }
 
 std::string QLT_LogBookU::FilePath() const {
-  std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
-  return m_pImpl->m_pLogger ? m_pImpl->m_strPath : qlt::logbook::LogFilePathFor(m_pImpl->m_strName);
+  if (!m_pImpl) return std::string();
+  std::string strPath;
+  Quietly([&] {
+    std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+    strPath = m_pImpl->m_pLogger ? m_pImpl->m_strPath : qlt::logbook::LogFilePathFor(m_pImpl->m_strName);
+  });
+  return strPath;
 }
 
 int QLT_LogBookU::SetRotation(size_t nMaxBytes, size_t nMaxFiles) {
   if (nMaxBytes == 0 || nMaxFiles == 0) return 0;
-  qlt::logbook::SetRotation(nMaxBytes, nMaxFiles);
-  return 1;
+  int nResult = 0;
+  Quietly([&] {
+    qlt::logbook::SetRotation(nMaxBytes, nMaxFiles);
+    nResult = 1;
+  });
+  return nResult;
 }
 
 QLT_LogBookU& QLT_LogBookU::operator-(const CComBSTR& text) {
-  Append(Text(text));
+  Quietly([&] { Append(Text(text)); });
   return *this;
 }
 QLT_LogBookU& QLT_LogBookU::operator-(unsigned long value) {
-  Append(std::to_string(value));
+  Quietly([&] { Append(std::to_string(value)); });
   return *this;
 }
 QLT_LogBookU& QLT_LogBookU::operator-(__int64 value) {
-  Append(std::to_string(value));
+  Quietly([&] { Append(std::to_string(value)); });
   return *this;
 }
 QLT_LogBookU& QLT_LogBookU::operator-(double value) {
-  Append(Number(value));
+  Quietly([&] { Append(Number(value)); });
   return *this;
 }
 QLT_LogBookU& QLT_LogBookU::operator-(unsigned int value) {
-  Append(std::to_string(value));
+  Quietly([&] { Append(std::to_string(value)); });
   return *this;
 }
 QLT_LogBookU& QLT_LogBookU::operator-(int value) {
-  Append(std::to_string(value));
+  Quietly([&] { Append(std::to_string(value)); });
   return *this;
 }
 QLT_LogBookU& QLT_LogBookU::operator-(QLT_LOGBOOK_MANIP manip) { return manip ? manip(*this, 0) : *this; }

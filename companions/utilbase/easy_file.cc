@@ -4,7 +4,8 @@
 #include <new>
 #include <vector>
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
+#include "platform/contain.h"
 #include "platform/platform.h"
 
 namespace {
@@ -60,7 +61,14 @@ struct QLT_EasyFile::Impl {
   // now held (0 at end of file) or -1 on an error.
   __int64 Fill() {
     if (m_vecBuffer.size() != static_cast<size_t>(m_nBlockSize)) {
-      m_vecBuffer.assign(static_cast<size_t>(m_nBlockSize), 0);
+      try {
+        m_vecBuffer.assign(static_cast<size_t>(m_nBlockSize), 0);
+      } catch (const std::bad_alloc&) {
+        m_vecBuffer.clear();
+        m_nBufLen = 0;
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return -1;
+      }
     }
     m_nBufLen = 0;
     __int64 n = ReadAt(m_nPos, m_vecBuffer.data(), static_cast<DWORD>(m_nBlockSize));
@@ -71,14 +79,19 @@ struct QLT_EasyFile::Impl {
   }
 };
 
-QLT_EasyFile::QLT_EasyFile() : m_pImpl(new Impl()) {}
+// Without memory for the state every operation fails (see the header).
+QLT_EasyFile::QLT_EasyFile() : m_pImpl(new (std::nothrow) Impl()) {}
 
 QLT_EasyFile::~QLT_EasyFile() {
-  m_pImpl->Reset();
+  if (m_pImpl) m_pImpl->Reset();
   delete m_pImpl;
 }
 
 int QLT_EasyFile::Initialize(bool /*bReserved*/) {
+  if (!m_pImpl) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
   m_pImpl->Reset();
   m_pImpl->m_nBlockSize = kDefaultBlockSize;
   m_pImpl->m_vecBuffer.clear();
@@ -86,13 +99,19 @@ int QLT_EasyFile::Initialize(bool /*bReserved*/) {
 }
 
 int QLT_EasyFile::Open(CComBSTR strPath) {
+  if (!m_pImpl) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
   m_pImpl->Reset();
   if (!strPath.m_str || strPath.Length() == 0) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
-  HANDLE h = CreateFileW(strPath.m_str, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                         FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE h = QltContain(INVALID_HANDLE_VALUE, [&] {
+    return CreateFileW(strPath.m_str, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+  });
   if (h == INVALID_HANDLE_VALUE) return 0;
   m_pImpl->m_hFile = h;
   m_pImpl->m_nFilePtr = 0;
@@ -100,6 +119,7 @@ int QLT_EasyFile::Open(CComBSTR strPath) {
 }
 
 int QLT_EasyFile::Read(unsigned char* pBuffer, int nCount, int /*nReserved*/) {
+  if (!m_pImpl) return -1;
   Impl& d = *m_pImpl;
   if (!d.IsOpen() || !pBuffer || nCount < 0) return -1;
   int nDone = 0;
@@ -131,9 +151,10 @@ int QLT_EasyFile::Read(unsigned char* pBuffer, int nCount, int /*nReserved*/) {
   return nDone;
 }
 
-__int64 QLT_EasyFile::GetPos() { return m_pImpl->IsOpen() ? m_pImpl->m_nPos : -1; }
+__int64 QLT_EasyFile::GetPos() { return m_pImpl && m_pImpl->IsOpen() ? m_pImpl->m_nPos : -1; }
 
 int QLT_EasyFile::SetPos(__int64 nPos, int nOrigin) {
+  if (!m_pImpl) return 0;
   Impl& d = *m_pImpl;
   if (!d.IsOpen()) return 0;
   __int64 nBase = 0;
@@ -151,14 +172,14 @@ int QLT_EasyFile::SetPos(__int64 nPos, int nOrigin) {
 }
 
 __int64 QLT_EasyFile::GetFileSize(bool /*bReserved*/) {
-  if (!m_pImpl->IsOpen()) return -1;
+  if (!m_pImpl || !m_pImpl->IsOpen()) return -1;
   LARGE_INTEGER size;
   if (!GetFileSizeEx(m_pImpl->m_hFile, &size)) return -1;
   return size.QuadPart;
 }
 
 int QLT_EasyFile::SetReadBlockSize(int nBytes) {
-  if (nBytes < 1 || nBytes > kMaxBlockSize) return 0;
+  if (!m_pImpl || nBytes < 1 || nBytes > kMaxBlockSize) return 0;
   Impl& d = *m_pImpl;
   if (nBytes != d.m_nBlockSize) {
     d.m_nBlockSize = nBytes;
@@ -170,6 +191,6 @@ int QLT_EasyFile::SetReadBlockSize(int nBytes) {
 }
 
 int QLT_EasyFile::Close() {
-  m_pImpl->Reset();
+  if (m_pImpl) m_pImpl->Reset();
   return 1;
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "platform/contain.h"
 #include "platform/platform.h"
 
 namespace {
@@ -32,48 +33,58 @@ Register& TheRegister() { return g_register; }
 }  // namespace
 
 extern "C" int CreateErrorCodeVector() {
-  Register& r = TheRegister();
-  std::lock_guard<std::mutex> lock(r.m_mutex);
-  ++r.m_nRefs;
-  return 1;
+  return QltContain(0, [] {
+    Register& r = TheRegister();
+    std::lock_guard<std::mutex> lock(r.m_mutex);
+    ++r.m_nRefs;
+    return 1;
+  });
 }
 
+// Each call is contained: out of memory, it fails with 0
+// (ERROR_NOT_ENOUGH_MEMORY) and the register keeps its previous state.
 extern "C" int SetErrorCodeInfo(ErrorCodeRecord* pRecord) {
   if (!pRecord) return 0;
-  StoredRecord stored;
-  stored.nErrorCode = pRecord->nErrorCode;
-  if (pRecord->bstrMessage) stored.strMessage.assign(pRecord->bstrMessage, SysStringLen(pRecord->bstrMessage));
-  uint32_t nThread = pRecord->nThreadId != 0 ? pRecord->nThreadId : GetCurrentThreadId();
-  Register& r = TheRegister();
-  std::lock_guard<std::mutex> lock(r.m_mutex);
-  r.m_mapLast[nThread] = std::move(stored);
-  return 1;
+  return QltContain(0, [pRecord] {
+    StoredRecord stored;
+    stored.nErrorCode = pRecord->nErrorCode;
+    if (pRecord->bstrMessage) stored.strMessage.assign(pRecord->bstrMessage, SysStringLen(pRecord->bstrMessage));
+    uint32_t nThread = pRecord->nThreadId != 0 ? pRecord->nThreadId : GetCurrentThreadId();
+    Register& r = TheRegister();
+    std::lock_guard<std::mutex> lock(r.m_mutex);
+    r.m_mapLast[nThread] = std::move(stored);
+    return 1;
+  });
 }
 
 extern "C" int GerLastErrorCodeInfo(ErrorCodeRecord* pRecord) {
   if (!pRecord) return 0;
-  uint32_t nThread = GetCurrentThreadId();
-  StoredRecord found;
-  {
-    Register& r = TheRegister();
-    std::lock_guard<std::mutex> lock(r.m_mutex);
-    auto it = r.m_mapLast.find(nThread);
-    if (it == r.m_mapLast.end()) return 0;
-    found = it->second;
-  }
-  BSTR bstrMessage = SysAllocStringLen(found.strMessage.data(), static_cast<UINT>(found.strMessage.size()));
-  if (!bstrMessage) return 0;
-  pRecord->nThreadId = nThread;
-  pRecord->nErrorCode = found.nErrorCode;
-  pRecord->bstrMessage = bstrMessage;
-  std::memset(pRecord->reserved, 0, sizeof(pRecord->reserved));
-  return 1;
+  return QltContain(0, [pRecord] {
+    uint32_t nThread = GetCurrentThreadId();
+    StoredRecord found;
+    {
+      Register& r = TheRegister();
+      std::lock_guard<std::mutex> lock(r.m_mutex);
+      auto it = r.m_mapLast.find(nThread);
+      if (it == r.m_mapLast.end()) return 0;
+      found = it->second;
+    }
+    BSTR bstrMessage = SysAllocStringLen(found.strMessage.data(), static_cast<UINT>(found.strMessage.size()));
+    if (!bstrMessage) return 0;
+    pRecord->nThreadId = nThread;
+    pRecord->nErrorCode = found.nErrorCode;
+    pRecord->bstrMessage = bstrMessage;
+    std::memset(pRecord->reserved, 0, sizeof(pRecord->reserved));
+    return 1;
+  });
 }
 
 extern "C" int DeleteErrorCodeVector() {
-  Register& r = TheRegister();
-  std::lock_guard<std::mutex> lock(r.m_mutex);
-  if (r.m_nRefs == 0) return 0;
-  if (--r.m_nRefs == 0) r.m_mapLast.clear();
-  return 1;
+  return QltContain(0, [] {
+    Register& r = TheRegister();
+    std::lock_guard<std::mutex> lock(r.m_mutex);
+    if (r.m_nRefs == 0) return 0;
+    if (--r.m_nRefs == 0) r.m_mapLast.clear();
+    return 1;
+  });
 }

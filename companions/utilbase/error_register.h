@@ -1,13 +1,13 @@
 // The error-code register of the utility library: the last error record of
 // each thread. Hosts and the SDK find these functions by name after loading
-// "qltUtilBase.dll" (see diagnostics/utilbase_api.h for the record and the
+// "qltUtilBase.dll" (see companions/utilbase/utilbase_api.h for the record and the
 // function pointer types); they are declared here for the library itself.
 //
 // All four may be called from any thread at any time.
 #ifndef QLTFSDK_COMPANIONS_UTILBASE_ERROR_REGISTER_H
 #define QLTFSDK_COMPANIONS_UTILBASE_ERROR_REGISTER_H
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 
 extern "C" {
 

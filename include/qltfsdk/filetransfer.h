@@ -40,13 +40,14 @@ class KxFileTransfer;
 // destroyed while one of its calls is running.
 class QLTFS_API QLT_FileTransfer {
  public:
-  // Creates the implementation. When that fails, every operation returns 0.
+  // Creates the implementation. When that fails, every operation returns 0
+  // with ERROR_NOT_ENOUGH_MEMORY.
   QLT_FileTransfer();
   virtual ~QLT_FileTransfer();
   QLT_FileTransfer(const QLT_FileTransfer&) = delete;
   QLT_FileTransfer& operator=(const QLT_FileTransfer&) = delete;
 
-  // Returns 1; nothing else to set up.
+  // Returns 1 (0 when construction failed); nothing else to set up.
   int Initialize();
 
   // Stores the callback and the pointer handed back to it; a null callback
@@ -64,10 +65,14 @@ class QLTFS_API QLT_FileTransfer {
   // an abort), at least 1 and at most 2,147,483,647; 0 on failure: a source
   // or destination that cannot be opened (nothing is created when the
   // source is missing; no report is made), a failed read or write (the
-  // destination keeps its full size; the final report is still made), or a
+  // destination keeps its full size; the final report is still made), a
+  // destination that is the source file itself under any spelling (relative
+  // path, symbolic or hard link: ERROR_INVALID_PARAMETER, nothing touched),
+  // a callback that threw (the copy stops there; ERROR_CANCELLED), or a
   // transfer already running on this object (ERROR_BUSY). Unless an open
   // failed, the callback gets one final report (nPercent 100, bFinished 1)
-  // whatever the outcome.
+  // whatever the outcome. No exception leaves this or any other operation,
+  // and the object stays usable after every failure.
   int TransferFile(CComBSTR strSource, CComBSTR strDestination);
 
   // Asks a running transfer to stop before its next block (a pacing wait is

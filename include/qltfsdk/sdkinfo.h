@@ -27,9 +27,12 @@ struct QLT_SDKINFO_ST {
 
 extern "C" {
 // Fills *pInfo (any previous BSTRs in it are not freed). Returns 1, or 0 for
-// a null pointer or when memory runs out (nothing is then left allocated).
-// Any thread.
+// a null pointer (ERROR_INVALID_PARAMETER) or when memory runs out
+// (ERROR_NOT_ENOUGH_MEMORY; nothing is then left allocated). Any thread.
 QLTFS_API int QLT_GetSdkInfo(QLT_SDKINFO_ST* pInfo);
+// 1 when the companion library of that name ("qltUtilBase.dll", ...) can be
+// loaded the way the SDK loads it, else 0. Loads and releases it. Any thread.
+QLTFS_API int QLT_FindCompanion(LPCWSTR pszName);
 // Frees the BSTRs of *pInfo and sets them to null. Null is ignored.
 QLTFS_API void QLT_FreeSdkInfo(QLT_SDKINFO_ST* pInfo);
 }

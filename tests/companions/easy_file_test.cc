@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 #include "platform/platform.h"
 #include "tests/support/temp_dir.h"
 

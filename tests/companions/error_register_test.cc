@@ -5,7 +5,7 @@
 #include <thread>
 #include <utility>
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 #include "platform/platform.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "diagnostics/logbook_api.h"
+#include "companions/logbook/logbook_api.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;

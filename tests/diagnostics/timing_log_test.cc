@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "diagnostics/logbook_api.h"
+#include "companions/logbook/logbook_api.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/write_timing_log.h"
 #include "platform/platform.h"

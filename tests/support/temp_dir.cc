@@ -12,7 +12,7 @@
 #include "platform/platform.h"
 
 TempDir::TempDir() {
-  const char* root = std::getenv("QLTFS_TEST_TMP");
+  const char* root = std::getenv("QLTFS_TEST_TMP");  // else TMPDIR, which CTest sets
   std::string base = (root && *root) ? root : std::filesystem::temp_directory_path().string();
   std::filesystem::create_directories(base);
   std::string tmpl = base + "/t-XXXXXX";

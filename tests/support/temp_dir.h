@@ -5,8 +5,8 @@
 #include <string>
 
 // A fresh, empty directory that is removed with everything in it when the
-// object is destroyed. Created under $QLTFS_TEST_TMP (set by CTest to a
-// folder of the build tree), else under the system's temporary area.
+// object is destroyed. Created under $QLTFS_TEST_TMP when set, else in the
+// temporary area ($TMPDIR, which CTest sets to a folder of the build tree).
 class TempDir {
  public:
   TempDir();

@@ -1,7 +1,11 @@
 // `qltfs copy` run as a person runs it: the built binary on real files.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -41,21 +45,53 @@ TEST_F(CopyCommandTest, CopiesByteForByteAndStatesTheRate) {
   std::string strOut = ReadWholeFile(m_dir.file("out.txt"));
   EXPECT_NE(strOut.find("copied 200929 bytes"), std::string::npos) << strOut;
   EXPECT_NE(strOut.find("bit/s (limit 2.00 Gbit/s)"), std::string::npos) << strOut;
-  EXPECT_NE(ReadWholeFile(m_dir.file("err.txt")).find("100%"), std::string::npos);
+  // Not a terminal: whole lines (here only the final one), no redrawing.
+  std::string strErr = ReadWholeFile(m_dir.file("err.txt"));
+  EXPECT_NE(strErr.find("100%"), std::string::npos) << strErr;
+  EXPECT_EQ(strErr.find('\r'), std::string::npos) << strErr;
+  EXPECT_EQ(std::count(strErr.begin(), strErr.end(), '\n'), 1) << strErr;
 }
 
-TEST_F(CopyCommandTest, BadRateOrMissingSourceFailsWithoutDestination) {
+TEST_F(CopyCommandTest, BadRateFailsWithoutDestination) {
   ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), "abc"));
   for (const char* rate : {"12X", "0", "-5M", "3G", "M"}) {
     SCOPED_TRACE(rate);
-    EXPECT_NE(RunShell(Qltfs() + m_dir.file("src.dat") + " " + m_dir.file("dst.dat") + " --rate " + rate + Redirect()),
-              0);
+    EXPECT_EQ(RunShell(Qltfs() + m_dir.file("src.dat") + " " + m_dir.file("dst.dat") + " --rate " + rate + Redirect()),
+              2);
     EXPECT_NE(ReadWholeFile(m_dir.file("err.txt")).find("bad rate"), std::string::npos);
   }
-  EXPECT_NE(RunShell(Qltfs() + m_dir.file("none.dat") + " " + m_dir.file("dst.dat") + Redirect()), 0);
-  EXPECT_NE(RunShell(Qltfs() + m_dir.file("src.dat") + " " + m_dir.file("src.dat") + Redirect()), 0);
   EXPECT_FALSE(FileExists(m_dir.file("dst.dat")));
-  EXPECT_EQ(ReadWholeFile(m_dir.file("src.dat")), "abc");
+}
+
+// Each failure is one line naming the cause in words and the path; the
+// source is never touched, whatever spelling of it is given as destination.
+TEST_F(CopyCommandTest, FailuresNameTheCauseAndThePath) {
+  namespace fs = std::filesystem;
+  const std::string data = Pattern(70000);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), data));
+  fs::create_symlink(m_dir.file("src.dat"), m_dir.file("link.dat"));
+  fs::create_hard_link(m_dir.file("src.dat"), m_dir.file("hard.dat"));
+  const std::string src = m_dir.file("src.dat");
+  const struct {
+    std::string from, to, message;
+  } cases[] = {
+      {m_dir.file("none.dat"), m_dir.file("dst.dat"),
+       "cannot open '" + m_dir.file("none.dat") + "': the file does not exist (error 2)"},
+      {src, m_dir.file("no/dst.dat"),
+       "cannot create '" + m_dir.file("no/dst.dat") + "': the path does not exist (error 3)"},
+      {src, m_dir.path() + "/./src.dat", "they are the same file"},
+      {src, m_dir.file("link.dat"), "they are the same file"},
+      {src, m_dir.file("hard.dat"), "they are the same file"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.to);
+    EXPECT_EQ(RunShell(Qltfs() + c.from + " " + c.to + Redirect()), 1);
+    std::string strErr = ReadWholeFile(m_dir.file("err.txt"));
+    EXPECT_EQ(strErr.rfind("qltfs copy: ", 0), 0u) << strErr;
+    EXPECT_NE(strErr.find(c.message), std::string::npos) << strErr;
+    EXPECT_EQ(ReadWholeFile(src), data);
+  }
+  EXPECT_FALSE(FileExists(m_dir.file("dst.dat")));
 }
 
 // Ctrl-C once the destination exists (the handler is in place by then): the
@@ -75,6 +111,39 @@ TEST_F(CopyCommandTest, InterruptAbortsTheCopyCleanly) {
   EXPECT_NE(strErr.find("copy aborted after"), std::string::npos) << strErr;
   EXPECT_EQ(std::filesystem::file_size(dst), nSize);
   EXPECT_EQ(ReadWholeFile(m_dir.file("out.txt")), "");
+}
+
+// Ctrl-C at once, before or while the copy starts: whichever point it hits
+// (before the handler is in place, before the transfer runs, during it), the
+// copy ends early, and never by copying the whole file. 4 MB at 8 Mbit/s
+// would take 4 s; waiting is bounded by the child ending.
+TEST_F(CopyCommandTest, InterruptAtAnyPointEndsTheCopy) {
+  const size_t nSize = 4000000;
+  const std::string data = Pattern(nSize);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), data));
+  const std::string src = m_dir.file("src.dat"), dst = m_dir.file("dst.dat"), err = m_dir.file("err.txt");
+  for (int nRound = 0; nRound < 5; ++nRound) {
+    SCOPED_TRACE(nRound);
+    pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      // Only async-signal-safe calls between fork and exec.
+      ::signal(SIGINT, SIG_DFL);
+      int fd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (fd >= 0) ::dup2(fd, 2);
+      ::execl(QLTFS_TOOL_PATH, "qltfs", "copy", src.c_str(), dst.c_str(), "--rate", "8M", static_cast<char*>(nullptr));
+      std::_Exit(127);
+    }
+    ::kill(pid, SIGINT);
+    int nStatus = 0;
+    ASSERT_EQ(::waitpid(pid, &nStatus, 0), pid);
+    const bool bEndedByTool = WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 130;
+    const bool bKilledBeforeHandler = WIFSIGNALED(nStatus) && WTERMSIG(nStatus) == SIGINT;
+    EXPECT_TRUE(bEndedByTool || bKilledBeforeHandler) << ReadWholeFile(err);
+    EXPECT_NE(ReadWholeFile(dst), data);
+    EXPECT_EQ(ReadWholeFile(src), data);
+    std::filesystem::remove(dst);
+  }
 }
 
 }  // namespace

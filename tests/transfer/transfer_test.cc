@@ -6,16 +6,20 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
 #include <random>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
 #include "platform/platform.h"
+#include "qltfsdk/filetransfer.h"
+#include "tests/support/alloc_fault.h"
 #include "tests/support/temp_dir.h"
 #include "transfer/kx_file_transfer.h"
 
@@ -44,14 +48,19 @@ struct Recorder {
 };
 
 // Runs fn on its own thread; true when it returned within the limit. A call
-// that hangs is left behind (detached) so that the suite still ends.
+// that hangs cannot be left behind (it still uses the fixture), so the test
+// program stops there, after reporting the failure.
 bool FinishesWithin(std::function<void()> fn, std::chrono::seconds limit) {
   auto task = std::make_shared<std::packaged_task<void()>>(std::move(fn));
   std::future<void> f = task->get_future();
   std::thread t([task] { (*task)(); });
-  const bool bDone = f.wait_for(limit) == std::future_status::ready;
-  bDone ? t.join() : t.detach();
-  return bDone;
+  if (f.wait_for(limit) != std::future_status::ready) {
+    ADD_FAILURE() << "the call did not return within " << limit.count() << " s";
+    std::fflush(stdout);
+    std::abort();
+  }
+  t.join();
+  return true;
 }
 
 // A temporary directory on tmpfs, which refuses direct I/O (an unbuffered
@@ -153,7 +162,6 @@ TEST_F(TransferTest, BadPathsFailWithoutReportsOrDamage) {
   EXPECT_EQ(Copy("missing.dat", "new.dat"), 0);
   EXPECT_FALSE(FileExists(m_dir.file("new.dat")));
   EXPECT_EQ(Copy("src.dat", "no-such-dir/dst.dat"), 0);
-  EXPECT_EQ(Copy("src.dat", "src.dat"), 0);  // would empty the source
   EXPECT_EQ(m_transfer.TransferFile(nullptr, m_dir.wpath("dst.dat").c_str()), 0);
   EXPECT_EQ(m_transfer.TransferFile(m_dir.wpath("src.dat").c_str(), L""), 0);
 
@@ -238,6 +246,108 @@ TEST_F(TransferTest, CallbackMayAbortButNotStartAnotherTransfer) {
   EXPECT_FALSE(FileExists(m_dir.file("other.dat")));
   ASSERT_EQ(m_rec.reports.size(), 3u);  // 0, 25, final
   EXPECT_EQ(m_rec.reports[2].nBytesDone, 2 * kBlock);
+}
+
+// Replacing the destination would empty the source: every spelling of the
+// same file is refused before anything is opened.
+TEST_F(TransferTest, SameFileUnderAnySpellingIsRefusedAndSourceKept) {
+  namespace fs = std::filesystem;
+  const std::string data = Pattern(2 * kBlock + 5, 11);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), data));
+  fs::create_directory(m_dir.file("sub"));
+  fs::create_symlink(m_dir.file("src.dat"), m_dir.file("symlink.dat"));
+  fs::create_hard_link(m_dir.file("src.dat"), m_dir.file("hardlink.dat"));
+  const std::string sameSpellings[] = {"src.dat", "./src.dat", "sub/../src.dat", "symlink.dat", "hardlink.dat"};
+  for (const std::string& dst : sameSpellings) {
+    SCOPED_TRACE(dst);
+    EXPECT_EQ(Copy("src.dat", dst), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    EXPECT_EQ(Copy(dst, "src.dat"), 0);
+    EXPECT_EQ(ReadWholeFile(m_dir.file("src.dat")), data);
+  }
+  EXPECT_TRUE(m_rec.reports.empty());
+  // A copy of the file is another file: it may be replaced.
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("copy.dat"), data));
+  EXPECT_GT(Copy("src.dat", "copy.dat"), 0);
+}
+
+// Host code that throws from the callback, during the copy or in the final
+// report: the transfer fails (ERROR_CANCELLED), stops copying, still makes
+// its final report, and the object runs the next transfer and answers Abort
+// at once. Through the exported facade as well as the implementation.
+TEST_F(TransferTest, ThrowingCallbackFailsTheTransferAndLeavesTheObjectUsable) {
+  const std::string data = Pattern(4 * kBlock, 12);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), data));
+  const struct {
+    const char* name;
+    bool bInFinal;
+    std::function<void()> fnThrow;
+  } cases[] = {
+      {"runtime_error at 25%", false, [] { throw std::runtime_error("host failed"); }},
+      {"bad_alloc at 25%", false, [] { throw std::bad_alloc(); }},
+      {"int in the final report", true, [] { throw 7; }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    m_rec.reports.clear();
+    m_rec.onReport = [&](const KX_TRANS_PROGRESS_INFO_ST& r) {
+      if (c.bInFinal ? r.bFinished == 1 : r.nPercent == 25) c.fnThrow();
+    };
+    EXPECT_EQ(Copy(), 0);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CANCELLED));
+    ASSERT_FALSE(m_rec.reports.empty());
+    EXPECT_EQ(m_rec.reports.back().bFinished, 1);
+    if (!c.bInFinal) {
+      EXPECT_EQ(m_rec.reports.back().nBytesDone, 2 * kBlock);  // stopped at the throw
+    }
+
+    m_rec.onReport = nullptr;
+    EXPECT_TRUE(FinishesWithin([this] { m_transfer.Abort(); }, std::chrono::seconds(20)));
+    EXPECT_GT(Copy(), 0);
+    EXPECT_EQ(ReadWholeFile(m_dir.file("dst.dat")), data);
+  }
+
+  QLT_FileTransfer facade;
+  int nCalls = 0;
+  auto* pfnThrowing = +[](KX_TRANS_PROGRESS_INFO_ST*, void* pUser) {
+    if (++*static_cast<int*>(pUser) == 1) throw std::runtime_error("host failed");
+  };
+  ASSERT_EQ(facade.SetProgressCallBack(pfnThrowing, &nCalls), 1);
+  ASSERT_EQ(facade.SetTransferBitrate(kFastRate), 1);
+  EXPECT_EQ(facade.TransferFile(m_dir.wpath("src.dat").c_str(), m_dir.wpath("dst2.dat").c_str()), 0);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_CANCELLED));
+  EXPECT_EQ(nCalls, 2);  // the throwing report and the final one
+  EXPECT_EQ(facade.Abort(), 1);
+  EXPECT_GT(facade.TransferFile(m_dir.wpath("src.dat").c_str(), m_dir.wpath("dst2.dat").c_str()), 0);
+  EXPECT_EQ(ReadWholeFile(m_dir.file("dst2.dat")), data);
+}
+
+// Memory running out at each allocation in turn, from construction through
+// the copy: every call fails with 0 and ERROR_NOT_ENOUGH_MEMORY (or
+// succeeds), nothing escapes, and a copy that succeeds is whole.
+TEST_F(TransferTest, RunningOutOfMemoryAnywhereFailsCleanly) {
+  const std::string data = Pattern(2 * kBlock + 100, 13);
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.dat"), data));
+  const CComBSTR src(m_dir.wpath("src.dat").c_str()), dst(m_dir.wpath("dst.dat").c_str());
+  int nResult = 0;
+  DWORD nError = 0;
+  EXPECT_GT(ForEachAllocationFailure(
+                [&](int) {
+                  QLT_FileTransfer transfer;
+                  transfer.SetTransferBitrate(kFastRate);
+                  nResult = transfer.TransferFile(src, dst);
+                  nError = GetLastError();
+                },
+                [&](int n, bool) {
+                  SCOPED_TRACE(n);
+                  if (nResult == 0) {
+                    EXPECT_EQ(nError, static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+                  } else {
+                    EXPECT_EQ(ReadWholeFile(m_dir.file("dst.dat")), data);
+                  }
+                  EXPECT_EQ(ReadWholeFile(m_dir.file("src.dat")), data);
+                }),
+            1);
 }
 
 }  // namespace

@@ -1,22 +1,18 @@
 // qltfs info: what the library loaded at start-up.
+#include <qltfsdk/qltfsdk.h>
+
 #include <iomanip>
 #include <iostream>
 #include <string>
 
 #include "commands.h"
-#include "platform/platform.h"
-#include "qltfsdk/qltfsdk.h"
+#include "errors.h"
+#include "text.h"
 
 namespace {
 
-std::string Text(BSTR text) { return text ? QltWideToUtf8(text) : std::string(); }
-
-// A Windows-shaped path as the native path it stands for.
-std::string Native(BSTR path) {
-  if (!path || !*path) return std::string();
-  std::string native = QltNativePath(path);
-  return native.empty() ? Text(path) : native;
-}
+std::string Text(BSTR text) { return ToUtf8(text); }
+std::string Native(BSTR path) { return DisplayPath(path); }
 
 void PrintSetting(const char* name, int value, const std::string& unit) {
   std::cout << "  " << std::left << std::setw(20) << name << value;
@@ -28,10 +24,7 @@ const char* OnOff(int value) { return value != 0 ? "on" : "off"; }
 
 void RunInfo() {
   QLT_SDKINFO_ST info{};
-  if (!QLT_GetSdkInfo(&info)) {
-    std::cerr << "qltfs info: cannot read the library's settings\n";
-    throw CLI::RuntimeError(1);
-  }
+  if (!QLT_GetSdkInfo(&info)) Fail("info", "cannot read the library's settings: " + ErrorText(GetLastError()));
   std::string ini = Native(info.bstrIniPath);
   std::cout << "Settings (" << (ini.empty() ? "no qltfsdk.ini found; built-in defaults" : "from " + ini) << ")\n";
   PrintSetting("ReadBufSize", info.nReadBufSize, "bytes");
@@ -59,9 +52,8 @@ void RunInfo() {
   std::cout << "Companion libraries:\n";
   for (const wchar_t* name :
        {L"qltUtilBase.dll", L"QltLogBookU.dll", L"QVFVirtualFileU.dll", L"QLT_WebFileReader.dll"}) {
-    HMODULE hModule = LoadLibraryW(name);
-    std::cout << "  " << std::left << std::setw(24) << QltWideToUtf8(name) << (hModule ? "found" : "not found") << '\n';
-    if (hModule) FreeLibrary(hModule);
+    std::cout << "  " << std::left << std::setw(24) << ToUtf8(name) << (QLT_FindCompanion(name) ? "found" : "not found")
+              << '\n';
   }
 }
 

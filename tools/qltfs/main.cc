@@ -18,6 +18,9 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     std::cerr << "qltfs: " << e.what() << " (see qltfs --help)\n";
     return 2;
+  } catch (const std::exception& e) {  // out of memory, no thread, ...
+    std::cerr << "qltfs: " << e.what() << '\n';
+    return 1;
   }
   return 0;
 }

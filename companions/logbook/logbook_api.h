@@ -16,8 +16,8 @@
 //
 // Any thread may write; the object must outlive every chain written on it.
 // Several objects with the same name share one file.
-#ifndef QLTFSDK_DIAGNOSTICS_LOGBOOK_API_H
-#define QLTFSDK_DIAGNOSTICS_LOGBOOK_API_H
+#ifndef QLTFSDK_COMPANIONS_LOGBOOK_LOGBOOK_API_H
+#define QLTFSDK_COMPANIONS_LOGBOOK_LOGBOOK_API_H
 
 #include <string>
 
@@ -91,4 +91,4 @@ class QLTLOGBOOK_API QLT_LogBookU {
 // Line end manipulator: ends the calling thread's current line.
 QLTLOGBOOK_API QLT_LogBookU& endl(QLT_LogBookU& log, unsigned long reserved);
 
-#endif  // QLTFSDK_DIAGNOSTICS_LOGBOOK_API_H
+#endif  // QLTFSDK_COMPANIONS_LOGBOOK_LOGBOOK_API_H

@@ -1,14 +1,18 @@
 // What the SDK uses of the utility library (qltUtilBase): the easy-file
 // reader class, linked at build time, and the error-code register, found by
 // name at run time. The writer-option calls are public (qltfsdk/writeroption.h).
-#ifndef QLTFSDK_DIAGNOSTICS_UTILBASE_API_H
-#define QLTFSDK_DIAGNOSTICS_UTILBASE_API_H
+#ifndef QLTFSDK_COMPANIONS_UTILBASE_UTILBASE_API_H
+#define QLTFSDK_COMPANIONS_UTILBASE_UTILBASE_API_H
 
 #include "qltfsdk/writeroption.h"
 
 // Buffered reader over one local file with random access by position.
 // One object serves one thread at a time. The owner creates it with new,
-// calls Initialize(false), Open, then reads, and Close before delete.
+// calls Initialize(false), Open, then reads, and Close before delete. No
+// exception leaves an operation; when memory runs out the operation fails
+// as described (a buffer that cannot be allocated fails the read with -1,
+// ERROR_NOT_ENOUGH_MEMORY), and an object built without memory for its state
+// fails every operation (Initialize returns 0).
 class QLTUTILBASE_API QLT_EasyFile {
  public:
   QLT_EasyFile();
@@ -66,4 +70,4 @@ typedef int (*PFN_DeleteErrorCodeVector)();
 
 #define QLT_UTILBASE_DLL L"qltUtilBase.dll"
 
-#endif  // QLTFSDK_DIAGNOSTICS_UTILBASE_API_H
+#endif  // QLTFSDK_COMPANIONS_UTILBASE_UTILBASE_API_H

@@ -1,0 +1,80 @@
+#include "tests/support/alloc_fault.h"
+
+#include <dlfcn.h>
+#include <execinfo.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace {
+
+// Per thread, so that other threads allocate normally. 0: not armed.
+thread_local int t_nCountdown = 0;
+thread_local bool t_bFired = false;
+
+// Allocations made by the platform library's own code are not counted: the
+// platform layer's containment is tested with that layer. The caller that
+// decides is the first frame outside the C++ library (a std::string of the
+// platform layer allocates from inside libstdc++).
+bool FromPlatformLibrary(const void* pCaller) {
+  void* frames[16];
+  const int nFrames = backtrace(frames, 16);
+  int i = 0;
+  while (i < nFrames && frames[i] != pCaller) ++i;
+  for (; i < nFrames; ++i) {
+    Dl_info info{};
+    if (!dladdr(frames[i], &info) || !info.dli_fname) return false;
+    if (std::strstr(info.dli_fname, "libqltplatform")) return true;
+    if (!std::strstr(info.dli_fname, "libstdc++")) return false;
+  }
+  return false;
+}
+
+void* Allocate(std::size_t nBytes, const void* pCaller) {
+  if (t_nCountdown > 0 && !FromPlatformLibrary(pCaller) && --t_nCountdown == 0) {
+    t_bFired = true;
+    throw std::bad_alloc();
+  }
+  void* p = std::malloc(nBytes ? nBytes : 1);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+
+void* AllocateOrNull(std::size_t nBytes, const void* pCaller) noexcept {
+  try {
+    return Allocate(nBytes, pCaller);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+}  // namespace
+
+// Every unaligned form is replaced, so that allocation and release always
+// meet in this pair (malloc and free), also under the sanitizers.
+void* operator new(std::size_t nBytes) { return Allocate(nBytes, __builtin_return_address(0)); }
+void* operator new[](std::size_t nBytes) { return Allocate(nBytes, __builtin_return_address(0)); }
+void* operator new(std::size_t nBytes, const std::nothrow_t&) noexcept {
+  return AllocateOrNull(nBytes, __builtin_return_address(0));
+}
+void* operator new[](std::size_t nBytes, const std::nothrow_t&) noexcept {
+  return AllocateOrNull(nBytes, __builtin_return_address(0));
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+
+ScopedAllocFailure::ScopedAllocFailure(int nNth) {
+  void* frames[1];
+  backtrace(frames, 1);  // its first call loads the unwinder: not while armed
+  t_bFired = false;
+  t_nCountdown = nNth;
+}
+
+ScopedAllocFailure::~ScopedAllocFailure() { t_nCountdown = 0; }
+
+bool ScopedAllocFailure::Fired() const { return t_bFired; }

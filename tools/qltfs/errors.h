@@ -1,0 +1,22 @@
+// How qltfs commands say what went wrong: one line on stderr that names the
+// failure in words, the path it concerns and the library's error number.
+#ifndef QLTFS_TOOL_ERRORS_H
+#define QLTFS_TOOL_ERRORS_H
+
+#include <qltfsdk/qltfsdk.h>
+
+#include <string>
+
+// The failure in words and its number: "the path does not exist (error 3)".
+std::string ErrorText(DWORD nError);
+
+// "cannot <strAction> '<strPath>': <ErrorText(nError)>", e.g. "cannot create
+// '/x/y': the path does not exist (error 3)".
+std::string CannotText(const std::string& strAction, const std::string& strPath, DWORD nError);
+
+// Prints "qltfs <strCommand>: <strMessage>" on stderr and ends the command
+// with nExitCode (throws CLI::RuntimeError, which main turns into the exit
+// code).
+[[noreturn]] void Fail(const std::string& strCommand, const std::string& strMessage, int nExitCode = 1);
+
+#endif  // QLTFS_TOOL_ERRORS_H

@@ -1,0 +1,45 @@
+// Ctrl-C and SIGTERM for a long qltfs command.
+#ifndef QLTFS_TOOL_INTERRUPT_H
+#define QLTFS_TOOL_INTERRUPT_H
+
+#include <condition_variable>
+#include <csignal>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+// While it lives, an interrupt (SIGINT, SIGTERM) does not end the process:
+// the handler only raises a flag, and a watcher thread then calls fnStop
+// (which asks the running operation to stop) every 50 ms until the object
+// is destroyed. Calling it again and again matters: the interrupt may come
+// before the operation has started, when a stop request has nothing to act
+// on yet; the next call catches it once it runs. fnStop must therefore be
+// harmless when nothing runs, and is called on the watcher thread only.
+//
+// One object at a time, created and destroyed on the command's thread; the
+// destructor joins the watcher and restores the previous handlers.
+class InterruptWatch {
+ public:
+  explicit InterruptWatch(std::function<void()> fnStop);
+  ~InterruptWatch();
+  InterruptWatch(const InterruptWatch&) = delete;
+  InterruptWatch& operator=(const InterruptWatch&) = delete;
+
+  // True once an interrupt has arrived (since this object was made).
+  static bool Interrupted();
+  // What the signal handler does; also how tests interrupt.
+  static void Raise();
+
+ private:
+  void Watch();
+
+  const std::function<void()> m_fnStop;
+  std::mutex m_lock;
+  std::condition_variable m_wake;
+  bool m_bEnding = false;  // m_lock: the destructor asks the watcher to end
+  void (*m_pfnOldInt)(int);
+  void (*m_pfnOldTerm)(int);
+  std::thread m_watcher;  // started last, joined by the destructor
+};
+
+#endif  // QLTFS_TOOL_INTERRUPT_H

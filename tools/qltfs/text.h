@@ -1,0 +1,24 @@
+// Text and path conversions between the command line (UTF-8, native paths)
+// and the library (wide strings, Windows-shaped paths).
+#ifndef QLTFS_TOOL_TEXT_H
+#define QLTFS_TOOL_TEXT_H
+
+#include <qltfsdk/qltfsdk.h>
+
+#include <string>
+
+// UTF-8 <-> wide text; a malformed byte becomes U+FFFD. Never throws except
+// std::bad_alloc.
+std::wstring ToWide(const std::string& strUtf8);
+std::string ToUtf8(const wchar_t* pszWide);
+
+// The library's spelling of a native path: made absolute against the
+// current directory, as wide text. The library takes '/' as a separator and
+// uses a path without a drive letter as it is.
+std::wstring LibraryPath(const std::string& strNative);
+
+// A path the library handed back, for printing: a drive path ("C:\...")
+// unchanged, any other with its backslashes turned back into slashes.
+std::string DisplayPath(BSTR bstrPath);
+
+#endif  // QLTFS_TOOL_TEXT_H
