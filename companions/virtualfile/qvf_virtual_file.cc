@@ -8,11 +8,12 @@
 #include "companions/virtualfile/storage_root.h"
 #include "platform/platform.h"
 
-struct CQVFVirtualFile::Impl {
+namespace {
+
+// The state behind one object.
+struct FileState {
   HANDLE m_hFile = nullptr;  // the open file; null when closed
 };
-
-namespace {
 
 int FailWith(DWORD error) {
   SetLastError(error);
@@ -23,100 +24,108 @@ bool MayCreate(DWORD disposition) {
   return disposition == CREATE_NEW || disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS;
 }
 
-}  // namespace
+// The library's virtual-storage file: a platform file under the root. It
+// adds no fields, so it fits in the memory a user allocates for the interface.
+class CQVFStorageFile final : public CQVFVirtualFile {
+ public:
+  explicit CQVFStorageFile(FileState* pState) { m_pState = pState; }
 
-CQVFVirtualFile::CQVFVirtualFile() : m_pImpl(new (std::nothrow) Impl) {}
-
-CQVFVirtualFile::~CQVFVirtualFile() {
-  Close();
-  delete m_pImpl;
-}
-
-void CQVFVirtualFile::Destroy(unsigned int nFlags) {
-  this->~CQVFVirtualFile();
-  if (nFlags & 1u) ::operator delete(static_cast<void*>(this));
-}
-
-HANDLE CQVFVirtualFile::GetHandle() { return this; }
-
-int CQVFVirtualFile::Open(LPCWSTR path, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition) {
-  if (!m_pImpl) return FailWith(ERROR_NOT_ENOUGH_MEMORY);
-  Close();
-  try {
-    std::wstring file;
-    if (!qvf::MapPath(path, qvf::CurrentRoot(), &file)) return 0;
-    if (MayCreate(dwCreationDisposition)) qvf::MakeParentFolders(file);
-    HANDLE h = CreateFileW(file.c_str(), dwDesiredAccess, dwShareMode, nullptr, dwCreationDisposition,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (h == INVALID_HANDLE_VALUE) return 0;
-    m_pImpl->m_hFile = h;
-    return 1;
-  } catch (const std::bad_alloc&) {
-    return FailWith(ERROR_NOT_ENOUGH_MEMORY);
+  void Destroy(unsigned int nFlags) override {
+    this->~CQVFStorageFile();
+    if (nFlags & 1u) ::operator delete(static_cast<void*>(this));
   }
-}
 
-int CQVFVirtualFile::Close() {
-  if (!m_pImpl || !m_pImpl->m_hFile) return FailWith(ERROR_INVALID_HANDLE);
-  HANDLE h = m_pImpl->m_hFile;
-  m_pImpl->m_hFile = nullptr;
-  CloseHandle(h);
-  return 1;
-}
+  HANDLE GetHandle() override { return this; }
 
-int CQVFVirtualFile::Write(const void* pBuffer, DWORD nCount) {
-  if (!m_pImpl || !m_pImpl->m_hFile) return FailWith(ERROR_INVALID_HANDLE);
-  if (!pBuffer || nCount > static_cast<DWORD>(INT_MAX)) return FailWith(ERROR_INVALID_PARAMETER);
-  DWORD nWritten = 0;
-  if (!WriteFile(m_pImpl->m_hFile, pBuffer, nCount, &nWritten, nullptr)) return 0;
-  return static_cast<int>(nWritten);
-}
+  int Open(LPCWSTR path, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition) override {
+    if (State().m_hFile) Close();
+    try {
+      std::wstring file;
+      if (!qvf::MapPath(path, qvf::CurrentRoot(), &file)) return 0;
+      if (MayCreate(dwCreationDisposition)) qvf::MakeParentFolders(file);
+      HANDLE h = CreateFileW(file.c_str(), dwDesiredAccess, dwShareMode, nullptr, dwCreationDisposition,
+                             FILE_ATTRIBUTE_NORMAL, nullptr);
+      if (h == INVALID_HANDLE_VALUE) return 0;
+      State().m_hFile = h;
+      return 1;
+    } catch (const std::bad_alloc&) {
+      return FailWith(ERROR_NOT_ENOUGH_MEMORY);
+    }
+  }
 
-int CQVFVirtualFile::Read(void* pBuffer, DWORD nCount) {
-  if (!m_pImpl || !m_pImpl->m_hFile) return FailWith(ERROR_INVALID_HANDLE);
-  if (!pBuffer || nCount > static_cast<DWORD>(INT_MAX)) return FailWith(ERROR_INVALID_PARAMETER);
-  DWORD nRead = 0;
-  if (!ReadFile(m_pImpl->m_hFile, pBuffer, nCount, &nRead, nullptr)) return 0;
-  return static_cast<int>(nRead);
-}
+  int Close() override {
+    HANDLE h = State().m_hFile;
+    if (!h) return FailWith(ERROR_INVALID_HANDLE);
+    State().m_hFile = nullptr;
+    CloseHandle(h);
+    return 1;
+  }
 
-__int64 CQVFVirtualFile::Seek(__int64* pDistance, int nOrigin, int bForward) {
-  if (!m_pImpl || !m_pImpl->m_hFile) return FailWith(ERROR_INVALID_HANDLE) - 1;
-  if (!pDistance || nOrigin < FILE_BEGIN || nOrigin > FILE_END) return FailWith(ERROR_INVALID_PARAMETER) - 1;
-  LARGE_INTEGER distance;
-  distance.QuadPart = *pDistance;
-  LARGE_INTEGER newPos;
-  newPos.QuadPart = 0;
-  if (!SetFilePointerEx(m_pImpl->m_hFile, distance, &newPos, static_cast<DWORD>(nOrigin))) return -1;
-  return newPos.QuadPart;
-}
+  int Write(const void* pBuffer, DWORD nCount) override {
+    if (!State().m_hFile) return FailWith(ERROR_INVALID_HANDLE);
+    if (!pBuffer || nCount > static_cast<DWORD>(INT_MAX)) return FailWith(ERROR_INVALID_PARAMETER);
+    DWORD nWritten = 0;
+    if (!WriteFile(State().m_hFile, pBuffer, nCount, &nWritten, nullptr)) return 0;
+    return static_cast<int>(nWritten);
+  }
 
-__int64 CQVFVirtualFile::GetSize() {
-  if (!m_pImpl || !m_pImpl->m_hFile) return FailWith(ERROR_INVALID_HANDLE) - 1;
-  LARGE_INTEGER size;
-  size.QuadPart = 0;
-  if (!GetFileSizeEx(m_pImpl->m_hFile, &size)) return -1;
-  return size.QuadPart;
-}
+  int Read(void* pBuffer, DWORD nCount) override {
+    if (!State().m_hFile) return FailWith(ERROR_INVALID_HANDLE);
+    if (!pBuffer || nCount > static_cast<DWORD>(INT_MAX)) return FailWith(ERROR_INVALID_PARAMETER);
+    DWORD nRead = 0;
+    if (!ReadFile(State().m_hFile, pBuffer, nCount, &nRead, nullptr)) return 0;
+    return static_cast<int>(nRead);
+  }
 
-__int64 CQVFVirtualFile::GetPosition() {
-  if (!m_pImpl || !m_pImpl->m_hFile) return FailWith(ERROR_INVALID_HANDLE) - 1;
-  LARGE_INTEGER zero;
-  zero.QuadPart = 0;
-  LARGE_INTEGER pos;
-  pos.QuadPart = 0;
-  if (!SetFilePointerEx(m_pImpl->m_hFile, zero, &pos, FILE_CURRENT)) return -1;
-  return pos.QuadPart;
-}
+  __int64 Seek(__int64* pDistance, int nOrigin, int bForward) override {
+    if (!State().m_hFile) return FailWith(ERROR_INVALID_HANDLE) - 1;
+    if (!pDistance || nOrigin < FILE_BEGIN || nOrigin > FILE_END) return FailWith(ERROR_INVALID_PARAMETER) - 1;
+    LARGE_INTEGER distance;
+    distance.QuadPart = *pDistance;
+    LARGE_INTEGER newPos;
+    newPos.QuadPart = 0;
+    if (!SetFilePointerEx(State().m_hFile, distance, &newPos, static_cast<DWORD>(nOrigin))) return -1;
+    return newPos.QuadPart;
+  }
+
+  __int64 GetSize() override {
+    if (!State().m_hFile) return FailWith(ERROR_INVALID_HANDLE) - 1;
+    LARGE_INTEGER size;
+    size.QuadPart = 0;
+    if (!GetFileSizeEx(State().m_hFile, &size)) return -1;
+    return size.QuadPart;
+  }
+
+  __int64 GetPosition() override {
+    if (!State().m_hFile) return FailWith(ERROR_INVALID_HANDLE) - 1;
+    LARGE_INTEGER zero;
+    zero.QuadPart = 0;
+    LARGE_INTEGER pos;
+    pos.QuadPart = 0;
+    if (!SetFilePointerEx(State().m_hFile, zero, &pos, FILE_CURRENT)) return -1;
+    return pos.QuadPart;
+  }
+
+ private:
+  ~CQVFStorageFile() {
+    if (State().m_hFile) Close();
+    delete &State();
+  }
+  FileState& State() { return *static_cast<FileState*>(m_pState); }
+};
+
+static_assert(sizeof(CQVFStorageFile) == sizeof(CQVFVirtualFile), "users allocate sizeof(CQVFVirtualFile)");
+
+}  // namespace
 
 extern "C" CQVFVirtualFile* QltConstructVirtualFile(void* pMemory) {
   if (!pMemory) return nullptr;
-  CQVFVirtualFile* pFile = new (pMemory) CQVFVirtualFile;
-  if (!pFile->IsReady()) {
-    pFile->Destroy(0);
+  FileState* pState = new (std::nothrow) FileState;
+  if (!pState) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return nullptr;
   }
-  return pFile;
+  return new (pMemory) CQVFStorageFile(pState);
 }
 
 extern "C" int IsFileExistExW(const wchar_t* path) {

@@ -10,11 +10,13 @@
 //
 // Users find this library by name at run time. They allocate the object
 // themselves (sizeof(CQVFVirtualFile) bytes from the global operator new),
-// run the constructor through the exported "QltConstructVirtualFile" and
+// have it constructed through the exported "QltConstructVirtualFile" and
 // then call the object only through its virtual operations, whose order in
 // the virtual table is fixed: Destroy, GetHandle, Open, Close, Write, Read,
 // Seek, GetSize, GetPosition. New operations may only be added after them.
-// The object's size is fixed too: all state lives behind one pointer.
+// The object's size is fixed too: all state lives behind one pointer. The
+// class has no out-of-line members, so users need nothing of the library
+// but the two functions they look up.
 //
 // Threading: one object serves one thread at a time. IsFileExistExW and the
 // root functions may be called from any thread.
@@ -31,9 +33,11 @@
 
 #define QLT_VIRTUALFILE_DLL L"QVFVirtualFileU.dll"
 
-class QLTQVF_API CQVFVirtualFile {
+// The interface of a virtual-storage file. The library's own class derives
+// from it without adding fields, so sizeof(CQVFVirtualFile) is the size of
+// every object; QltConstructVirtualFile builds one in the caller's memory.
+class CQVFVirtualFile {
  public:
-  CQVFVirtualFile();
   CQVFVirtualFile(const CQVFVirtualFile&) = delete;
   CQVFVirtualFile& operator=(const CQVFVirtualFile&) = delete;
 
@@ -41,47 +45,42 @@ class QLTQVF_API CQVFVirtualFile {
   // the memory is also given back with the global operator delete, so it
   // must have come from the global operator new; with 0 only the object
   // ends (the owner frees the memory).
-  virtual void Destroy(unsigned int nFlags);
+  virtual void Destroy(unsigned int nFlags) = 0;
   // The handle that stands for the open file: the object's own address.
-  virtual HANDLE GetHandle();
+  virtual HANDLE GetHandle() = 0;
   // Opens the storage file that path names, with the platform's meanings of
   // desired access, share mode and creation disposition. A disposition that
   // may create the file (CREATE_NEW, CREATE_ALWAYS, OPEN_ALWAYS) also makes
   // the missing folders under the root. An open file is closed first.
   // Returns 1 when open, 0 on failure (last error set: ERROR_INVALID_NAME
   // for a path without the prefix or leaving the root).
-  virtual int Open(LPCWSTR path, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition);
+  virtual int Open(LPCWSTR path, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition) = 0;
   // Closes the open file. Returns 1, or 0 when none was open.
-  virtual int Close();
+  virtual int Close() = 0;
   // Writes nCount bytes at the position and advances. Returns the bytes
   // written, 0 on failure (not open, null buffer, write error).
-  virtual int Write(const void* pBuffer, DWORD nCount);
+  virtual int Write(const void* pBuffer, DWORD nCount) = 0;
   // Reads up to nCount bytes at the position and advances. Returns the
   // bytes read (fewer only at the end of the file), 0 on failure.
-  virtual int Read(void* pBuffer, DWORD nCount);
+  virtual int Read(void* pBuffer, DWORD nCount) = 0;
   // Moves the position by *pDistance (signed, not changed) from the start
   // (nOrigin 0), the current position (1) or the end (2). bForward is the
   // caller's direction flag (1 when it moves forward from the start or the
   // current position); the signed distance alone decides the move. Returns
   // the new position, or -1 (position unchanged) when not open, for a bad
   // origin or a null distance, or when the result would be negative.
-  virtual __int64 Seek(__int64* pDistance, int nOrigin, int bForward);
+  virtual __int64 Seek(__int64* pDistance, int nOrigin, int bForward) = 0;
   // Size of the open file in bytes, or -1 when not open.
-  virtual __int64 GetSize();
+  virtual __int64 GetSize() = 0;
   // Current position, or -1 when not open.
-  virtual __int64 GetPosition();
-
-  // False when the object's state could not be allocated (every operation
-  // then fails). Not part of the virtual table.
-  bool IsReady() const { return m_pImpl != nullptr; }
+  virtual __int64 GetPosition() = 0;
 
  protected:
-  // Ends the object without freeing its memory; use Destroy.
-  ~CQVFVirtualFile();
+  CQVFVirtualFile() = default;
+  // Objects end only through Destroy.
+  ~CQVFVirtualFile() = default;
 
- private:
-  struct Impl;
-  Impl* m_pImpl;  // owned; null only when its allocation failed
+  void* m_pState = nullptr;  // the library's state of this object; owned by it
 };
 
 extern "C" {
