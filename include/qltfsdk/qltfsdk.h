@@ -5,6 +5,7 @@
 #define QLTFSDK_QLTFSDK_H
 
 #include "qltfsdk/datafifopool.h"
+#include "qltfsdk/datapoolaccess.h"
 #include "qltfsdk/export.h"
 #include "qltfsdk/filetransfer.h"
 #include "qltfsdk/sdkinfo.h"
