@@ -16,7 +16,13 @@ int main() {
   CComBSTR name(L"C:\\data\\a.dat");
   QLT_WriterOption::SetWriteBlockSize(name, 65536);
   QLT_FileTransfer transfer;
-  std::printf("pool read %d bytes, block size %d, transfer %d\n", n, QLT_WriterOption::GetWriteBlockSize(name),
-              transfer.Initialize());
-  return n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 ? 0 : 1;
+  QLCT_DataPoolAccess access;
+  QLCT_WRITEFILE_PROPS_ST props = {SysAllocString(L"C:\\data\\a.dat"), 1, 0, 'E'};
+  access.Operation(CComBSTR(L"set_WriteFileProps"), &props);
+  props.dwValue1 = 0;
+  int found = access.Operation(CComBSTR(L"get_WriteFileProps"), &props);
+  SysFreeString(props.bstrFileName);
+  std::printf("pool read %d bytes, block size %d, transfer %d, props %d\n", n,
+              QLT_WriterOption::GetWriteBlockSize(name), transfer.Initialize(), found);
+  return n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 && props.dwValue1 == 1 ? 0 : 1;
 }
