@@ -6,6 +6,8 @@
 #include "diagnostics/error_log.h"
 #include "diagnostics/logbook_api.h"
 #include "diagnostics/sdk_settings.h"
+#include "diagnostics/virtual_storage.h"
+#include "diagnostics/web_plugin.h"
 #include "diagnostics/write_timing_log.h"
 #include "platform/platform.h"
 #include "qltfsdk/writeroption.h"
@@ -58,6 +60,14 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
 }
 
 KxFileEx::~KxFileEx() {
+  if (m_pVirtualFile) {
+    QltDeleteVirtualFile(m_pVirtualFile);
+    m_pVirtualFile = nullptr;
+  }
+  if (m_pWebWriter) {
+    m_pWebWriter->Destroy(1);
+    m_pWebWriter = nullptr;
+  }
   if (m_hCacheIdle) {
     ::CloseHandle(m_hCacheIdle);
     m_hCacheIdle = nullptr;
@@ -86,10 +96,57 @@ BOOL KxFileEx::Initialize(const QLCT_FIlEACCESSINFO_ST* pInfo) {
 // ---- Open and attach --------------------------------------------------------
 
 HANDLE KxFileEx::CreateKXFile(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                              LPSECURITY_ATTRIBUTES /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
+                              LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
                               DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
+  const wchar_t* path = strFileName.m_str ? strFileName.m_str : L"";
+  std::wstring scheme = QltUrlScheme(path);
+  if (scheme == L"FTP" || scheme == L"OSS") m_bWebFile = 1;
+  if (m_bWebFile) return OpenWeb(strFileName, lpSecurityAttributes);
+  if (QltIsVirtualStoragePath(path)) m_bVirtual = 1;
+  if (m_bVirtual) return OpenVirtual(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition);
   return OpenLocal(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition, dwFlagsAndAttributes,
                    hTemplateFile);
+}
+
+HANDLE KxFileEx::OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions) {
+  if (m_pWebWriter) {
+    // The writer of an earlier web file of this object ends here.
+    m_pWebWriter->Destroy(1);
+    m_pWebWriter = nullptr;
+  }
+  m_pWebWriter = QltCreateWebFileWriter();
+  if (!m_pWebWriter) return nullptr;
+  if (lpOptions && lpOptions->lpSecurityDescriptor) {
+    // The security-attributes argument carries option words for web files:
+    // nLength bytes of narrow text at lpSecurityDescriptor.
+    const char* text = static_cast<const char*>(lpOptions->lpSecurityDescriptor);
+    const size_t length = lpOptions->nLength;
+    size_t at = 0;
+    if (length - at >= 13 && std::memcmp(text + at, "PublicWebFile", 13) == 0) {
+      m_pWebWriter->SetOrOpen(CComBSTR(L"PublicWebFile"));
+      at += 14;  // the word and one separator
+    }
+    if (at <= length && length - at >= 7 && std::memcmp(text + at, "PutMode", 7) == 0)
+      m_pWebWriter->SetOrOpen(CComBSTR(L"PutMode"));
+  }
+  if (m_pWebWriter->SetOrOpen(strFileName) > 0) return reinterpret_cast<HANDLE>(m_pWebWriter);
+  m_pWebWriter->Destroy(1);
+  m_pWebWriter = nullptr;
+  return nullptr;
+}
+
+HANDLE KxFileEx::OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                             DWORD dwCreationDisposition) {
+  if (m_pVirtualFile) {
+    QltDeleteVirtualFile(m_pVirtualFile);
+    m_pVirtualFile = nullptr;
+  }
+  m_pVirtualFile = QltNewVirtualFile();
+  if (!m_pVirtualFile) return nullptr;
+  if (m_pVirtualFile->Open(strFileName.m_str ? strFileName.m_str : L"", dwDesiredAccess, dwShareMode,
+                           dwCreationDisposition) == 0)
+    return nullptr;
+  return m_pVirtualFile->GetHandle();
 }
 
 HANDLE KxFileEx::OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
@@ -232,6 +289,17 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     LogEntry(kWriteTitle, WriteDetail(nLength, 0));
     return 0;
   }
+  if (m_bWebFile) {
+    if (!m_pWebWriter) return 0;
+    int n = m_pWebWriter->Write(pBuffer, nLength);
+    if (n <= 0) return 0;
+    if (pWritten) *pWritten = static_cast<DWORD>(n);
+    return 1;
+  }
+  if (m_bVirtual) {
+    if (m_pVirtualFile) m_pVirtualFile->Write(pBuffer, nLength);
+    return 1;
+  }
   const BYTE* pData = static_cast<const BYTE*>(pBuffer);
   bool ok = true;
   if (UsesCache()) {
@@ -373,6 +441,30 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
                                 DWORD dwMoveMethod) {
   const int64_t distance = liDistance.QuadPart;
   LARGE_INTEGER newPos{};
+  if (m_bWebFile) {
+    if (!m_pWebWriter) return 0;
+    __int64 pos = m_pWebWriter->Seek(distance, static_cast<int>(dwMoveMethod));
+    if (pos < 0) return 0;
+    if (pNewPos) pNewPos->QuadPart = pos;
+    return 1;
+  }
+  if (m_bVirtual) {
+    if (!m_pVirtualFile) return 0;
+    int origin = 0, forward = 0;
+    switch (dwMoveMethod) {
+      case FILE_BEGIN: forward = 1; break;
+      case FILE_CURRENT:
+        origin = 1;
+        forward = distance > 0 ? 1 : 0;
+        break;
+      case FILE_END: origin = 2; break;
+      default: break;
+    }
+    __int64 d = distance;
+    __int64 pos = m_pVirtualFile->Seek(&d, origin, forward);
+    if (pNewPos) pNewPos->QuadPart = pos;
+    return 1;
+  }
   try {
     if (m_nStaged > 0) {
       if (!WriteOutStaged()) return 0;
@@ -419,6 +511,16 @@ DWORD KxFileEx::SetFilePointer(HANDLE hFile, LONG lDistance, LONG* pDistanceHigh
 }
 
 BOOL KxFileEx::GetFileSizeEx(HANDLE /*hFile*/, PLARGE_INTEGER pSize) {
+  if (m_bWebFile) {
+    __int64 size = m_pWebWriter ? m_pWebWriter->GetSize() : -1;
+    if (size < 0) return 0;
+    if (pSize) pSize->QuadPart = size;
+    return 1;
+  }
+  if (m_bVirtual) {
+    if (pSize) pSize->QuadPart = m_pVirtualFile ? m_pVirtualFile->GetSize() : 0;
+    return 1;
+  }
   if (m_info.nOpMode == 2 || UsesCache()) {
     if (pSize) pSize->QuadPart = static_cast<LONGLONG>(m_nLogicalSize);
     return 1;
@@ -427,6 +529,12 @@ BOOL KxFileEx::GetFileSizeEx(HANDLE /*hFile*/, PLARGE_INTEGER pSize) {
 }
 
 DWORD KxFileEx::GetFileSize(HANDLE /*hFile*/, LPDWORD pHigh) {
+  if (m_bWebFile || m_bVirtual) {
+    LARGE_INTEGER size{};
+    if (!GetFileSizeEx(nullptr, &size)) return INVALID_FILE_SIZE;
+    if (pHigh) *pHigh = static_cast<DWORD>(size.u.HighPart);
+    return size.u.LowPart;
+  }
   if (m_info.nOpMode == 2 || UsesCache()) {
     if (pHigh) *pHigh = static_cast<DWORD>(m_nLogicalSize >> 32);
     return static_cast<DWORD>(m_nLogicalSize);
@@ -435,6 +543,17 @@ DWORD KxFileEx::GetFileSize(HANDLE /*hFile*/, LPDWORD pHigh) {
 }
 
 BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) {
+  if (m_bWebFile) {
+    int n = m_pWebWriter ? m_pWebWriter->Read(pBuffer, nToRead) : 0;
+    if (n <= 0) return 0;
+    if (pRead) *pRead = static_cast<DWORD>(n);
+    return 1;
+  }
+  if (m_bVirtual) {
+    int n = m_pVirtualFile ? m_pVirtualFile->Read(pBuffer, nToRead) : 0;
+    if (pRead) *pRead = static_cast<DWORD>(n);
+    return 1;
+  }
   if (UsesCache()) return 0;
   DWORD nRead = 0;
   try {
@@ -454,6 +573,11 @@ BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD
 // ---- Close, user data and status -------------------------------------------
 
 BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
+  if (m_bWebFile) return (m_pWebWriter && m_pWebWriter->Close() == 1) ? 1 : 0;
+  if (m_bVirtual) {
+    if (m_pVirtualFile) m_pVirtualFile->Close();
+    return 1;
+  }
   bool ok = true;
   m_nLogicalPos = 0;
   m_nLogicalSize = 0;

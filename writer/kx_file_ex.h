@@ -21,6 +21,8 @@
 #include <cstdint>
 #include <string>
 
+#include "companions/virtualfile/qvf_virtual_file.h"
+#include "companions/webfile/web_file_api.h"
 #include "diagnostics/error_code_register.h"
 #include "diagnostics/log_file_writer2.h"
 #include "qltfsdk/fileex.h"
@@ -72,6 +74,9 @@ class KxFileEx {
 
  private:
   // Open helpers.
+  HANDLE OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions);
+  HANDLE OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                     DWORD dwCreationDisposition);
   HANDLE OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition,
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
   // Allocates hFile at its registered preset size (managed mode). False
@@ -109,13 +114,13 @@ class KxFileEx {
   QLCT_FIlEACCESSINFO_ST m_info{};  // own copy; the BSTR is owned
 
   // The open file.
-  HANDLE m_hFile;           // local file; INVALID_HANDLE_VALUE when none
-  std::wstring m_strPath;   // path of the local file, named by error-log entries
-  CComBSTR m_bstrFileName;  // name given to CreateKXFile/Attach
-  BOOL m_bVirtual = 0;      // the file lives in the virtual storage
-  void* m_pVirtualFile = nullptr;
-  BOOL m_bWebFile = 0;  // the file is a web file
-  void* m_pWebWriter = nullptr;
+  HANDLE m_hFile;                             // local file; INVALID_HANDLE_VALUE when none
+  std::wstring m_strPath;                     // path of the local file, named by error-log entries
+  CComBSTR m_bstrFileName;                    // name given to CreateKXFile/Attach
+  BOOL m_bVirtual = 0;                        // the file lives in the virtual storage (never cleared)
+  CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; ended with QltDeleteVirtualFile
+  BOOL m_bWebFile = 0;                        // the file is a web file (never cleared)
+  CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1)
 
   // Staging.
   BYTE* m_pStaging = nullptr;  // m_nStagingCapacity bytes, owned
