@@ -41,6 +41,7 @@ const char* const kRetrySeekTitle = "\n    seek file pos when writeretry:   ";
 KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
   InitializeCriticalSection(&m_cs);
   InitializeCriticalSection(&m_csUserData);
+  InitializeCriticalSection(&m_csStatus);
   m_info.nCacheMode = 0;
   m_info.nOpMode = 1;
   m_info.nReserved = 0;
@@ -60,6 +61,15 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
 }
 
 KxFileEx::~KxFileEx() {
+  LeaveRegistry();
+  if (m_pPool) {
+    // Normally close has drained the cache already; a writer ended with its
+    // file open still writes what was queued before the pool goes.
+    m_pPool->WriteBuffer(nullptr, 0);
+    CacheStop();
+    delete m_pPool;
+    m_pPool = nullptr;
+  }
   if (m_pVirtualFile) {
     QltDeleteVirtualFile(m_pVirtualFile);
     m_pVirtualFile = nullptr;
@@ -76,6 +86,7 @@ KxFileEx::~KxFileEx() {
   m_pStaging = nullptr;
   ReleaseWriteTimingLog();
   SysFreeString(m_info.bstrDiskPoolPath);
+  DeleteCriticalSection(&m_csStatus);
   DeleteCriticalSection(&m_csUserData);
   DeleteCriticalSection(&m_cs);
 }
@@ -195,6 +206,7 @@ HANDLE KxFileEx::OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, D
     return nullptr;
   }
   ResetCounters();
+  EnterRegistry();
   return m_hFile;
 }
 
@@ -264,13 +276,8 @@ BOOL KxFileEx::Attach(HANDLE hFile, const CComBSTR& strFileName) {
   LARGE_INTEGER size{};
   BOOL ok = ::GetFileSizeEx(hFile, &size);
   if (ok) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
+  EnterRegistry();
   return ok;
-}
-
-int KxFileEx::SetUpCache() {
-  // The write cache is not offered yet: a file that asks for one is written
-  // through the staging engine like a file without cache.
-  return 1;
 }
 
 // ---- Writing ------------------------------------------------------------------
@@ -303,7 +310,8 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
   const BYTE* pData = static_cast<const BYTE*>(pBuffer);
   bool ok = true;
   if (UsesCache()) {
-    ok = false;
+    ok = QueueWrite(pData, nLength, dwUserData);
+    if (pWritten) *pWritten = nLength;
   } else {
     int64_t room = static_cast<int64_t>(m_nBlockSize) - m_nStaged;
     if (room > static_cast<int64_t>(nLength)) {
@@ -337,6 +345,12 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
   m_nLogicalPos += nLength;
   if (m_nLogicalPos > m_nLogicalSize) m_nLogicalSize = m_nLogicalPos;
   m_nBytesAccepted += nLength;
+  {
+    // The registry reads a live writer's length and pending bytes from here.
+    CAutoLock lock(&m_csStatus);
+    m_status.nFileLength = m_nLogicalSize;
+    m_status.nPendingBytes = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
+  }
   if (!ok) m_errorCodes.Report(kErrorCode, L"");
   return ok ? 1 : 0;
 }
@@ -354,9 +368,8 @@ DWORD KxFileEx::BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength) {
   if (nRetries > 0) {
     RetryWrite(pBuffer, static_cast<DWORD>(nLength), &nWritten);
   } else {
-    BOOL bOk =
-        TimedWriteFile(hFile, pBuffer, static_cast<DWORD>(nLength), &nWritten, nullptr,
-                       static_cast<__int64>(m_nLogicalPos), 1, static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
+    BOOL bOk = TimedWriteFile(hFile, pBuffer, static_cast<DWORD>(nLength), &nWritten, nullptr, LoggedOffset(), 1,
+                              static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
     if (!bOk) {
       LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
     } else {
@@ -373,7 +386,7 @@ DWORD KxFileEx::BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength) {
 
 DWORD KxFileEx::WriteOnce(const BYTE* pBuffer, DWORD nLength) {
   DWORD nWritten = 0;
-  BOOL bOk = TimedWriteFile(m_hFile, pBuffer, nLength, &nWritten, nullptr, static_cast<__int64>(m_nLogicalPos), 1,
+  BOOL bOk = TimedWriteFile(m_hFile, pBuffer, nLength, &nWritten, nullptr, LoggedOffset(), 1,
                             static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
   if (!bOk) {
     LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
@@ -464,6 +477,19 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
     __int64 pos = m_pVirtualFile->Seek(&d, origin, forward);
     if (pNewPos) pNewPos->QuadPart = pos;
     return 1;
+  }
+  if (UsesCache()) {
+    // The cache thread makes the platform seek, in order with the writes.
+    if (m_info.nOpMode == 1) return 0;
+    bool bQueued = QueueSeek(liDistance, dwMoveMethod);
+    switch (dwMoveMethod) {
+      case FILE_BEGIN: m_nLogicalPos = static_cast<uint64_t>(distance); break;
+      case FILE_CURRENT: m_nLogicalPos += static_cast<uint64_t>(distance); break;
+      case FILE_END: m_nLogicalPos = m_nLogicalSize + static_cast<uint64_t>(distance); break;
+      default: break;
+    }
+    if (pNewPos) pNewPos->QuadPart = static_cast<LONGLONG>(m_nLogicalPos);
+    return bQueued ? 1 : 0;
   }
   try {
     if (m_nStaged > 0) {
@@ -578,6 +604,13 @@ BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
     if (m_pVirtualFile) m_pVirtualFile->Close();
     return 1;
   }
+  LeaveRegistry();
+  if (m_pPool) {
+    // Close waits, without a time limit, until every queued record is in
+    // the file and the cache thread has ended.
+    m_pPool->WriteBuffer(nullptr, 0);
+    CacheStop();
+  }
   bool ok = true;
   m_nLogicalPos = 0;
   m_nLogicalSize = 0;
@@ -627,7 +660,7 @@ BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
 }
 
 void KxFileEx::RefreshStatus() {
-  CAutoLock lock(&m_cs);
+  CAutoLock lock(&m_csStatus);
   uint64_t pending = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
   if (!UsesCache()) {
     LARGE_INTEGER size{};
@@ -643,6 +676,6 @@ void KxFileEx::RefreshStatus() {
 }
 
 KxWriterStatus KxFileEx::GetStatus() {
-  CAutoLock lock(&m_cs);
+  CAutoLock lock(&m_csStatus);
   return m_status;
 }

@@ -25,10 +25,12 @@
 #include "companions/webfile/web_file_api.h"
 #include "diagnostics/error_code_register.h"
 #include "diagnostics/log_file_writer2.h"
+#include "pool/registry.h"
+#include "qltfsdk/datafifopool.h"
 #include "qltfsdk/fileex.h"
 
 // The writer's status, as the registry of files being written reads it
-// (under m_cs).
+// (under m_csStatus).
 struct KxWriterStatus {
   CComBSTR bstrFileName;       // the open file's name
   int32_t bFound = 0;          // set by the registry's lookup, not here
@@ -65,7 +67,7 @@ class KxFileEx {
   BOOL CloseHandle(HANDLE hFile);
   BOOL GetUserDataList(CArray<DWORD, DWORD>& list, int nMode);
 
-  // A copy of the status record (taken under m_cs). Any thread.
+  // A copy of the status record (taken under m_csStatus). Any thread.
   KxWriterStatus GetStatus();
 
   // For tests and tools: the current write block size and staged bytes.
@@ -88,8 +90,29 @@ class KxFileEx {
   void ResetCounters();
   // Sets up the write cache for the open file; above 0 on success.
   int SetUpCache();
-  // True when the open file is written through a write cache.
-  bool UsesCache() const { return false; }
+  // True when the open file is written through a write cache (asked for by
+  // the access information or the registry); without a pool such a file
+  // refuses writes and seeks.
+  bool UsesCache() const { return m_info.nCacheMode != 0; }
+
+  // The write cache (write_cache.cc). Queue hands one record to the pool:
+  // 0 without a pool, 1 for a length below 1 (nothing queued), else the
+  // pool's result. QueueWrite queues a write as header and data records
+  // (split into several when longer than one record can be); QueueSeek a
+  // seek as header and seek record. Host thread.
+  BOOL Queue(const void* pBuffer, int nLength);
+  bool QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData);
+  bool QueueSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod);
+  // Waits until no cache thread runs (joining it), then stops the pool.
+  void CacheStop();
+  // Stops the pool at once (queued records are dropped), then joins the
+  // thread: for a cache that must end without being drained.
+  void CacheAbort();
+  static DWORD WINAPI CacheThreadMain(LPVOID pWriter);
+  DWORD RunCacheThread();
+  // The offset a block write reports to the timing log: the host's logical
+  // position, or, while a cache thread does the writes, its own position.
+  __int64 LoggedOffset() const { return static_cast<__int64>(m_pPool ? m_nPhysPos : m_nLogicalPos); }
 
   // The block write: writes nLength bytes at the file pointer and returns
   // the bytes written (0 on failure).
@@ -142,12 +165,20 @@ class KxFileEx {
   CLogFileWriter2 m_errorLog;
   CErrorCodeRegister m_errorCodes;
 
-  // Write cache (set up by SetUpCache when a cache is asked for).
-  void* m_pPool = nullptr;
-  HANDLE m_hCacheIdle = nullptr;  // manual reset; set while no cache thread runs
+  // Write cache (set up by SetUpCache when a cache is asked for). The host
+  // thread sets these while no cache thread runs; the thread only reads
+  // them. While the thread runs it alone makes the block writes and seeks,
+  // so m_hFile, m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its
+  // own until CacheStop has joined it.
+  QLCT_DataFifoPool* m_pPool = nullptr;  // owned; null: no cache
+  HANDLE m_hCacheIdle = nullptr;         // manual reset; set while no cache thread runs
+  HANDLE m_hCacheThread = nullptr;       // the running cache thread, joined by CacheStop
+  uint32_t m_nCacheFileTag = 0;          // the handle when the cache started, for the record headers
+  int m_nCacheRecordMax = 0;             // the longest record the pool takes
 
   // Status.
-  KxWriterStatus m_status;        // guarded by m_cs
+  KxWriterStatus m_status;        // guarded by m_csStatus
+  CRITICAL_SECTION m_csStatus;    // the status record's own lock; the registry takes it after its writer-list lock
   uint64_t m_nBytesAccepted = 0;  // bytes accepted by WriteFile since the open
   uint64_t m_nBytesOnDisk = 0;    // bytes written by the sector-aligned route (never taken here)
   int32_t m_nWriteMs = 0;         // time spent in that route
@@ -155,6 +186,22 @@ class KxFileEx {
   // User data of the writes, in write order.
   CArray<DWORD, DWORD> m_userData;  // guarded by m_csUserData
   CRITICAL_SECTION m_csUserData;    // a cache thread appends while the host reads
+
+  // The writer as the registry of files being written sees it: listed while
+  // a local file is open, so hosts can ask for its status.
+  class CRegistryEntry final : public qlt::pool::CWriterStatusSource {
+   public:
+    explicit CRegistryEntry(KxFileEx* pWriter) : m_pWriter(pWriter) {}
+    GUID WriterGuid() const override { return m_pWriter->m_guid; }
+    bool CopyStatus(QLCT_POOL_STATUS_ST* pOut) override;
+
+   private:
+    KxFileEx* const m_pWriter;
+  };
+  CRegistryEntry m_registryEntry{this};
+  bool m_bRegistered = false;  // host thread only
+  void EnterRegistry();
+  void LeaveRegistry();
 };
 
 #endif  // QLTFSDK_WRITER_KX_FILE_EX_H
