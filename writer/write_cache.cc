@@ -57,7 +57,10 @@ std::wstring GuidText(const GUID& guid) {
 
 int KxFileEx::SetUpCache() {
   int result = 1;
-  CacheStop();
+  // After a close the old cache has ended already. A file opened without
+  // closing the previous one ends the old cache without draining it, since
+  // its records belong to the previous file.
+  CacheAbort();
   delete m_pPool;
   m_pPool = nullptr;
 
@@ -137,7 +140,7 @@ BOOL KxFileEx::Queue(const void* pBuffer, int nLength) {
 }
 
 bool KxFileEx::QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData) {
-  if (!m_pPool) return false;
+  if (!m_pPool || m_nCacheRecordMax < static_cast<int>(sizeof(CacheSeek))) return false;
   // A write longer than one record goes as several; the user data rides on
   // the last, so it is recorded once all the bytes are in the file.
   DWORD nLeft = nLength;
