@@ -2,6 +2,7 @@
 // anything thrown inside into a failure result.
 #include <new>
 
+#include "diagnostics/sdk_settings.h"
 #include "platform/platform.h"
 #include "qltfsdk/fileex.h"
 #include "writer/kx_file_ex.h"
@@ -129,5 +130,11 @@ BOOL QLCT_DeleteFileExObj(QLCT_FileEx* pFileEx) {
   } catch (...) {
     return 0;
   }
+  return 1;
+}
+
+BOOL QLT_SetWriteRetrySettings(int nCount, int nWaitMs) {
+  SdkSettings.WriteRetryCount = nCount;
+  SdkSettings.WriteRetryTime = nWaitMs;
   return 1;
 }

@@ -120,6 +120,14 @@ class QLTFS_API QLCT_FileEx {
 
 // Allocates a writer (without implementation). Null when out of memory.
 QLTFS_API QLCT_FileEx* QLCT_CreateFileExObj();
+// Replaces the process's WriteRetryCount and WriteRetryTime settings (read
+// from qltfsdk.ini at load) for writes from now on: with nCount above 0
+// every block is flushed and a failed block is rewritten after reopening the
+// file, up to nCount times, waiting nWaitMs after each failed reopen. For
+// tools that take these from their command line. Returns 1. Any thread;
+// writes already running may see the old or the new values.
+QLTFS_API BOOL QLT_SetWriteRetrySettings(int nCount, int nWaitMs);
+
 // Destroys a writer made by QLCT_CreateFileExObj, closing its file first.
 // Returns 1 (also for null), 0 when something failed during destruction.
 QLTFS_API BOOL QLCT_DeleteFileExObj(QLCT_FileEx* pFileEx);
