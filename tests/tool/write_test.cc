@@ -34,6 +34,12 @@ TEST_F(WriteCommandTest, PresetFileIsTrimmedAndVerified) {
   EXPECT_NE(Err().find("100%"), std::string::npos);
 }
 
+TEST_F(WriteCommandTest, CachedWriteReportsTheHostAndDrainTimes) {
+  ASSERT_EQ(Run(m_dir.file("c.bin") + " --cache --cache-size 4M --size 3M --slice 5000 --block 64K"), 0) << Err();
+  EXPECT_NE(Out().find("verified: 3145728 bytes read back identical"), std::string::npos) << Out();
+  EXPECT_NE(Out().find("(waiting for the cache to drain)"), std::string::npos) << Out();
+}
+
 TEST_F(WriteCommandTest, BadInputFailsWithOneLine) {
   struct Case {
     std::string args;
@@ -42,6 +48,7 @@ TEST_F(WriteCommandTest, BadInputFailsWithOneLine) {
   const Case cases[] = {
       {m_dir.file("a.bin") + " --size 12X", "bad size"},
       {m_dir.file("a.bin") + " --size 1M --block 0", "bad block"},
+      {m_dir.file("a.bin") + " --size 1M --cache --cache-size 10K", "bad cache size"},
       {m_dir.file("none/a.bin") + " --size 1M", "cannot create"},
   };
   for (const Case& c : cases) {

@@ -81,12 +81,14 @@ struct WriterDeleter {
 };
 
 void RunWrite(const std::string& strOut, const std::string& strSize, const std::string& strSlice,
-              const std::string& strBlock, const std::string& strPreset, int nRetry) {
+              const std::string& strBlock, const std::string& strPreset, int nRetry, bool bCache,
+              const std::string& strCacheSize) {
   const uint64_t nSize = SizeOption("size", strSize, 0, 1ull << 40);
   const uint64_t nSlice = SizeOption("slice", strSlice, 1, 256u << 20);
   const uint64_t nBlock = SizeOption("block", strBlock, 1, 1u << 30);
   const uint64_t nPreset = strPreset.empty() ? 0 : SizeOption("preset", strPreset, 1, 1ull << 40);
   if (nRetry < 0) Fail("bad retry count " + std::to_string(nRetry) + ": give 0 or more", 2);
+  const uint64_t nCacheSize = SizeOption("cache size", strCacheSize, 1u << 20, 2048u << 20);
 
   std::error_code ec;
   fs::path path = fs::absolute(strOut, ec);
@@ -98,7 +100,15 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   if (nRetry > 0) QLT_SetWriteRetrySettings(nRetry, 100);
 
   std::unique_ptr<QLCT_FileEx, WriterDeleter> writer(QLCT_CreateFileExObj());
-  QLCT_FIlEACCESSINFO_ST info{0, 2, 0, 33554432, nullptr, 4194304, 16777216};
+  // With --cache: a memory write cache of nCacheSize bytes (its write cache
+  // ring a quarter of that), drained by the writer's own thread.
+  QLCT_FIlEACCESSINFO_ST info{bCache ? 1 : 0,
+                              2,
+                              0,
+                              static_cast<DWORD>(nCacheSize),
+                              nullptr,
+                              4194304,
+                              bCache ? static_cast<DWORD>(nCacheSize / 4) : 16777216};
   if (!writer || !writer->Initialize(&info)) Fail("out of memory");
   if (!writer->CreateKXFile(bstrPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                             FILE_ATTRIBUTE_NORMAL, nullptr))
@@ -109,11 +119,15 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>((i % kPeriod) * 131 + (i % kPeriod) / 251);
 
   Clock::time_point tStart = Clock::now(), tDrawn = tStart;
+  Clock::duration inWrite{};
   uint64_t nDone = 0;
   while (nDone < nSize) {
     DWORD nThis = static_cast<DWORD>(std::min<uint64_t>(nSlice, nSize - nDone));
     DWORD nWritten = 0;
-    if (!writer->WriteFile(pattern.data() + nDone % kPeriod, nThis, &nWritten, nullptr)) {
+    Clock::time_point tCall = Clock::now();
+    BOOL bWritten = writer->WriteFile(pattern.data() + nDone % kPeriod, nThis, &nWritten, nullptr);
+    inWrite += Clock::now() - tCall;
+    if (!bWritten) {
       std::fputc('\n', stderr);
       Fail("write failed at byte " + std::to_string(nDone) + " (error " + std::to_string(GetLastError()) + ")");
     }
@@ -123,7 +137,10 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
       tDrawn = Clock::now();
     }
   }
-  if (!writer->CloseHandle()) {
+  Clock::time_point tClose = Clock::now();
+  BOOL bClosed = writer->CloseHandle();
+  double dCloseSeconds = std::chrono::duration<double>(Clock::now() - tClose).count();
+  if (!bClosed) {
     std::fputc('\n', stderr);
     Fail("closing '" + strOut + "' failed: not every byte reached the file");
   }
@@ -134,6 +151,8 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
               dSeconds, MiBps(nSize, dSeconds).c_str(), static_cast<unsigned long long>(nSlice),
               static_cast<unsigned long long>(nBlock), nPreset ? ", preset " : "",
               nPreset ? std::to_string(nPreset).c_str() : "");
+  std::printf("host time in WriteFile %.3f s, close %.3f s%s\n", std::chrono::duration<double>(inWrite).count(),
+              dCloseSeconds, bCache ? " (waiting for the cache to drain)" : "");
 
   // Read back and check.
   uint64_t nOnDisk = fs::file_size(path, ec);
@@ -170,11 +189,16 @@ void AddWriteCommand(CLI::App& app) {
   auto strBlock = std::make_shared<std::string>("512K");
   auto strPreset = std::make_shared<std::string>();
   auto nRetry = std::make_shared<int>(0);
+  auto bCache = std::make_shared<bool>(false);
+  auto strCacheSize = std::make_shared<std::string>("32M");
   cmd->add_option("OUT", *strOut, "File to write (replaced if it exists)")->required();
   cmd->add_option("--size", *strSize, "Bytes to write; suffixes K, M, G")->required();
   cmd->add_option("--slice", *strSlice, "Bytes per host write (default 64K)");
   cmd->add_option("--block", *strBlock, "Write block size registered for the file (default 512K)");
   cmd->add_option("--preset", *strPreset, "Preset size registered for the file; trimmed at close");
   cmd->add_option("--retry", *nRetry, "Retries of a failed block (flushes every block; default 0)");
-  cmd->callback([=] { RunWrite(*strOut, *strSize, *strSlice, *strBlock, *strPreset, *nRetry); });
+  cmd->add_flag("--cache", *bCache, "Write through the writer's memory write cache");
+  cmd->add_option("--cache-size", *strCacheSize, "Memory of the write cache (default 32M)");
+  cmd->callback(
+      [=] { RunWrite(*strOut, *strSize, *strSlice, *strBlock, *strPreset, *nRetry, *bCache, *strCacheSize); });
 }
