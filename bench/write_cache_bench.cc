@@ -146,7 +146,11 @@ class CounterReporter : public benchmark::ConsoleReporter {
 };
 
 void PrintRatio(const char* label, double value, double base, double goal) {
-  double ratio = base > 0 ? value / base : 0.0;
+  if (value <= 0 || base <= 0) {
+    std::printf("ratio %-48s n/a (a variant did not run)\n", label);
+    return;
+  }
+  double ratio = value / base;
   std::printf("ratio %-48s %.3f  (goal <= %.2f) %s\n", label, ratio, goal, ratio <= goal ? "met" : "NOT MET");
 }
 
