@@ -24,5 +24,15 @@ int main() {
   SysFreeString(props.bstrFileName);
   std::printf("pool read %d bytes, block size %d, transfer %d, props %d\n", n,
               QLT_WriterOption::GetWriteBlockSize(name), transfer.Initialize(), found);
-  return n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 && props.dwValue1 == 1 ? 0 : 1;
+  // The safe writer through its exported factory and virtual operations.
+  QLCT_FileEx* writer = QLCT_CreateFileExObj();
+  CComBSTR out(L"C:\\qltfsdk-host-check.dat");
+  DWORD written = 0;
+  int wrote = writer && writer->Initialize(nullptr) &&
+              writer->CreateKXFile(out, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr) &&
+              writer->WriteFile("hello", 5, &written, nullptr) && writer->CloseHandle();
+  QLCT_DeleteFileExObj(writer);
+  std::printf("writer wrote %u bytes: %d\n", written, wrote);
+  return n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 && props.dwValue1 == 1 && wrote ? 0
+                                                                                                                    : 1;
 }
