@@ -5,7 +5,9 @@
 #define QLTFSDK_QLTFSDK_H
 
 #include "qltfsdk/datafifopool.h"
+#include "qltfsdk/datapoolaccess.h"
 #include "qltfsdk/export.h"
+#include "qltfsdk/fileex.h"
 #include "qltfsdk/filetransfer.h"
 #include "qltfsdk/sdkinfo.h"
 #include "qltfsdk/wintypes.h"

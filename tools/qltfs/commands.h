@@ -8,5 +8,6 @@
 
 void AddInfoCommand(CLI::App& app);
 void AddCopyCommand(CLI::App& app);
+void AddWriteCommand(CLI::App& app);
 
 #endif  // QLTFS_TOOL_COMMANDS_H

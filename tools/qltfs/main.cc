@@ -9,6 +9,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   AddInfoCommand(app);
   AddCopyCommand(app);
+  AddWriteCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {  // --help and friends

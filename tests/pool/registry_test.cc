@@ -1,0 +1,213 @@
+// The registry through the pool-access operations a host calls, and the
+// writer list through the narrow interface a writer implements.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/platform.h"
+#include "pool/registry.h"
+#include "qltfsdk/datapoolaccess.h"
+
+namespace {
+
+std::wstring Text(BSTR s) { return s ? std::wstring(s, SysStringLen(s)) : std::wstring(); }
+
+// A record whose name the test owns and frees, as a host's would be.
+template <class Record>
+struct Owned {
+  explicit Owned(const wchar_t* name) : r{} { r.bstrFileName = name ? SysAllocString(name) : nullptr; }
+  ~Owned() { SysFreeString(r.bstrFileName); }
+  Record r;
+};
+using Props = Owned<QLCT_WRITEFILE_PROPS_ST>;
+using IndexProps = Owned<QLCT_WRITE_FILE_INDEX_PROPS_ST>;
+using Status = Owned<QLCT_POOL_STATUS_ST>;
+
+int Op(QLCT_DataPoolAccess& access, const wchar_t* op, void* data) { return access.Operation(CComBSTR(op), data); }
+
+// A stand-in for a live writer: its status is guarded by its own lock, as a
+// writer's is.
+class FakeWriter final : public qlt::pool::CWriterStatusSource {
+ public:
+  FakeWriter(uint32_t id, const wchar_t* name) : m_guid{id, 0, 0, {}}, m_name(name) {
+    InitializeCriticalSection(&m_cs);
+  }
+  ~FakeWriter() { DeleteCriticalSection(&m_cs); }
+  GUID WriterGuid() const override { return m_guid; }
+  bool CopyStatus(QLCT_POOL_STATUS_ST* pOut) override {
+    CAutoLock lock(&m_cs);
+    pOut->bstrFileName = SysAllocString(m_name.c_str());
+    pOut->nFileLength = m_nLength;
+    pOut->nPendingBytes = m_nPending;
+    return pOut->bstrFileName != nullptr;
+  }
+  void Advance(ULONGLONG n) {
+    CAutoLock lock(&m_cs);
+    m_nLength += n;
+    m_nPending = n;
+  }
+
+ private:
+  const GUID m_guid;
+  const std::wstring m_name;
+  CRITICAL_SECTION m_cs;
+  ULONGLONG m_nLength = 0;   // guarded by m_cs
+  ULONGLONG m_nPending = 0;  // guarded by m_cs
+};
+
+TEST(RegistryTest, FilePropsMatchWithoutCaseAndSetTwiceKeepsOneRecord) {
+  QLCT_DataPoolAccess access;
+  Props first(L"D:\\rec\\a.bin");
+  first.r.dwValue1 = 1, first.r.dwValue2 = 2, first.r.dwValue3 = 3;
+  ASSERT_EQ(Op(access, L"set_WriteFileProps", &first.r), 1);
+
+  Props asked(L"d:\\REC\\A.BIN");
+  ASSERT_EQ(Op(access, L"get_WriteFileProps", &asked.r), 1);
+  EXPECT_EQ(Text(asked.r.bstrFileName), L"D:\\rec\\a.bin");  // the stored case, in a new string
+  EXPECT_EQ(asked.r.dwValue1 * 100 + asked.r.dwValue2 * 10 + asked.r.dwValue3, 123u);
+
+  // A second set under another case updates that record: a second record
+  // would be shadowed by the first and the old values would come back.
+  Props again(L"D:\\REC\\a.bin");
+  again.r.dwValue1 = 4, again.r.dwValue2 = 5, again.r.dwValue3 = 'E';
+  ASSERT_EQ(Op(access, L"set_WriteFileProps", &again.r), 1);
+  ASSERT_EQ(Op(access, L"get_WriteFileProps", &asked.r), 1);
+  EXPECT_EQ(Text(asked.r.bstrFileName), L"D:\\REC\\a.bin");
+  EXPECT_EQ(asked.r.dwValue1 * 100 + asked.r.dwValue2 * 10, 450u);
+
+  qlt::pool::CacheRequest request = qlt::pool::LookUpCacheRequest(asked.r.bstrFileName);
+  EXPECT_TRUE(request.bFound);
+  EXPECT_EQ(request.dwRequest, 4u);
+  EXPECT_EQ(request.cDrive, L'E');
+}
+
+TEST(RegistryTest, CacheDriveIsTheLowestByteWhenPositive) {
+  const struct {
+    DWORD dwValue3;
+    wchar_t drive;
+  } cases[] = {{0, 0}, {'F', L'F'}, {0x1200 + 'G', L'G'}, {0x80, 0}, {0xFFFFFFFFu, 0}};
+  for (const auto& c : cases) {
+    Props record(L"cache-drive.bin");
+    record.r.dwValue3 = c.dwValue3;
+    ASSERT_EQ(qlt::pool::SetWriteFileProps(&record.r), 1);
+    EXPECT_EQ(qlt::pool::LookUpCacheRequest(record.r.bstrFileName).cDrive, c.drive) << c.dwValue3;
+  }
+  EXPECT_FALSE(qlt::pool::LookUpCacheRequest(CComBSTR(L"never-set.bin")).bFound);
+}
+
+TEST(RegistryTest, IndexPropsAreSharedBetweenAccessObjectsAndClearOnce) {
+  QLCT_DataPoolAccess writerSide, readerSide;
+  IndexProps set(L"\\\\srv\\share\\clip.mxf");
+  set.r.dwValue1 = 7, set.r.dwValue4 = 9;
+  ASSERT_EQ(Op(writerSide, L"set_WriteFileIndexProps", &set.r), 1);
+
+  IndexProps got(L"\\\\SRV\\share\\CLIP.mxf");
+  ASSERT_EQ(Op(readerSide, L"get_WriteFileIndexProps", &got.r), 1);
+  EXPECT_EQ(got.r.dwValue1, 7u);
+  EXPECT_EQ(got.r.dwValue4, 9u);
+  EXPECT_EQ(Op(readerSide, L"clear_WriteFileIndexProps", &got.r), 1);
+  EXPECT_EQ(Op(writerSide, L"clear_WriteFileIndexProps", &set.r), 0);
+
+  // A get that finds nothing leaves the caller's record as it was.
+  got.r.dwValue2 = 42;
+  EXPECT_EQ(Op(readerSide, L"get_WriteFileIndexProps", &got.r), 0);
+  EXPECT_EQ(got.r.dwValue2, 42u);
+  EXPECT_EQ(Text(got.r.bstrFileName), L"\\\\srv\\share\\clip.mxf");
+}
+
+TEST(RegistryTest, NullNameCountsAsEmpty) {
+  IndexProps unnamed(nullptr);
+  unnamed.r.dwValue3 = 5;
+  ASSERT_EQ(qlt::pool::SetWriteFileIndexProps(&unnamed.r), 1);
+  IndexProps empty(L"");
+  ASSERT_EQ(qlt::pool::GetWriteFileIndexProps(&empty.r), 1);
+  EXPECT_EQ(empty.r.bstrFileName, nullptr);  // the stored (null) name came back
+  EXPECT_EQ(empty.r.dwValue3, 5u);
+  EXPECT_EQ(qlt::pool::ClearWriteFileIndexProps(&unnamed.r), 1);
+}
+
+TEST(RegistryTest, OnlyExactOperationNamesWithARecordDoAnything) {
+  QLCT_DataPoolAccess access;
+  EXPECT_EQ(access.Initialize(), 1);
+  EXPECT_EQ(access.UnInitialize(), 1);
+  EXPECT_EQ(access.UnInitialize(), 1);
+  IndexProps record(L"names.bin");
+  Props props(L"names.bin");
+  const wchar_t* refused[] = {
+      L"Get_PoolStatus", L"get_poolstatus", L"clear_WriteFileProps", L"set_WriteFileIndexProps ", L"", nullptr};
+  for (const wchar_t* name : refused) EXPECT_EQ(access.Operation(CComBSTR(name), &record.r), 0);
+  EXPECT_EQ(Op(access, L"get_WriteFileIndexProps", &record.r), 0);  // nothing was set by the refused names
+  EXPECT_EQ(Op(access, L"set_WriteFileProps", nullptr), 0);
+  EXPECT_EQ(Op(access, L"get_WriteFileProps", nullptr), 0);
+  EXPECT_EQ(Op(access, L"get_WriteFileProps", &props.r), 0);
+}
+
+TEST(RegistryTest, PoolStatusFindsRegisteredWritersOnly) {
+  QLCT_DataPoolAccess access;
+  Status asked(L"e:\\LIVE.bin");
+  asked.r.dwFound = 7;
+  EXPECT_EQ(Op(access, L"get_PoolStatus", &asked.r), 0);
+  EXPECT_EQ(asked.r.dwFound, 0u);
+
+  FakeWriter other(1, L"E:\\other.bin");
+  FakeWriter live(2, L"E:\\live.bin");
+  live.Advance(100);
+  FakeWriter sameGuid(2, L"E:\\impostor.bin");
+  ASSERT_EQ(qlt::pool::RegisterWriter(&other), 1);
+  ASSERT_EQ(qlt::pool::RegisterWriter(&live), 1);
+  ASSERT_EQ(qlt::pool::RegisterWriter(&sameGuid), 1);  // already listed under that GUID: not added
+
+  ASSERT_EQ(Op(access, L"get_PoolStatus", &asked.r), 1);
+  EXPECT_EQ(asked.r.dwFound, 1u);
+  EXPECT_EQ(Text(asked.r.bstrFileName), L"E:\\live.bin");
+  EXPECT_EQ(asked.r.nFileLength, 100u);
+  EXPECT_EQ(asked.r.nPendingBytes, 100u);
+
+  EXPECT_EQ(qlt::pool::UnregisterWriter(&live), 1);
+  EXPECT_EQ(qlt::pool::UnregisterWriter(&sameGuid), 0);
+  EXPECT_EQ(Op(access, L"get_PoolStatus", &asked.r), 0);
+  EXPECT_EQ(qlt::pool::UnregisterWriter(&other), 1);
+}
+
+TEST(RegistryTest, AccessObjectsOnManyThreadsShareOneRegistry) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 300;
+  std::atomic<int> failures{0};
+  FakeWriter writer(99, L"F:\\shared.bin");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      QLCT_DataPoolAccess access;
+      std::wstring own = L"F:\\thread" + std::to_wstring(t) + L".bin";
+      std::wstring upper = L"f:\\THREAD" + std::to_wstring(t) + L".BIN";
+      for (int i = 0; i < kRounds; ++i) {
+        Props set(own.c_str());
+        set.r.dwValue2 = static_cast<DWORD>(i);
+        Props got(upper.c_str());
+        IndexProps index(L"F:\\shared.idx");
+        index.r.dwValue1 = static_cast<DWORD>(t);
+        Status status(L"f:\\shared.bin");
+        if (Op(access, L"set_WriteFileProps", &set.r) != 1) failures++;
+        if (Op(access, L"get_WriteFileProps", &got.r) != 1 || got.r.dwValue2 != static_cast<DWORD>(i)) failures++;
+        Op(access, L"set_WriteFileIndexProps", &index.r);
+        Op(access, t % 2 ? L"get_WriteFileIndexProps" : L"clear_WriteFileIndexProps", &index.r);
+        if (t == 0) {
+          qlt::pool::RegisterWriter(&writer);
+        } else if (t == 1) {
+          writer.Advance(1);
+        } else if (Op(access, L"get_PoolStatus", &status.r) == 1 && Text(status.r.bstrFileName) != L"F:\\shared.bin") {
+          failures++;
+        }
+        if (t == 0 && i % 3 == 0) qlt::pool::UnregisterWriter(&writer);
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  qlt::pool::UnregisterWriter(&writer);
+  EXPECT_EQ(failures.load(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,681 @@
+#include "writer/kx_file_ex.h"
+
+#include <cstring>
+#include <new>
+
+#include "diagnostics/error_log.h"
+#include "diagnostics/logbook_api.h"
+#include "diagnostics/sdk_settings.h"
+#include "diagnostics/virtual_storage.h"
+#include "diagnostics/web_plugin.h"
+#include "diagnostics/write_timing_log.h"
+#include "platform/platform.h"
+#include "qltfsdk/writeroption.h"
+
+namespace {
+
+constexpr uint64_t kForcedFlushBytes = 16777216;  // a flush is forced past this many bytes
+constexpr int32_t kStagingSlack = 1024;           // spare bytes behind each staging buffer
+constexpr int32_t kErrorCode = 200;               // the writer's code in the error-code register
+
+bool IsBadHandle(HANDLE h) { return h == nullptr || h == INVALID_HANDLE_VALUE; }
+
+std::wstring PairDetail(const wchar_t* first, int64_t a, const wchar_t* second, int64_t b) {
+  return std::wstring(first) + std::to_wstring(a) + second + std::to_wstring(b) + L": \n";
+}
+std::wstring WriteDetail(int64_t toWrite, int64_t written) {
+  return PairDetail(L"To write bytes :", toWrite, L"   written bytes ", written);
+}
+std::wstring SeekDetail(int64_t distance, int64_t newPos) {
+  return PairDetail(L"Mov pos :", distance, L"   new pos ", newPos);
+}
+std::wstring ReadDetail(int64_t toRead, int64_t read) {
+  return PairDetail(L"To read bytes :", toRead, L"   readed bytes ", read);
+}
+
+const char* const kWriteTitle = "\n    write file  :   ";
+const char* const kRetrySeekTitle = "\n    seek file pos when writeretry:   ";
+
+}  // namespace
+
+KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
+  InitializeCriticalSection(&m_cs);
+  InitializeCriticalSection(&m_csUserData);
+  InitializeCriticalSection(&m_csStatus);
+  m_info.nCacheMode = 0;
+  m_info.nOpMode = 1;
+  m_info.nReserved = 0;
+  m_info.dwMemoryPoolSize = 33554432;
+  m_info.bstrDiskPoolPath = nullptr;
+  m_info.dwDiskPoolSize = 4194304;
+  m_info.dwWriteCacheSize = 16777216;
+  m_hCacheIdle = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  CoCreateGuid(&m_guid);
+  m_nBlockSize = SdkSettings.WriteBufSize;
+  if (m_nBlockSize < 1) m_nBlockSize = 524288;
+  m_nStagingCapacity = static_cast<int64_t>(m_nBlockSize) + kStagingSlack;
+  m_pStaging = new BYTE[static_cast<size_t>(m_nStagingCapacity)];
+  // The writer always takes the buffered block-write route.
+  SdkSettings.WriteMode = 0;
+  AcquireWriteTimingLog();
+}
+
+KxFileEx::~KxFileEx() {
+  LeaveRegistry();
+  if (m_pPool) {
+    // Normally close has drained the cache already; a writer ended with its
+    // file open still writes what was queued before the pool goes.
+    m_pPool->WriteBuffer(nullptr, 0);
+    CacheStop();
+    delete m_pPool;
+    m_pPool = nullptr;
+  }
+  if (m_pVirtualFile) {
+    QltDeleteVirtualFile(m_pVirtualFile);
+    m_pVirtualFile = nullptr;
+  }
+  if (m_pWebWriter) {
+    m_pWebWriter->Destroy(1);
+    m_pWebWriter = nullptr;
+  }
+  if (m_hCacheIdle) {
+    ::CloseHandle(m_hCacheIdle);
+    m_hCacheIdle = nullptr;
+  }
+  delete[] m_pStaging;
+  m_pStaging = nullptr;
+  ReleaseWriteTimingLog();
+  SysFreeString(m_info.bstrDiskPoolPath);
+  DeleteCriticalSection(&m_csStatus);
+  DeleteCriticalSection(&m_csUserData);
+  DeleteCriticalSection(&m_cs);
+}
+
+BOOL KxFileEx::Initialize(const QLCT_FIlEACCESSINFO_ST* pInfo) {
+  m_nBytesAccepted = 0;
+  m_nWriteMs = 0;
+  if (!pInfo) return 1;
+  BSTR copy = pInfo->bstrDiskPoolPath
+                  ? SysAllocStringLen(pInfo->bstrDiskPoolPath, SysStringLen(pInfo->bstrDiskPoolPath))
+                  : nullptr;
+  SysFreeString(m_info.bstrDiskPoolPath);
+  m_info = *pInfo;
+  m_info.bstrDiskPoolPath = copy;
+  return 1;
+}
+
+// ---- Open and attach --------------------------------------------------------
+
+HANDLE KxFileEx::CreateKXFile(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                              LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
+                              DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
+  const wchar_t* path = strFileName.m_str ? strFileName.m_str : L"";
+  std::wstring scheme = QltUrlScheme(path);
+  if (scheme == L"FTP" || scheme == L"OSS") m_bWebFile = 1;
+  if (m_bWebFile) return OpenWeb(strFileName, lpSecurityAttributes);
+  if (QltIsVirtualStoragePath(path)) m_bVirtual = 1;
+  if (m_bVirtual) return OpenVirtual(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition);
+  return OpenLocal(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition, dwFlagsAndAttributes,
+                   hTemplateFile);
+}
+
+HANDLE KxFileEx::OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions) {
+  if (m_pWebWriter) {
+    // The writer of an earlier web file of this object ends here.
+    m_pWebWriter->Destroy(1);
+    m_pWebWriter = nullptr;
+  }
+  m_pWebWriter = QltCreateWebFileWriter();
+  if (!m_pWebWriter) return nullptr;
+  if (lpOptions && lpOptions->lpSecurityDescriptor) {
+    // The security-attributes argument carries option words for web files:
+    // nLength bytes of narrow text at lpSecurityDescriptor.
+    const char* text = static_cast<const char*>(lpOptions->lpSecurityDescriptor);
+    const size_t length = lpOptions->nLength;
+    size_t at = 0;
+    if (length - at >= 13 && std::memcmp(text + at, "PublicWebFile", 13) == 0) {
+      m_pWebWriter->SetOrOpen(CComBSTR(L"PublicWebFile"));
+      at += 14;  // the word and one separator
+    }
+    if (at <= length && length - at >= 7 && std::memcmp(text + at, "PutMode", 7) == 0)
+      m_pWebWriter->SetOrOpen(CComBSTR(L"PutMode"));
+  }
+  if (m_pWebWriter->SetOrOpen(strFileName) > 0) return reinterpret_cast<HANDLE>(m_pWebWriter);
+  m_pWebWriter->Destroy(1);
+  m_pWebWriter = nullptr;
+  return nullptr;
+}
+
+HANDLE KxFileEx::OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                             DWORD dwCreationDisposition) {
+  if (m_pVirtualFile) {
+    QltDeleteVirtualFile(m_pVirtualFile);
+    m_pVirtualFile = nullptr;
+  }
+  m_pVirtualFile = QltNewVirtualFile();
+  if (!m_pVirtualFile) return nullptr;
+  if (m_pVirtualFile->Open(strFileName.m_str ? strFileName.m_str : L"", dwDesiredAccess, dwShareMode,
+                           dwCreationDisposition) == 0)
+    return nullptr;
+  return m_pVirtualFile->GetHandle();
+}
+
+HANDLE KxFileEx::OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                           DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
+  CAutoLock lock(&m_cs);
+  m_nExtent = 0;
+  m_nPresetSize = 0;
+  const wchar_t* path = strFileName.m_str ? strFileName.m_str : L"";
+  m_strPath = path;
+  m_hFile = ::CreateFileW(path, dwDesiredAccess, dwShareMode, nullptr, dwCreationDisposition, dwFlagsAndAttributes,
+                          hTemplateFile);
+  if (IsBadHandle(m_hFile)) {
+    DWORD err = GetLastError();
+    m_hFile = INVALID_HANDLE_VALUE;
+    try {
+      QLT_LogBookU log;
+      log - CComBSTR(L"KxFileEx CreateFile error! lastError: ") - static_cast<unsigned long>(err) -
+          CComBSTR(L"fileName: ") - strFileName - endl;
+    } catch (...) {
+    }
+    SetLastError(err);
+    return nullptr;
+  }
+  if (m_info.nOpMode == 2) {
+    if (!ApplyPresetSize(m_hFile, strFileName)) {
+      DWORD err = GetLastError();
+      ::CloseHandle(m_hFile);
+      m_hFile = INVALID_HANDLE_VALUE;
+      SetLastError(err);
+      return nullptr;
+    }
+    m_nExtent = 0;
+    m_nPhysPos = 0;
+  }
+  if (!ApplyBlockSize(strFileName)) {
+    DWORD err = GetLastError();
+    ::CloseHandle(m_hFile);
+    m_hFile = INVALID_HANDLE_VALUE;
+    SetLastError(err);
+    return nullptr;
+  }
+  m_bstrFileName = strFileName;
+  if (SetUpCache() <= 0) {
+    ::CloseHandle(m_hFile);
+    m_hFile = INVALID_HANDLE_VALUE;
+    return nullptr;
+  }
+  ResetCounters();
+  EnterRegistry();
+  return m_hFile;
+}
+
+bool KxFileEx::ApplyPresetSize(HANDLE hFile, const CComBSTR& strName) {
+  ULONGLONG nPreset = 0;
+  if (QLT_WriterOption2::GetPresetFileSize(strName, nPreset) <= 0) return true;
+  m_nPresetSize = nPreset;
+  LARGE_INTEGER to{}, zero{};
+  to.QuadPart = static_cast<LONGLONG>(nPreset);
+  return ::SetFilePointerEx(hFile, to, nullptr, FILE_BEGIN) && ::SetEndOfFile(hFile) &&
+         ::SetFilePointerEx(hFile, zero, nullptr, FILE_BEGIN);
+}
+
+bool KxFileEx::ApplyBlockSize(const CComBSTR& strName) {
+  int nBlock = QLT_WriterOption::GetWriteBlockSize(strName);
+  if (nBlock < 1) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return false;
+  }
+  int64_t nNeeded = static_cast<int64_t>(nBlock) + kStagingSlack;
+  if (nNeeded > m_nStagingCapacity) {
+    // Staged bytes of an earlier file (none after a close) move along.
+    BYTE* p = new (std::nothrow) BYTE[static_cast<size_t>(nNeeded)];
+    if (!p) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      return false;
+    }
+    if (m_nStaged > 0) std::memcpy(p, m_pStaging, static_cast<size_t>(m_nStaged));
+    delete[] m_pStaging;
+    m_pStaging = p;
+    m_nStagingCapacity = nNeeded;
+  }
+  m_nBlockSize = nBlock;
+  return true;
+}
+
+void KxFileEx::ResetCounters() {
+  m_nLogicalPos = 0;
+  m_nLogicalSize = 0;
+  m_nFailedWrites = 0;
+  m_nGoodPos = 0;
+  m_nBytesAccepted = 0;
+  m_nBytesOnDisk = 0;
+  m_nWriteMs = 0;
+}
+
+BOOL KxFileEx::Attach(HANDLE hFile, const CComBSTR& strFileName) {
+  if (m_bVirtual || m_bWebFile) return 1;
+  CAutoLock lock(&m_cs);
+  if (m_info.nOpMode == 2) {
+    m_nPresetSize = 0;
+    if (!ApplyPresetSize(hFile, strFileName)) {
+      DWORD err = GetLastError();
+      ::CloseHandle(hFile);
+      m_hFile = INVALID_HANDLE_VALUE;
+      SetLastError(err);
+      return 0;
+    }
+    m_nExtent = 0;
+    m_nPhysPos = 0;
+  }
+  if (!ApplyBlockSize(strFileName)) return 0;
+  m_hFile = hFile;
+  m_bstrFileName = strFileName;
+  ResetCounters();
+  if (SetUpCache() <= 0) return 0;
+  LARGE_INTEGER size{};
+  BOOL ok = ::GetFileSizeEx(hFile, &size);
+  if (ok) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
+  EnterRegistry();
+  return ok;
+}
+
+// ---- Writing ------------------------------------------------------------------
+
+void KxFileEx::LogEntry(const char* pszTitle, const std::wstring& strDetail) {
+  if (SdkSettings.LogFileOn == 0) return;
+  WriteErrorLogEntry(m_errorLog, m_strPath, pszTitle, strDetail.c_str());
+}
+
+BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten,
+                         LPOVERLAPPED /*pOverlapped*/, DWORD dwUserData) {
+  if (pBuffer == nullptr && nLength > 0) {
+    // Nothing can be taken from a null buffer: the call fails and accepts
+    // nothing.
+    SetLastError(ERROR_INVALID_PARAMETER);
+    LogEntry(kWriteTitle, WriteDetail(nLength, 0));
+    return 0;
+  }
+  if (m_bWebFile) {
+    if (!m_pWebWriter) return 0;
+    int n = m_pWebWriter->Write(pBuffer, nLength);
+    if (n <= 0) return 0;
+    if (pWritten) *pWritten = static_cast<DWORD>(n);
+    return 1;
+  }
+  if (m_bVirtual) {
+    if (m_pVirtualFile) m_pVirtualFile->Write(pBuffer, nLength);
+    return 1;
+  }
+  const BYTE* pData = static_cast<const BYTE*>(pBuffer);
+  bool ok = true;
+  if (UsesCache()) {
+    ok = QueueWrite(pData, nLength, dwUserData);
+    if (pWritten) *pWritten = nLength;
+  } else {
+    int64_t room = static_cast<int64_t>(m_nBlockSize) - m_nStaged;
+    if (room > static_cast<int64_t>(nLength)) {
+      if (nLength > 0) std::memcpy(m_pStaging + m_nStaged, pData, nLength);
+      m_nStaged += static_cast<int32_t>(nLength);
+    } else {
+      int64_t left = nLength;
+      if (m_nStaged > 0) {
+        std::memcpy(m_pStaging + m_nStaged, pData, static_cast<size_t>(room));
+        pData += room;
+        left -= room;
+        m_nStaged = 0;
+        if (BlockWrite(m_hFile, m_pStaging, m_nBlockSize) != static_cast<DWORD>(m_nBlockSize)) ok = false;
+      }
+      // Whole blocks go straight from the host's buffer.
+      while (left >= m_nBlockSize) {
+        if (BlockWrite(m_hFile, pData, m_nBlockSize) != static_cast<DWORD>(m_nBlockSize)) ok = false;
+        pData += m_nBlockSize;
+        left -= m_nBlockSize;
+      }
+      if (left > 0) std::memcpy(m_pStaging, pData, static_cast<size_t>(left));
+      m_nStaged = static_cast<int32_t>(left);
+    }
+    if (pWritten) *pWritten = nLength;
+    if (dwUserData != 0) {
+      CAutoLock lock(&m_csUserData);
+      m_userData.Add(dwUserData);
+    }
+    if (!ok) ++m_nFailedWrites;
+  }
+  m_nLogicalPos += nLength;
+  if (m_nLogicalPos > m_nLogicalSize) m_nLogicalSize = m_nLogicalPos;
+  m_nBytesAccepted += nLength;
+  {
+    // The registry reads a live writer's length and pending bytes from here.
+    CAutoLock lock(&m_csStatus);
+    m_status.nFileLength = m_nLogicalSize;
+    m_status.nPendingBytes = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
+  }
+  if (!ok) m_errorCodes.Report(kErrorCode, L"");
+  return ok ? 1 : 0;
+}
+
+void KxFileEx::TrackWritten(DWORD nWritten) {
+  m_nPhysPos += nWritten;
+  if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
+}
+
+DWORD KxFileEx::BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength) {
+  if (pBuffer == nullptr || nLength <= 0) return 0;
+  const int nRetries = SdkSettings.WriteRetryCount;
+  if (IsBadHandle(hFile) && nRetries <= 0) return 0;
+  DWORD nWritten = 0;
+  if (nRetries > 0) {
+    RetryWrite(pBuffer, static_cast<DWORD>(nLength), &nWritten);
+  } else {
+    BOOL bOk = TimedWriteFile(hFile, pBuffer, static_cast<DWORD>(nLength), &nWritten, nullptr, LoggedOffset(), 1,
+                              static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
+    if (!bOk) {
+      LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
+    } else {
+      TrackWritten(nWritten);
+    }
+  }
+  m_nUnflushed += static_cast<uint64_t>(nLength);
+  if (m_nUnflushed > kForcedFlushBytes) {
+    m_nUnflushed = 0;
+    ::FlushFileBuffers(hFile);
+  }
+  return nWritten;
+}
+
+DWORD KxFileEx::WriteOnce(const BYTE* pBuffer, DWORD nLength) {
+  DWORD nWritten = 0;
+  BOOL bOk = TimedWriteFile(m_hFile, pBuffer, nLength, &nWritten, nullptr, LoggedOffset(), 1,
+                            static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
+  if (!bOk) {
+    LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
+  } else {
+    TrackWritten(nWritten);
+  }
+  return nWritten;
+}
+
+BOOL KxFileEx::RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten) {
+  DWORD nWritten = WriteOnce(pBuffer, nLength);
+  // With retries every block is on disk before the block write returns.
+  ::FlushFileBuffers(m_hFile);
+  const int nRetries = SdkSettings.WriteRetryCount;
+  for (int attempt = 0; nWritten != nLength && attempt < nRetries; ++attempt) {
+    if (!IsBadHandle(m_hFile)) {
+      ::FlushFileBuffers(m_hFile);
+      ::CloseHandle(m_hFile);
+    }
+    m_hFile = ::CreateFileW(m_bstrFileName.m_str ? m_bstrFileName.m_str : L"", GENERIC_WRITE,
+                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (IsBadHandle(m_hFile)) {
+      m_hFile = INVALID_HANDLE_VALUE;
+      nWritten = 0;
+      const int nWaitMs = SdkSettings.WriteRetryTime;
+      if (nWaitMs > 0) Sleep(static_cast<DWORD>(nWaitMs));
+      continue;
+    }
+    LARGE_INTEGER back{}, now{};
+    back.QuadPart = static_cast<LONGLONG>(m_nGoodPos);
+    if (!::SetFilePointerEx(m_hFile, back, &now, FILE_BEGIN)) {
+      LogEntry(kRetrySeekTitle, SeekDetail(back.QuadPart, now.QuadPart));
+    } else {
+      // The rewrite starts where the last good block ended: bytes a failed
+      // attempt left behind are overwritten, not counted twice.
+      m_nPhysPos = m_nGoodPos;
+    }
+    nWritten = WriteOnce(pBuffer, nLength);
+  }
+  *pWritten = nWritten;
+  if (nWritten == nLength) {
+    LARGE_INTEGER zero{}, pos{};
+    if (::SetFilePointerEx(m_hFile, zero, &pos, FILE_CURRENT)) {
+      m_nGoodPos = static_cast<uint64_t>(pos.QuadPart);
+    } else {
+      LogEntry(kRetrySeekTitle, SeekDetail(0, static_cast<int64_t>(m_nGoodPos)));
+    }
+    return 1;
+  }
+  m_errorCodes.Report(kErrorCode, L"write file error");
+  return 0;
+}
+
+bool KxFileEx::WriteOutStaged() {
+  if (m_nStaged <= 0) return true;
+  DWORD nWritten = BlockWrite(m_hFile, m_pStaging, m_nStaged);
+  if (nWritten < static_cast<DWORD>(m_nStaged)) return false;
+  m_nStaged = 0;
+  return true;
+}
+
+// ---- Seek, size and read-back ----------------------------------------------
+
+BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos,
+                                DWORD dwMoveMethod) {
+  const int64_t distance = liDistance.QuadPart;
+  LARGE_INTEGER newPos{};
+  if (m_bWebFile) {
+    if (!m_pWebWriter) return 0;
+    __int64 pos = m_pWebWriter->Seek(distance, static_cast<int>(dwMoveMethod));
+    if (pos < 0) return 0;
+    if (pNewPos) pNewPos->QuadPart = pos;
+    return 1;
+  }
+  if (m_bVirtual) {
+    if (!m_pVirtualFile) return 0;
+    int origin = 0, forward = 0;
+    switch (dwMoveMethod) {
+      case FILE_BEGIN: forward = 1; break;
+      case FILE_CURRENT:
+        origin = 1;
+        forward = distance > 0 ? 1 : 0;
+        break;
+      case FILE_END: origin = 2; break;
+      default: break;
+    }
+    __int64 d = distance;
+    __int64 pos = m_pVirtualFile->Seek(&d, origin, forward);
+    if (pNewPos) pNewPos->QuadPart = pos;
+    return 1;
+  }
+  if (UsesCache()) {
+    // The cache thread makes the platform seek, in order with the writes.
+    if (m_info.nOpMode == 1) return 0;
+    bool bQueued = QueueSeek(liDistance, dwMoveMethod);
+    switch (dwMoveMethod) {
+      case FILE_BEGIN: m_nLogicalPos = static_cast<uint64_t>(distance); break;
+      case FILE_CURRENT: m_nLogicalPos += static_cast<uint64_t>(distance); break;
+      case FILE_END: m_nLogicalPos = m_nLogicalSize + static_cast<uint64_t>(distance); break;
+      default: break;
+    }
+    if (pNewPos) pNewPos->QuadPart = static_cast<LONGLONG>(m_nLogicalPos);
+    return bQueued ? 1 : 0;
+  }
+  try {
+    if (m_nStaged > 0) {
+      if (!WriteOutStaged()) return 0;
+      ::FlushFileBuffers(m_hFile);
+    }
+    const bool bManaged = m_info.nOpMode == 2;
+    if (bManaged) {
+      switch (dwMoveMethod) {
+        case FILE_BEGIN: m_nLogicalPos = static_cast<uint64_t>(distance); break;
+        case FILE_CURRENT: m_nLogicalPos += static_cast<uint64_t>(distance); break;
+        case FILE_END: m_nLogicalPos = m_nLogicalSize + static_cast<uint64_t>(distance); break;
+        default: break;
+      }
+    }
+    BOOL bOk = ::SetFilePointerEx(m_hFile, liDistance, &newPos, dwMoveMethod);
+    if (!bOk) {
+      LogEntry("\n    seek file pos :   ", SeekDetail(distance, newPos.QuadPart));
+      return 0;
+    }
+    if (pNewPos) *pNewPos = newPos;
+    if (bManaged) {
+      m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
+      if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
+    }
+    return bOk;
+  } catch (...) {
+    LogEntry("\n    seek file pos exception :   ", SeekDetail(distance, newPos.QuadPart));
+    throw;
+  }
+}
+
+DWORD KxFileEx::SetFilePointer(HANDLE hFile, LONG lDistance, LONG* pDistanceHigh, DWORD dwMoveMethod) {
+  LARGE_INTEGER distance{};
+  if (pDistanceHigh) {
+    distance.QuadPart = static_cast<LONGLONG>((static_cast<uint64_t>(static_cast<uint32_t>(*pDistanceHigh)) << 32) |
+                                              static_cast<uint32_t>(lDistance));
+  } else {
+    distance.QuadPart = lDistance;
+  }
+  LARGE_INTEGER newPos{};
+  if (!SetFilePointerEx(hFile, distance, &newPos, dwMoveMethod)) return INVALID_SET_FILE_POINTER;
+  if (pDistanceHigh) *pDistanceHigh = newPos.u.HighPart;
+  return newPos.u.LowPart;
+}
+
+BOOL KxFileEx::GetFileSizeEx(HANDLE /*hFile*/, PLARGE_INTEGER pSize) {
+  if (m_bWebFile) {
+    __int64 size = m_pWebWriter ? m_pWebWriter->GetSize() : -1;
+    if (size < 0) return 0;
+    if (pSize) pSize->QuadPart = size;
+    return 1;
+  }
+  if (m_bVirtual) {
+    if (pSize) pSize->QuadPart = m_pVirtualFile ? m_pVirtualFile->GetSize() : 0;
+    return 1;
+  }
+  if (m_info.nOpMode == 2 || UsesCache()) {
+    if (pSize) pSize->QuadPart = static_cast<LONGLONG>(m_nLogicalSize);
+    return 1;
+  }
+  return ::GetFileSizeEx(m_hFile, pSize);
+}
+
+DWORD KxFileEx::GetFileSize(HANDLE /*hFile*/, LPDWORD pHigh) {
+  if (m_bWebFile || m_bVirtual) {
+    LARGE_INTEGER size{};
+    if (!GetFileSizeEx(nullptr, &size)) return INVALID_FILE_SIZE;
+    if (pHigh) *pHigh = static_cast<DWORD>(size.u.HighPart);
+    return size.u.LowPart;
+  }
+  if (m_info.nOpMode == 2 || UsesCache()) {
+    if (pHigh) *pHigh = static_cast<DWORD>(m_nLogicalSize >> 32);
+    return static_cast<DWORD>(m_nLogicalSize);
+  }
+  return ::GetFileSize(m_hFile, pHigh);
+}
+
+BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) {
+  if (m_bWebFile) {
+    int n = m_pWebWriter ? m_pWebWriter->Read(pBuffer, nToRead) : 0;
+    if (n <= 0) return 0;
+    if (pRead) *pRead = static_cast<DWORD>(n);
+    return 1;
+  }
+  if (m_bVirtual) {
+    int n = m_pVirtualFile ? m_pVirtualFile->Read(pBuffer, nToRead) : 0;
+    if (pRead) *pRead = static_cast<DWORD>(n);
+    return 1;
+  }
+  if (UsesCache()) return 0;
+  DWORD nRead = 0;
+  try {
+    LARGE_INTEGER zero{}, pos{};
+    if (!::SetFilePointerEx(m_hFile, zero, &pos, FILE_CURRENT))
+      LogEntry("\n    seek file pos when read:   ", SeekDetail(0, pos.QuadPart));
+    BOOL bOk = ::ReadFile(m_hFile, pBuffer, nToRead, &nRead, pOverlapped);
+    if (pRead) *pRead = nRead;
+    if (!bOk) LogEntry("\n    read file  :   ", ReadDetail(nToRead, nRead));
+    return bOk;
+  } catch (...) {
+    LogEntry("\n    read file exception  :   ", ReadDetail(nToRead, nRead));
+    throw;
+  }
+}
+
+// ---- Close, user data and status -------------------------------------------
+
+BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
+  if (m_bWebFile) return (m_pWebWriter && m_pWebWriter->Close() == 1) ? 1 : 0;
+  if (m_bVirtual) {
+    if (m_pVirtualFile) m_pVirtualFile->Close();
+    return 1;
+  }
+  LeaveRegistry();
+  if (m_pPool) {
+    // Close waits, without a time limit, until every queued record is in
+    // the file and the cache thread has ended.
+    m_pPool->WriteBuffer(nullptr, 0);
+    CacheStop();
+  }
+  bool ok = true;
+  m_nLogicalPos = 0;
+  m_nLogicalSize = 0;
+  RefreshStatus();
+  if (m_info.bstrDiskPoolPath && SysStringLen(m_info.bstrDiskPoolPath) > 0) ::RemoveDirectoryW(m_info.bstrDiskPoolPath);
+  ::FlushFileBuffers(m_hFile);
+  {
+    CAutoLock lock(&m_csUserData);
+    m_userData.RemoveAll();
+  }
+  if (m_nStaged > 0) {
+    DWORD nWritten = BlockWrite(m_hFile, m_pStaging, m_nStaged);
+    ok = nWritten == static_cast<DWORD>(m_nStaged);
+    m_nStaged = 0;
+  }
+  if (m_info.nOpMode == 2 && m_nPresetSize > 0) {
+    LARGE_INTEGER end{};
+    end.QuadPart = static_cast<LONGLONG>(m_nExtent);
+    if (!::SetFilePointerEx(m_hFile, end, nullptr, FILE_BEGIN) || !::SetEndOfFile(m_hFile)) {
+      DWORD err = GetLastError();
+      ::CloseHandle(m_hFile);
+      m_hFile = INVALID_HANDLE_VALUE;
+      SetLastError(err);
+      return 0;
+    }
+  }
+  QLT_WriterOption::ClearItem(m_bstrFileName);
+  BOOL bClosed = ::CloseHandle(m_hFile);
+  m_hFile = INVALID_HANDLE_VALUE;
+  return (bClosed && ok && m_nFailedWrites == 0) ? 1 : 0;
+}
+
+BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
+  if (m_bWebFile || m_bVirtual) return 1;
+  CAutoLock lock(&m_csUserData);
+  if (m_userData.IsEmpty()) return 0;
+  list.RemoveAll();
+  if (nMode == 0) {
+    list.Add(m_userData[m_userData.GetSize() - 1]);
+    return 1;
+  }
+  if (nMode == 1) {
+    for (int i = 0; i < m_userData.GetSize(); ++i) list.Add(m_userData[i]);
+    return 1;
+  }
+  return 0;
+}
+
+void KxFileEx::RefreshStatus() {
+  CAutoLock lock(&m_csStatus);
+  uint64_t pending = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
+  if (!UsesCache()) {
+    LARGE_INTEGER size{};
+    if (GetFileSizeEx(m_hFile, &size)) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
+  }
+  m_status.bstrFileName = m_bstrFileName;
+  m_status.nFileLength = m_nLogicalSize;
+  m_status.nPendingBytes = pending;
+  m_status.nEstimateMs = m_nBytesOnDisk > 0
+                             ? static_cast<int32_t>(static_cast<int64_t>(m_nWriteMs) * static_cast<int64_t>(pending) /
+                                                    static_cast<int64_t>(m_nBytesOnDisk))
+                             : 0;
+}
+
+KxWriterStatus KxFileEx::GetStatus() {
+  CAutoLock lock(&m_csStatus);
+  return m_status;
+}

@@ -1,0 +1,207 @@
+// KxFileEx: the implementation behind QLCT_FileEx.
+//
+// A local file is written through the staging engine: the host's bytes are
+// gathered into whole blocks of m_nBlockSize bytes and each block goes to
+// the file system through one block write, which times it for the write
+// timing log, tracks positions, forces a flush past 16 MiB and, with
+// WriteRetryCount set, flushes every block and rewrites a failed one after
+// reopening the file. Web and virtual-storage files are handed to the
+// plug-in objects of the companion libraries.
+//
+// Results follow the platform's file calls (0 for failure). Failures write
+// error-log entries while LogFileOn is set and report error code 200 to the
+// utility library's register. No operation lets an exception out.
+//
+// Threads: a writer serves one host thread at a time; every field below is
+// used on that thread only unless its comment says otherwise. m_cs is held
+// across opening and attaching a local file and around the status refresh.
+#ifndef QLTFSDK_WRITER_KX_FILE_EX_H
+#define QLTFSDK_WRITER_KX_FILE_EX_H
+
+#include <cstdint>
+#include <string>
+
+#include "companions/virtualfile/qvf_virtual_file.h"
+#include "companions/webfile/web_file_api.h"
+#include "diagnostics/error_code_register.h"
+#include "diagnostics/log_file_writer2.h"
+#include "pool/registry.h"
+#include "qltfsdk/datafifopool.h"
+#include "qltfsdk/fileex.h"
+
+// The writer's status, as the registry of files being written reads it
+// (under m_csStatus).
+struct KxWriterStatus {
+  CComBSTR bstrFileName;       // the open file's name
+  int32_t bFound = 0;          // set by the registry's lookup, not here
+  uint64_t nFileLength = 0;    // bytes
+  uint64_t nPendingBytes = 0;  // accepted but not counted on disk
+  int32_t nEstimateMs = 0;     // time to write the pending bytes
+};
+
+class KxFileEx {
+ public:
+  KxFileEx();
+  virtual ~KxFileEx();
+  KxFileEx(const KxFileEx&) = delete;
+  KxFileEx& operator=(const KxFileEx&) = delete;
+
+  // Copies *pInfo (null keeps the defaults). Always 1.
+  BOOL Initialize(const QLCT_FIlEACCESSINFO_ST* pInfo);
+
+  // Opens a file; returns its handle or 0. See QLCT_FileEx.
+  HANDLE CreateKXFile(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                      LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
+                      DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
+  BOOL Attach(HANDLE hFile, const CComBSTR& strFileName);
+
+  // The handle argument of these calls is ignored for local files: the
+  // writer works on its own m_hFile.
+  DWORD GetFileSize(HANDLE hFile, LPDWORD pHigh);
+  BOOL GetFileSizeEx(HANDLE hFile, PLARGE_INTEGER pSize);
+  DWORD SetFilePointer(HANDLE hFile, LONG lDistance, LONG* pDistanceHigh, DWORD dwMoveMethod);
+  BOOL SetFilePointerEx(HANDLE hFile, LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos, DWORD dwMoveMethod);
+  BOOL ReadFile(HANDLE hFile, LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped);
+  BOOL WriteFile(HANDLE hFile, LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, LPOVERLAPPED pOverlapped,
+                 DWORD dwUserData);
+  BOOL CloseHandle(HANDLE hFile);
+  BOOL GetUserDataList(CArray<DWORD, DWORD>& list, int nMode);
+
+  // A copy of the status record (taken under m_csStatus). Any thread.
+  KxWriterStatus GetStatus();
+
+  // For tests and tools: the current write block size and staged bytes.
+  int32_t BlockSize() const { return m_nBlockSize; }
+  int32_t StagedBytes() const { return m_nStaged; }
+
+ private:
+  // Open helpers.
+  HANDLE OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions);
+  HANDLE OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                     DWORD dwCreationDisposition);
+  HANDLE OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition,
+                   DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
+  // Allocates hFile at its registered preset size (managed mode). False
+  // when moving the pointer or setting the end failed.
+  bool ApplyPresetSize(HANDLE hFile, const CComBSTR& strName);
+  // Takes the registered block size for the name, growing the staging
+  // buffer when needed. False for a block size below 1 or no memory.
+  bool ApplyBlockSize(const CComBSTR& strName);
+  void ResetCounters();
+  // Sets up the write cache for the open file; above 0 on success.
+  int SetUpCache();
+  // True when the open file is written through a write cache (asked for by
+  // the access information or the registry); without a pool such a file
+  // refuses writes and seeks.
+  bool UsesCache() const { return m_info.nCacheMode != 0; }
+
+  // The write cache (write_cache.cc). Queue hands one record to the pool:
+  // 0 without a pool, 1 for a length below 1 (nothing queued), else the
+  // pool's result. QueueWrite queues a write as header and data records
+  // (split into several when longer than one record can be); QueueSeek a
+  // seek as header and seek record. Host thread.
+  BOOL Queue(const void* pBuffer, int nLength);
+  bool QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData);
+  bool QueueSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod);
+  // Waits until no cache thread runs (joining it), then stops the pool.
+  void CacheStop();
+  // Stops the pool at once (queued records are dropped), then joins the
+  // thread: for a cache that must end without being drained.
+  void CacheAbort();
+  static DWORD WINAPI CacheThreadMain(LPVOID pWriter);
+  DWORD RunCacheThread();
+  // The offset a block write reports to the timing log: the host's logical
+  // position, or, while a cache thread does the writes, its own position.
+  __int64 LoggedOffset() const { return static_cast<__int64>(m_pPool ? m_nPhysPos : m_nLogicalPos); }
+
+  // The block write: writes nLength bytes at the file pointer and returns
+  // the bytes written (0 on failure).
+  DWORD BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength);
+  // The retry write: writes to m_hFile, flushes, and on failure reopens the
+  // file, seeks back to m_nGoodPos and writes again, WriteRetryCount times.
+  BOOL RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten);
+  // One timed platform write to m_hFile with its bookkeeping and entries.
+  DWORD WriteOnce(const BYTE* pBuffer, DWORD nLength);
+  // Writes out the staged bytes; true when all of them reached the file.
+  bool WriteOutStaged();
+  void TrackWritten(DWORD nWritten);
+
+  void LogEntry(const char* pszTitle, const std::wstring& strDetail);
+  void RefreshStatus();
+
+  // Identity and locking.
+  GUID m_guid{};
+  CRITICAL_SECTION m_cs;  // held across local open, attach and the status refresh
+
+  // Configuration.
+  QLCT_FIlEACCESSINFO_ST m_info{};  // own copy; the BSTR is owned
+
+  // The open file.
+  HANDLE m_hFile;                             // local file; INVALID_HANDLE_VALUE when none
+  std::wstring m_strPath;                     // path of the local file, named by error-log entries
+  CComBSTR m_bstrFileName;                    // name given to CreateKXFile/Attach
+  BOOL m_bVirtual = 0;                        // the file lives in the virtual storage (never cleared)
+  CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; ended with QltDeleteVirtualFile
+  BOOL m_bWebFile = 0;                        // the file is a web file (never cleared)
+  CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1)
+
+  // Staging.
+  BYTE* m_pStaging = nullptr;  // m_nStagingCapacity bytes, owned
+  int64_t m_nStagingCapacity = 0;
+  int32_t m_nBlockSize = 0;   // write block size, above 0
+  int32_t m_nStaged = 0;      // 0 <= m_nStaged < m_nBlockSize between calls
+  uint64_t m_nUnflushed = 0;  // bytes handed to the file system since the last forced flush
+
+  // Positions and sizes.
+  uint64_t m_nLogicalPos = 0;   // next byte the host writes, staged bytes counted
+  uint64_t m_nLogicalSize = 0;  // largest m_nLogicalPos reached
+  uint64_t m_nPhysPos = 0;      // where the last file-system write ended
+  uint64_t m_nExtent = 0;       // furthest end of any write or seek; close trims to it
+  uint64_t m_nGoodPos = 0;      // position after the last complete retry write
+  uint64_t m_nPresetSize = 0;   // preset size applied at open, 0 if none
+
+  // Failure bookkeeping.
+  uint64_t m_nFailedWrites = 0;  // WriteFile calls that did not write everything
+  CLogFileWriter2 m_errorLog;
+  CErrorCodeRegister m_errorCodes;
+
+  // Write cache (set up by SetUpCache when a cache is asked for). The host
+  // thread sets these while no cache thread runs; the thread only reads
+  // them. While the thread runs it alone makes the block writes and seeks,
+  // so m_hFile, m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its
+  // own until CacheStop has joined it.
+  QLCT_DataFifoPool* m_pPool = nullptr;  // owned; null: no cache
+  HANDLE m_hCacheIdle = nullptr;         // manual reset; set while no cache thread runs
+  HANDLE m_hCacheThread = nullptr;       // the running cache thread, joined by CacheStop
+  uint32_t m_nCacheFileTag = 0;          // the handle when the cache started, for the record headers
+  int m_nCacheRecordMax = 0;             // the longest record the pool takes
+
+  // Status.
+  KxWriterStatus m_status;        // guarded by m_csStatus
+  CRITICAL_SECTION m_csStatus;    // the status record's own lock; the registry takes it after its writer-list lock
+  uint64_t m_nBytesAccepted = 0;  // bytes accepted by WriteFile since the open
+  uint64_t m_nBytesOnDisk = 0;    // bytes written by the sector-aligned route (never taken here)
+  int32_t m_nWriteMs = 0;         // time spent in that route
+
+  // User data of the writes, in write order.
+  CArray<DWORD, DWORD> m_userData;  // guarded by m_csUserData
+  CRITICAL_SECTION m_csUserData;    // a cache thread appends while the host reads
+
+  // The writer as the registry of files being written sees it: listed while
+  // a local file is open, so hosts can ask for its status.
+  class CRegistryEntry final : public qlt::pool::CWriterStatusSource {
+   public:
+    explicit CRegistryEntry(KxFileEx* pWriter) : m_pWriter(pWriter) {}
+    GUID WriterGuid() const override { return m_pWriter->m_guid; }
+    bool CopyStatus(QLCT_POOL_STATUS_ST* pOut) override;
+
+   private:
+    KxFileEx* const m_pWriter;
+  };
+  CRegistryEntry m_registryEntry{this};
+  bool m_bRegistered = false;  // host thread only
+  void EnterRegistry();
+  void LeaveRegistry();
+};
+
+#endif  // QLTFSDK_WRITER_KX_FILE_EX_H

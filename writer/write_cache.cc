@@ -1,0 +1,255 @@
+// The writer's write cache: queued writes and seeks drained by a cache
+// thread, and the writer's entry in the registry of files being written.
+#include <cstdio>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "diagnostics/error_log.h"
+#include "diagnostics/sdk_settings.h"
+#include "platform/platform.h"
+#include "writer/kx_file_ex.h"
+
+namespace {
+
+constexpr int32_t kTypeData = 1;
+constexpr int32_t kTypeSeek = 2;
+constexpr size_t kThreadBuffer = 1048576;  // the cache thread's first data buffer
+constexpr size_t kGrowSlack = 51200;       // spare bytes when that buffer grows
+constexpr int kRecordLengthBytes = 4;      // the pool's own length field per record
+
+// The record in front of every queued write or seek.
+struct CacheHeader {
+  int32_t nType;        // kTypeData or kTypeSeek
+  uint32_t dwUserData;  // the write's user data; 0 for a seek
+  int32_t nLength;      // bytes of the data record that follows; 24 for a seek
+  uint32_t dwHandle;    // the file's handle when the cache started (not used to write)
+};
+static_assert(sizeof(CacheHeader) == 16, "the header record is 16 bytes");
+
+struct CacheSeek {
+  int32_t bExtended;  // 1: 64-bit seek; 0: 32-bit seek
+  int32_t nReserved1;
+  uint32_t dwLow;
+  int32_t nHigh;
+  uint32_t dwMethod;
+  int32_t nReserved2;
+};
+static_assert(sizeof(CacheSeek) == 24, "the seek record is 24 bytes");
+
+uint32_t LittleEndian32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+         static_cast<uint32_t>(p[3]) << 24;
+}
+
+// "%08x-%04x-%04x-%08x-%08x": Data1, Data2, Data3, then Data4's two halves
+// each read as a little-endian 32-bit number.
+std::wstring GuidText(const GUID& guid) {
+  wchar_t text[48] = {};
+  std::swprintf(text, 48, L"%08x-%04x-%04x-%08x-%08x", guid.Data1, static_cast<unsigned>(guid.Data2),
+                static_cast<unsigned>(guid.Data3), LittleEndian32(guid.Data4), LittleEndian32(guid.Data4 + 4));
+  return text;
+}
+
+}  // namespace
+
+// ---- Set-up and stop ----------------------------------------------------------
+
+int KxFileEx::SetUpCache() {
+  int result = 1;
+  // After a close the old cache has ended already. A file opened without
+  // closing the previous one ends the old cache without draining it, since
+  // its records belong to the previous file.
+  CacheAbort();
+  delete m_pPool;
+  m_pPool = nullptr;
+
+  qlt::pool::CacheRequest request = qlt::pool::LookUpCacheRequest(m_bstrFileName);
+  if (request.bFound && request.dwRequest != 0) m_info.nCacheMode = 3;
+  if (m_info.nCacheMode == 0 || m_info.nOpMode != 2) return result;
+
+  std::wstring folder = request.cDrive ? std::wstring(1, request.cDrive) + L":\\" : std::wstring(CacheDriveRoot);
+  folder += GuidText(m_guid);
+  BSTR bstrFolder = SysAllocString(folder.c_str());
+  if (!bstrFolder) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
+  SysFreeString(m_info.bstrDiskPoolPath);
+  m_info.bstrDiskPoolPath = bstrFolder;
+
+  m_pPool = new (std::nothrow) QLCT_DataFifoPool;
+  if (!m_pPool) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
+  // Every step runs even after one has failed; any failure fails the set-up.
+  if (m_pPool->Initialize() < 1) result = 0;
+  if (m_info.nCacheMode != 1) {
+    if (m_pPool->SetBufferingMode(1) < 1) result = 0;
+    if (m_pPool->SetDiskPoolProps(CComBSTR(folder.c_str()), m_info.dwDiskPoolSize) <= 0) result = 0;
+  } else if (m_pPool->SetBufferingMode(0) <= 0) {
+    result = 0;
+  }
+  if (m_pPool->SetFifoOpMode(m_info.nOpMode) < 1) result = 0;
+  if (m_pPool->SetMemoryPoolSize(m_info.dwMemoryPoolSize) < 1) result = 0;
+  if (m_pPool->SetWriteCacheSize(m_info.dwWriteCacheSize) < 1) result = 0;
+  if (m_pPool->StartFifo() == 0) result = 0;
+  DWORD nSmaller =
+      m_info.dwMemoryPoolSize < m_info.dwWriteCacheSize ? m_info.dwMemoryPoolSize : m_info.dwWriteCacheSize;
+  m_nCacheRecordMax = nSmaller > static_cast<DWORD>(INT32_MAX) ? INT32_MAX - kRecordLengthBytes
+                                                               : static_cast<int>(nSmaller) - kRecordLengthBytes;
+  m_nCacheFileTag = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(m_hFile));
+
+  ResetEvent(m_hCacheIdle);
+  m_hCacheThread = CreateThread(nullptr, 0, &KxFileEx::CacheThreadMain, this, 0, nullptr);
+  if (!m_hCacheThread) {
+    // No thread will set the event: set it here so no stop waits for ever.
+    SetEvent(m_hCacheIdle);
+    result = 0;
+  }
+  if (result == 0) {
+    // A failed cache ends here, and so does its folder.
+    CacheAbort();
+    ::RemoveDirectoryW(m_info.bstrDiskPoolPath);
+  }
+  return result;
+}
+
+void KxFileEx::CacheStop() {
+  if (m_hCacheThread) {
+    WaitForSingleObject(m_hCacheThread, INFINITE);
+    ::CloseHandle(m_hCacheThread);  // the thread has ended: this joins it
+    m_hCacheThread = nullptr;
+  }
+  WaitForSingleObject(m_hCacheIdle, INFINITE);
+  if (m_pPool) m_pPool->StopFifo();
+}
+
+void KxFileEx::CacheAbort() {
+  if (m_pPool) m_pPool->StopFifo();  // a waiting cache thread gets the end at once
+  CacheStop();
+}
+
+// ---- Queuing (host thread) -------------------------------------------------------
+
+BOOL KxFileEx::Queue(const void* pBuffer, int nLength) {
+  if (!m_pPool) return 0;
+  if (nLength < 1) return 1;
+  return m_pPool->WriteBuffer(pBuffer, nLength);
+}
+
+bool KxFileEx::QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData) {
+  if (!m_pPool || m_nCacheRecordMax < static_cast<int>(sizeof(CacheSeek))) return false;
+  // A write longer than one record goes as several; the user data rides on
+  // the last, so it is recorded once all the bytes are in the file.
+  DWORD nLeft = nLength;
+  do {
+    DWORD nPart = nLeft > static_cast<DWORD>(m_nCacheRecordMax) ? static_cast<DWORD>(m_nCacheRecordMax) : nLeft;
+    nLeft -= nPart;
+    CacheHeader header{kTypeData, nLeft == 0 ? dwUserData : 0, static_cast<int32_t>(nPart), m_nCacheFileTag};
+    // The data goes only behind an accepted header, so the thread never
+    // takes one record for another.
+    if (!Queue(&header, sizeof header) || !Queue(pData, static_cast<int>(nPart))) return false;
+    pData += nPart;
+  } while (nLeft > 0);
+  return true;
+}
+
+bool KxFileEx::QueueSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod) {
+  CacheHeader header{kTypeSeek, 0, static_cast<int32_t>(sizeof(CacheSeek)), m_nCacheFileTag};
+  CacheSeek seek{1, 0, liDistance.u.LowPart, liDistance.u.HighPart, dwMoveMethod, 0};
+  return Queue(&header, sizeof header) && Queue(&seek, sizeof seek);
+}
+
+// ---- The cache thread ------------------------------------------------------------
+
+DWORD WINAPI KxFileEx::CacheThreadMain(LPVOID pWriter) { return static_cast<KxFileEx*>(pWriter)->RunCacheThread(); }
+
+DWORD KxFileEx::RunCacheThread() {
+  if (!m_pPool) {
+    SetEvent(m_hCacheIdle);
+    return 0;
+  }
+  std::vector<BYTE> buffer;
+  try {
+    buffer.resize(kThreadBuffer);
+    for (;;) {
+      CacheHeader header{};
+      int nLength = 0;
+      // Records come whole and in order: a header, then its data or seek.
+      if (!m_pPool->ReadBuffer(&header, nLength) || nLength != static_cast<int>(sizeof header)) break;
+      if (header.nType == kTypeData) {
+        if (header.nLength > 0 && static_cast<size_t>(header.nLength) > buffer.size()) {
+          buffer.resize(static_cast<size_t>(header.nLength) + kGrowSlack);
+        }
+        if (header.nLength > 0) {
+          if (!m_pPool->ReadBuffer(buffer.data(), nLength) || nLength < 0) break;
+          BlockWrite(m_hFile, buffer.data(), nLength);
+        }
+        if (header.dwUserData != 0) {
+          CAutoLock lock(&m_csUserData);
+          m_userData.Add(header.dwUserData);
+        }
+      } else if (header.nType == kTypeSeek) {
+        CacheSeek seek{};
+        if (!m_pPool->ReadBuffer(&seek, nLength) || nLength != static_cast<int>(sizeof seek)) break;
+        // The writer's current handle: a retry on this thread may have
+        // replaced the one the record was queued with.
+        LARGE_INTEGER distance{}, newPos{};
+        distance.u.LowPart = seek.dwLow;
+        distance.u.HighPart = seek.nHigh;
+        BOOL bOk;
+        if (seek.bExtended) {
+          bOk = ::SetFilePointerEx(m_hFile, distance, &newPos, seek.dwMethod);
+        } else {
+          LONG nHigh = seek.nHigh;
+          DWORD nLow = ::SetFilePointer(m_hFile, static_cast<LONG>(seek.dwLow), &nHigh, seek.dwMethod);
+          bOk = !(nLow == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR);
+          newPos.u.LowPart = nLow;
+          newPos.u.HighPart = nHigh;
+        }
+        if (bOk) {
+          m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
+          if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
+        } else if (SdkSettings.LogFileOn != 0) {
+          WriteErrorLogEntry(m_errorLog, m_strPath, "\n    seek file pos :   ",
+                             (L"Mov pos :" + std::to_wstring(distance.QuadPart) + L"   new pos " +
+                              std::to_wstring(newPos.QuadPart) + L": \n")
+                                 .c_str());
+        }
+      }
+    }
+  } catch (...) {
+    // Out of memory for the buffer or a copy: the thread ends; close still
+    // finds it idle and the file closed in order.
+  }
+  RefreshStatus();
+  SetEvent(m_hCacheIdle);
+  return 1;
+}
+
+// ---- The registry of files being written ------------------------------------------
+
+bool KxFileEx::CRegistryEntry::CopyStatus(QLCT_POOL_STATUS_ST* pOut) {
+  CAutoLock lock(&m_pWriter->m_csStatus);
+  const KxWriterStatus& status = m_pWriter->m_status;
+  pOut->bstrFileName = status.bstrFileName.Copy();
+  if (!pOut->bstrFileName && status.bstrFileName.m_str) return false;
+  pOut->dwFound = 0;
+  pOut->nFileLength = status.nFileLength;
+  pOut->nPendingBytes = status.nPendingBytes;
+  pOut->dwEstimateMs = static_cast<DWORD>(status.nEstimateMs);
+  return true;
+}
+
+void KxFileEx::EnterRegistry() {
+  RefreshStatus();
+  if (!m_bRegistered) m_bRegistered = qlt::pool::RegisterWriter(&m_registryEntry) == 1;
+}
+
+void KxFileEx::LeaveRegistry() {
+  if (!m_bRegistered) return;
+  qlt::pool::UnregisterWriter(&m_registryEntry);
+  m_bRegistered = false;
+}
