@@ -19,7 +19,12 @@ function(qlt_include_root target)
   get_filename_component(parent ${root}/${folder} DIRECTORY)
   file(MAKE_DIRECTORY ${parent})
   file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${root}/${folder} SYMBOLIC)
-  target_include_directories(${target} PUBLIC
+  get_target_property(type ${target} TYPE)
+  set(scope PUBLIC)
+  if(type STREQUAL "INTERFACE_LIBRARY")
+    set(scope INTERFACE)
+  endif()
+  target_include_directories(${target} ${scope}
     $<BUILD_INTERFACE:${root}>
     $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/include>)
 endfunction()

@@ -4,7 +4,7 @@
 #include <new>
 
 #include "diagnostics/error_log.h"
-#include "diagnostics/logbook_api.h"
+#include "companions/logbook/logbook_api.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/virtual_storage.h"
 #include "diagnostics/web_plugin.h"

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <regex>
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 #include "tests/writer/writer_test_util.h"
 
 namespace qlt::test {
