@@ -99,14 +99,15 @@ typedef DWORD(WINAPI* LPTHREAD_START_ROUTINE)(LPVOID);
 namespace qlt::win {
 
 // ---- Files ---------------------------------------------------------------------
-// Opens or creates a file. dwShareMode is enforced between handles of this
+// CreateFileW (declared in qltfsdk/wintypes.h, which hosts see) opens or
+// creates a file. dwShareMode is enforced between handles of this
 // process (a conflicting open fails with ERROR_SHARING_VIOLATION).
 // FILE_FLAG_NO_BUFFERING opens for direct I/O where the file system allows it
 // (buffers, sizes and offsets must then be multiples of 512 bytes);
 // FILE_FLAG_WRITE_THROUGH makes every write reach the device before it
 // returns; FILE_FLAG_SEQUENTIAL_SCAN is a read-ahead hint. CREATE_ALWAYS and
 // OPEN_ALWAYS on an existing file succeed with last error ERROR_ALREADY_EXISTS.
-// (Declared in qltfsdk/wintypes.h, which hosts see.)
+
 // Reads up to n bytes at the file pointer (or at the offset of lpOverlapped).
 // Loops over interrupted and partial reads; fewer bytes only at end of file.
 QLTPLATFORM_API BOOL ReadFile(HANDLE h, LPVOID buf, DWORD n, LPDWORD pRead, LPOVERLAPPED lpOverlapped);
@@ -126,7 +127,14 @@ QLTPLATFORM_API BOOL FlushFileBuffers(HANDLE h);
 // made: file, event, thread or find handle. Each kind closes through its
 // object's own virtual close; the object itself lives until the last call in
 // flight on it has returned.
+
+// Deletes a file; ERROR_SHARING_VIOLATION while a handle that does not share
+// deletion is open on it.
 QLTPLATFORM_API BOOL DeleteFileW(LPCWSTR path);
+// Renames a file. An existing destination fails with ERROR_ALREADY_EXISTS
+// unless flags hold MOVEFILE_REPLACE_EXISTING; a source or destination open
+// without FILE_SHARE_DELETE fails with ERROR_SHARING_VIOLATION; another file
+// system, ERROR_NOT_SAME_DEVICE.
 QLTPLATFORM_API BOOL MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags);
 // Creates one directory level; ERROR_ALREADY_EXISTS or ERROR_PATH_NOT_FOUND.
 QLTPLATFORM_API BOOL CreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES sa);

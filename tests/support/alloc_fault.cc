@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 
 namespace {
@@ -14,25 +15,33 @@ thread_local int t_nCountdown = 0;
 thread_local bool t_bFired = false;
 
 // Allocations made by the platform library's own code are not counted: the
-// platform layer's containment is tested with that layer. The caller that
-// decides is the first frame outside the C++ library (a std::string of the
-// platform layer allocates from inside libstdc++).
-bool FromPlatformLibrary(const void* pCaller) {
-  void* frames[16];
-  const int nFrames = backtrace(frames, 16);
-  int i = 0;
-  while (i < nFrames && frames[i] != pCaller) ++i;
-  for (; i < nFrames; ++i) {
+// platform layer's containment is tested with that layer. The module that
+// decides is the first one on the stack that is neither this program (the
+// allocator, the test) nor a runtime library (a std::string of the platform
+// layer allocates from inside libstdc++).
+// The C++ library, the unwinder and the sanitizer runtimes.
+bool IsRuntime(const char* pszFile) {
+  for (const char* pszName : {"libstdc++", "libgcc_s", "libasan", "libtsan", "libubsan"})
+    if (std::strstr(pszFile, pszName)) return true;
+  return false;
+}
+
+bool FromPlatformLibrary() {
+  Dl_info self{};
+  dladdr(reinterpret_cast<const void*>(&FromPlatformLibrary), &self);
+  void* frames[32];
+  const int nFrames = backtrace(frames, 32);
+  for (int i = 0; i < nFrames; ++i) {
     Dl_info info{};
     if (!dladdr(frames[i], &info) || !info.dli_fname) return false;
     if (std::strstr(info.dli_fname, "libqltplatform")) return true;
-    if (!std::strstr(info.dli_fname, "libstdc++")) return false;
+    if (std::strcmp(info.dli_fname, self.dli_fname) != 0 && !IsRuntime(info.dli_fname)) return false;
   }
   return false;
 }
 
-void* Allocate(std::size_t nBytes, const void* pCaller) {
-  if (t_nCountdown > 0 && !FromPlatformLibrary(pCaller) && --t_nCountdown == 0) {
+void* Allocate(std::size_t nBytes) {
+  if (t_nCountdown > 0 && !FromPlatformLibrary() && --t_nCountdown == 0) {
     t_bFired = true;
     throw std::bad_alloc();
   }
@@ -41,9 +50,9 @@ void* Allocate(std::size_t nBytes, const void* pCaller) {
   return p;
 }
 
-void* AllocateOrNull(std::size_t nBytes, const void* pCaller) noexcept {
+void* AllocateOrNull(std::size_t nBytes) noexcept {
   try {
-    return Allocate(nBytes, pCaller);
+    return Allocate(nBytes);
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -53,14 +62,10 @@ void* AllocateOrNull(std::size_t nBytes, const void* pCaller) noexcept {
 
 // Every unaligned form is replaced, so that allocation and release always
 // meet in this pair (malloc and free), also under the sanitizers.
-void* operator new(std::size_t nBytes) { return Allocate(nBytes, __builtin_return_address(0)); }
-void* operator new[](std::size_t nBytes) { return Allocate(nBytes, __builtin_return_address(0)); }
-void* operator new(std::size_t nBytes, const std::nothrow_t&) noexcept {
-  return AllocateOrNull(nBytes, __builtin_return_address(0));
-}
-void* operator new[](std::size_t nBytes, const std::nothrow_t&) noexcept {
-  return AllocateOrNull(nBytes, __builtin_return_address(0));
-}
+void* operator new(std::size_t nBytes) { return Allocate(nBytes); }
+void* operator new[](std::size_t nBytes) { return Allocate(nBytes); }
+void* operator new(std::size_t nBytes, const std::nothrow_t&) noexcept { return AllocateOrNull(nBytes); }
+void* operator new[](std::size_t nBytes, const std::nothrow_t&) noexcept { return AllocateOrNull(nBytes); }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
