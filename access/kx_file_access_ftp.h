@@ -1,0 +1,129 @@
+// KxFileAccessFtp: the file access back-end for files on an FTP server.
+//
+// A host connects with LogInHost, then opens one remote file at a time in
+// binary mode for reading (mode 1) or writing (mode 2). One login serves one
+// file: CloseFile disconnects, so the host logs in again before the next
+// OpenFile. Writing a path creates its missing directories first. Data
+// connections are active by default; a host chooses passive mode by writing
+// the host as "name;passive", or for every login with Passive=1 in the
+// section [FTP] of qltfsdk.ini (see FtpDefaultOptions).
+//
+// Every network wait is bounded (connect and idle time-outs, FtpOptions): a
+// server that refuses, stalls, drops the data connection or disappears makes
+// the call fail, and the object stays usable for a new LogInHost.
+//
+// Positions: SetPosition takes the low 32 bits of the request as a signed
+// value, so positions from 2 GiB on cannot be reached, and it and a skipping
+// Read (null buffer) report the low 32 bits of the new position. GetLength
+// and GetPosition are 64-bit.
+//
+// Thread rule: one caller thread at a time. In asynchronous mode one worker
+// thread reads ahead or writes behind through a ring; CloseFile ends it
+// (aborting a remote read it is blocked in) and joins it.
+#ifndef QLTFSDK_ACCESS_KX_FILE_ACCESS_FTP_H
+#define QLTFSDK_ACCESS_KX_FILE_ACCESS_FTP_H
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "access/ftp_session.h"
+#include "access/kx_file_access_base.h"
+#include "fifo/ring_stream.h"
+
+class KxFileAccessFtp : public KxFileAccessBase {
+ public:
+  KxFileAccessFtp();
+  // Closes any open file (waiting for its worker) and disconnects.
+  ~KxFileAccessFtp() override;
+
+  // Closes any open file, then connects and logs in. 1 when logged in, else
+  // 0 (last error set; the object is then disconnected).
+  int LogInHost(CComBSTR strHost, CComBSTR strUser, CComBSTR strPassword, int nPort) override;
+  // Closes any open file (which disconnects), so it needs a LogInHost before
+  // it. One leading '/' or '\' is removed from the path. Mode 1 opens an
+  // existing file and records its length; mode 2 creates the missing
+  // directories and starts the upload, failing when the server refuses it;
+  // other modes open nothing and return 1. 0 when not connected or the
+  // server refuses.
+  int OpenFile(CComBSTR strPath, DWORD nMode) override;
+  // As the access interface says; EnableAsyncWrite gives 0 for a capacity
+  // below 1, EnableAsyncRead for a capacity below one read-ahead chunk.
+  int EnableAsyncWrite(int bEnable, int nBufferSize) override;
+  int EnableAsyncRead(int bEnable, int nBufferSize) override;
+  // The mode and 1 with a file open; 0xFFFFFFFF and 0 without.
+  int GetAccessMode(DWORD& nMode) override;
+  // Not supported: 0.
+  int SetReadBufferSize(DWORD nSize) override { return 0; }
+  // Bytes delivered: the full count unless the file ends; 0 on failure. A
+  // null buffer skips nCount bytes and returns the low 32 bits of the new
+  // position.
+  int Read(BYTE* pBuffer, int nCount) override;
+  __int64 GetPosition() override;
+  // Seeks to the low 32 bits of nPos taken as a signed value; returns the low
+  // 32 bits of the new position, 0 when the seek fails (negative, not open
+  // for reading, server failure).
+  int SetPosition(__int64 nPos) override;
+  // nCount on success; 0 on failure, after which the object is disconnected
+  // (the file stays open until CloseFile).
+  int Write(const BYTE* pBuffer, int nCount) override;
+  // 0 with no file. Otherwise ends the worker, completes an upload (its
+  // outcome is left in the last error: ERROR_SUCCESS when the server took the
+  // whole file), closes the file, disconnects and returns 1.
+  int CloseFile() override;
+
+  // Connection settings for the next LogInHost (tests shorten the time-outs).
+  void SetOptions(const FtpOptions& options) { m_session.SetOptions(options); }
+
+  static constexpr int kReadAheadChunk = 40960;  // bytes per read-ahead step
+
+ private:
+  int DirectRead(BYTE* pBuffer, int nCount);
+  int DirectWrite(const BYTE* pBuffer, int nCount);
+  void Disconnect();
+  bool StartWorker(bool bRead, int nCapacity);
+  void StopWorker();
+  void EndAsync();
+  int EnableAsync(bool bRead, int bEnable, int nBufferSize);
+  int AsyncRead(BYTE* pBuffer, int nCount);
+  int AsyncWrite(const BYTE* pBuffer, int nCount);
+  static DWORD WINAPI ReadAheadMain(LPVOID self);
+  static DWORD WINAPI WriteBehindMain(LPVOID self);
+  void ReadAhead();
+  void WriteBehind();
+
+  // Caller-thread state (the worker reads m_session only while it runs, and
+  // the caller touches m_session then only through Abort).
+  CFtpSession m_session;
+  bool m_bConnected = false;  // logged in
+  bool m_bFileOpen = false;   // a remote file is open (m_pFile of the behaviour)
+  std::wstring m_strAgent = L"QlFtpClient";
+  std::wstring m_strHost, m_strUser;
+  int m_nPort = 0;
+  CComBSTR m_bstrPath;  // last path opened, without its leading separator
+  DWORD m_nAccessMode = 0;
+  // A write failed, so the upload cannot complete. Set by whichever thread
+  // writes (the caller, or the write-behind worker), read by both; relaxed
+  // is enough: it carries no data, and CloseFile reads it after the join.
+  std::atomic<bool> m_bUploadFailed{false};
+
+  // Asynchronous scheme. m_bAsync, m_nAsyncBufferSize, m_pRing,
+  // m_nAsyncPosition: caller thread only (the worker uses the ring object
+  // through its own thread-safe calls, and CloseFile joins the worker before
+  // it destroys the ring).
+  int m_bAsync = 0;
+  int m_nAsyncBufferSize = 10485760;
+  const int m_nDefaultAsyncBufferSize = 0xA00000;
+  std::unique_ptr<CRingStream_Wd> m_pRing;
+  __int64 m_nAsyncPosition = 0;
+  ULONGLONG m_nAsyncBase = 0;  // session position when read-ahead (re)started
+  bool m_bWorkerRead = false;  // the running worker reads ahead (else writes behind)
+  HANDLE m_hWorker = nullptr;  // the running worker thread; caller thread only
+  // Written by the caller, read by the worker between chunks; relaxed is
+  // enough because the ring's lock and the events order everything else.
+  std::atomic<int> m_bStopWorker{0};
+  HANDLE m_hFileOpened;  // manual reset: a file is open, the worker may start
+  HANDLE m_hWorkerDone;  // manual reset: no worker is working
+};
+
+#endif  // QLTFSDK_ACCESS_KX_FILE_ACCESS_FTP_H
