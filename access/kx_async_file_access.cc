@@ -75,17 +75,16 @@ __int64 KxAsyncFileAccess::AsyncStop() {
   // signal (read) or an ended, empty stream (write) and leaves.
   SetEvent(m_hFileOpened);
   if (m_bWorkerReads) {
+    // Close (sticky) releases a worker waiting for ring space now or later;
+    // the flag ends its loop between chunks.
     m_bStopWorker.store(1);
-    m_pRing->StopWriting();
+    m_worker.RequestStop();
+    m_pRing->Close();
   } else {
     m_pRing->SetEndOfStream();
   }
   WaitForSingleObject(m_hWorkerDone, INFINITE);
-  if (m_hWorker) {
-    WaitForSingleObject(m_hWorker, INFINITE);
-    CloseHandle(m_hWorker);
-    m_hWorker = nullptr;
-  }
+  m_worker.Join();
   __int64 nResume = m_bWorkerReads ? m_nAsyncBase + m_nAsyncConsumed : -1;
   m_pRing->UninitStream();
   delete m_pRing;
@@ -137,8 +136,7 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
   m_nAsyncConsumed = 0;
   m_bStopWorker.store(0);
   ResetEvent(m_hWorkerDone);
-  m_hWorker = CreateThread(nullptr, 0, &KxAsyncFileAccess::WorkerMain, this, 0, nullptr);
-  if (!m_hWorker) {
+  if (!m_worker.Start([this] { WorkerMain(); })) {
     SetEvent(m_hWorkerDone);
     m_pRing->UninitStream();
     delete m_pRing;
@@ -147,12 +145,11 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
     m_pTransfer = nullptr;
     return false;
   }
-  SetThreadPriority(m_hWorker, THREAD_PRIORITY_ABOVE_NORMAL);  // best effort
   return true;
 }
 
-DWORD WINAPI KxAsyncFileAccess::WorkerMain(LPVOID pParam) {
-  auto* self = static_cast<KxAsyncFileAccess*>(pParam);
+void KxAsyncFileAccess::WorkerMain() {
+  KxAsyncFileAccess* self = this;
   WaitForSingleObject(self->m_hFileOpened, INFINITE);
   ResetEvent(self->m_hWorkerDone);
   try {
@@ -173,7 +170,6 @@ DWORD WINAPI KxAsyncFileAccess::WorkerMain(LPVOID pParam) {
   }
   self->m_pRing->SetEndOfStream();
   SetEvent(self->m_hWorkerDone);
-  return 0;
 }
 
 void KxAsyncFileAccess::ReadAheadLoop() {

@@ -32,6 +32,7 @@
 
 #include "access/kx_file_access_base.h"
 #include "fifo/ring_stream.h"
+#include "fifo/worker_thread.h"
 #include "platform/platform.h"
 
 class KxAsyncFileAccess : public KxFileAccessBase {
@@ -117,21 +118,21 @@ class KxAsyncFileAccess : public KxFileAccessBase {
 
  private:
   bool StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePos);
-  static DWORD WINAPI WorkerMain(LPVOID pParam);
+  void WorkerMain();
   void ReadAheadLoop();
   void WriteBehindLoop();
   int CallerPiece(int nCount) const;
 
   const int m_nReadAheadChunk;
-  bool m_bWorkerReads = false;    // direction of m_pRing; caller thread, fixed while a worker runs
-  bool m_bOpenSignalled = false;  // m_hFileOpened is set for an open file; caller thread
-  HANDLE m_hWorker = nullptr;     // the worker thread; joined by AsyncStop
-  BYTE* m_pTransfer = nullptr;    // worker's buffer; allocated before the worker
-                                  // starts, freed after it is joined
-  int m_nTransferSize = 0;        // bytes of m_pTransfer; fixed while a worker runs
-  int m_nRingPiece = 1;           // max bytes per ring call; fixed while a worker runs
-  __int64 m_nAsyncBase = 0;       // file position where the read-ahead began; caller thread
-  __int64 m_nAsyncConsumed = 0;   // bytes taken from the read-ahead ring; caller thread
+  bool m_bWorkerReads = false;                    // direction of m_pRing; caller thread, fixed while a worker runs
+  bool m_bOpenSignalled = false;                  // m_hFileOpened is set for an open file; caller thread
+  CWorkerThread m_worker{L"file access worker"};  // started and joined by the caller thread
+  BYTE* m_pTransfer = nullptr;                    // worker's buffer; allocated before the worker
+                                                  // starts, freed after it is joined
+  int m_nTransferSize = 0;                        // bytes of m_pTransfer; fixed while a worker runs
+  int m_nRingPiece = 1;                           // max bytes per ring call; fixed while a worker runs
+  __int64 m_nAsyncBase = 0;                       // file position where the read-ahead began; caller thread
+  __int64 m_nAsyncConsumed = 0;                   // bytes taken from the read-ahead ring; caller thread
 };
 
 #endif  // QLTFSDK_ACCESS_KX_ASYNC_FILE_ACCESS_H
