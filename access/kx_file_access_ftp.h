@@ -18,21 +18,22 @@
 // and GetPosition are 64-bit.
 //
 // Thread rule: one caller thread at a time. In asynchronous mode one worker
-// thread reads ahead or writes behind through a ring; CloseFile ends it
+// thread reads ahead or writes behind through a ring (KxAsyncFileAccess);
+// CloseFile ends it
 // (aborting a remote read it is blocked in) and joins it.
 #ifndef QLTFSDK_ACCESS_KX_FILE_ACCESS_FTP_H
 #define QLTFSDK_ACCESS_KX_FILE_ACCESS_FTP_H
 
 #include <atomic>
-#include <memory>
 #include <string>
 
 #include "access/ftp_session.h"
-#include "access/kx_file_access_base.h"
-#include "fifo/ring_stream.h"
+#include "access/kx_async_file_access.h"
 
-class KxFileAccessFtp : public KxFileAccessBase {
+class KxFileAccessFtp : public KxAsyncFileAccess {
  public:
+  static constexpr int kReadAheadChunk = 40960;  // bytes per read-ahead step
+
   KxFileAccessFtp();
   // Closes any open file (waiting for its worker) and disconnects.
   ~KxFileAccessFtp() override;
@@ -47,8 +48,8 @@ class KxFileAccessFtp : public KxFileAccessBase {
   // other modes open nothing and return 1. 0 when not connected or the
   // server refuses.
   int OpenFile(CComBSTR strPath, DWORD nMode) override;
-  // As the access interface says; EnableAsyncWrite gives 0 for a capacity
-  // below 1, EnableAsyncRead for a capacity below one read-ahead chunk.
+  // The asynchronous scheme of KxAsyncFileAccess; 0 for a capacity below 1
+  // or a file open in the other direction.
   int EnableAsyncWrite(int bEnable, int nBufferSize) override;
   int EnableAsyncRead(int bEnable, int nBufferSize) override;
   // The mode and 1 with a file open; 0xFFFFFFFF and 0 without.
@@ -57,73 +58,53 @@ class KxFileAccessFtp : public KxFileAccessBase {
   int SetReadBufferSize(DWORD nSize) override { return 0; }
   // Bytes delivered: the full count unless the file ends; 0 on failure. A
   // null buffer skips nCount bytes and returns the low 32 bits of the new
-  // position.
+  // position (in asynchronous mode: the bytes skipped).
   int Read(BYTE* pBuffer, int nCount) override;
   __int64 GetPosition() override;
   // Seeks to the low 32 bits of nPos taken as a signed value; returns the low
   // 32 bits of the new position, 0 when the seek fails (negative, not open
-  // for reading, server failure).
+  // for reading, server failure). In read-ahead mode the worker is stopped,
+  // its buffered bytes dropped, and it starts again at the new position.
   int SetPosition(__int64 nPos) override;
   // nCount on success; 0 on failure, after which the object is disconnected
-  // (the file stays open until CloseFile).
+  // (the file stays open until CloseFile). With write-behind, a failure shows
+  // at the first Write after the worker met it.
   int Write(const BYTE* pBuffer, int nCount) override;
-  // 0 with no file. Otherwise ends the worker, completes an upload (its
-  // outcome is left in the last error: ERROR_SUCCESS when the server took the
-  // whole file), closes the file, disconnects and returns 1.
+  // 0 with no file. Otherwise ends the worker (aborting a remote read it is
+  // blocked in), completes an upload (its outcome is left in the last error:
+  // ERROR_SUCCESS when the server took the whole file), closes the file,
+  // disconnects and returns 1.
   int CloseFile() override;
 
   // Connection settings for the next LogInHost (tests shorten the time-outs).
   void SetOptions(const FtpOptions& options) { m_session.SetOptions(options); }
 
-  static constexpr int kReadAheadChunk = 40960;  // bytes per read-ahead step
+ protected:
+  int WorkerRead(BYTE* pBuffer, int nCount) override;
+  int WorkerWrite(const BYTE* pBuffer, int nCount) override;
+  void ResumeAt(__int64 nFilePos) override;
 
  private:
   int DirectRead(BYTE* pBuffer, int nCount);
   int DirectWrite(const BYTE* pBuffer, int nCount);
   void Disconnect();
-  bool StartWorker(bool bRead, int nCapacity);
   void StopWorker();
-  void EndAsync();
-  int EnableAsync(bool bRead, int bEnable, int nBufferSize);
-  int AsyncRead(BYTE* pBuffer, int nCount);
-  int AsyncWrite(const BYTE* pBuffer, int nCount);
-  static DWORD WINAPI ReadAheadMain(LPVOID self);
-  static DWORD WINAPI WriteBehindMain(LPVOID self);
-  void ReadAhead();
-  void WriteBehind();
 
-  // Caller-thread state (the worker reads m_session only while it runs, and
-  // the caller touches m_session then only through Abort).
+  // The session: the caller thread's, except that while a worker runs the
+  // worker transfers through it and the caller only calls its Abort.
   CFtpSession m_session;
+  // Caller thread only.
   bool m_bConnected = false;  // logged in
   bool m_bFileOpen = false;   // a remote file is open (m_pFile of the behaviour)
   std::wstring m_strAgent = L"QlFtpClient";
   std::wstring m_strHost, m_strUser;
   int m_nPort = 0;
   CComBSTR m_bstrPath;  // last path opened, without its leading separator
-  DWORD m_nAccessMode = 0;
-  // A write failed, so the upload cannot complete. Set by whichever thread
-  // writes (the caller, or the write-behind worker), read by both; relaxed
-  // is enough: it carries no data, and CloseFile reads it after the join.
+  // An upload write failed, so the upload cannot complete. Set by whichever
+  // thread writes (the caller, or the write-behind worker), read by both;
+  // relaxed is enough: it carries no data, and CloseFile reads it after the
+  // worker is joined.
   std::atomic<bool> m_bUploadFailed{false};
-
-  // Asynchronous scheme. m_bAsync, m_nAsyncBufferSize, m_pRing,
-  // m_nAsyncPosition: caller thread only (the worker uses the ring object
-  // through its own thread-safe calls, and CloseFile joins the worker before
-  // it destroys the ring).
-  int m_bAsync = 0;
-  int m_nAsyncBufferSize = 10485760;
-  const int m_nDefaultAsyncBufferSize = 0xA00000;
-  std::unique_ptr<CRingStream_Wd> m_pRing;
-  __int64 m_nAsyncPosition = 0;
-  ULONGLONG m_nAsyncBase = 0;  // session position when read-ahead (re)started
-  bool m_bWorkerRead = false;  // the running worker reads ahead (else writes behind)
-  HANDLE m_hWorker = nullptr;  // the running worker thread; caller thread only
-  // Written by the caller, read by the worker between chunks; relaxed is
-  // enough because the ring's lock and the events order everything else.
-  std::atomic<int> m_bStopWorker{0};
-  HANDLE m_hFileOpened;  // manual reset: a file is open, the worker may start
-  HANDLE m_hWorkerDone;  // manual reset: no worker is working
 };
 
 #endif  // QLTFSDK_ACCESS_KX_FILE_ACCESS_FTP_H

@@ -2,6 +2,7 @@
 // thread that brings files back in order.
 #include "fifo/data_fifo_man.h"
 
+#include <algorithm>
 #include <new>
 
 namespace {
@@ -14,9 +15,6 @@ CDataFifoMan::CDataFifoMan() {
   InitializeCriticalSection(&m_csWriteFile);
   InitializeCriticalSection(&m_csRead);
   InitializeCriticalSection(&m_csFiles);
-  CreateDirectoryW(m_strDiskPath.c_str(), nullptr);  // best effort: the default folder
-  m_pMoveBuffer = new (std::nothrow) BYTE[m_nMoveBufferSize];
-  if (!m_pMoveBuffer) m_nMoveBufferSize = 0;
 }
 
 CDataFifoMan::~CDataFifoMan() {
@@ -29,12 +27,20 @@ CDataFifoMan::~CDataFifoMan() {
 
 BOOL CDataFifoMan::SetBufferingMode(LONG nMode) {
   if (nMode != 0 && nMode != 1) return FALSE;
-  if (nMode == 1 && m_bRunning.load() && GetRingCapacity() <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
+  if (nMode == 1 && m_bRunning.load()) {
+    if (GetRingCapacity() <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
+    // The mover must run before the producer can spill.
+    if (!m_mover.IsRunning() && !StartMover()) return FALSE;
+  }
   m_nBufferingMode.store(nMode, std::memory_order_relaxed);
   return TRUE;
 }
 
 BOOL CDataFifoMan::SetMemoryPoolSize(DWORD nBytes) {
+  if (nBytes > CRingStream::kMaxCapacity) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
   m_nMemoryPoolSize = nBytes;
   return TRUE;
 }
@@ -65,47 +71,45 @@ BOOL CDataFifoMan::StartFifo() {
   m_pMemoryPool = new (std::nothrow) CRingStream(L"WriteMemory");
   if (!m_pMemoryPool || m_pMemoryPool->InitStream(m_nMemoryPoolSize) != S_OK) {
     StopFifo();  // frees the half-made ring
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return FALSE;
   }
   m_nRingCapacity.store(m_nMemoryPoolSize, std::memory_order_release);
-
-  m_hExitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  m_hWorkEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   m_bRunning.store(true);  // publishes the ring to the producer and consumer
-  m_hThread = CreateThread(nullptr, 0, MoverThreadProc, this, 0, nullptr);
-  if (!m_hThread) {
+  if (m_nBufferingMode.load() == 1 && !StartMover()) {
+    DWORD nError = GetLastError();
     StopFifo();
+    SetLastError(nError);
     return FALSE;
   }
-  SetThreadPriority(m_hThread, THREAD_PRIORITY_NORMAL);
   return TRUE;
 }
 
-void CDataFifoMan::ReleaseRingWriters() {
-  // A writer waiting for space takes one StopWriting signal and writes no
-  // further record once it sees m_bRunning clear, so repeating the signal
-  // until every writer has left releases them all.
-  if (m_pMemoryPool) m_pMemoryPool->StopWriting();
+BOOL CDataFifoMan::StartMover() {
+  {
+    std::wstring strFolder;
+    {
+      CAutoLock lock(&m_csFiles);
+      strFolder = m_strDiskPath;
+    }
+    CreateDirectoryW(strFolder.c_str(), nullptr);  // best effort: the default folder may be missing
+  }
+  if (!m_hWorkEvent) m_hWorkEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (!m_hWorkEvent) return FALSE;
+  return m_mover.Start([this] { MoverLoop(); });
 }
 
 void CDataFifoMan::StopFifo() {
   m_bRunning.store(false);
-  if (m_pMemoryPool) m_pMemoryPool->SetEndOfStream();  // releases a waiting consumer
-  if (m_hWorkEvent) SetEvent(m_hWorkEvent);            // releases an idle mover
-  if (m_hThread) {
-    // The mover may be waiting for room in the ring: keep releasing it until
-    // it has ended. It never waits on anything else without a bound.
-    for (;;) {
-      ReleaseRingWriters();
-      if (WaitForSingleObject(m_hThread, 50) != WAIT_TIMEOUT) break;
-    }
-    CloseHandle(m_hThread);  // joins the finished thread
-    m_hThread = nullptr;
-  }
-  while (m_nProducersInside.load() > 0) {  // a producer still inside WriteBuffer
-    ReleaseRingWriters();
-    Sleep(1);
-  }
+  // One signal releases everyone inside the ring, now and later: the
+  // consumer gets what is buffered and then the end, writers (the producer
+  // and the mover) return at once.
+  if (m_pMemoryPool) m_pMemoryPool->Close();
+  m_mover.RequestStop();  // releases an idle mover
+  m_mover.Join();
+  // A producer still inside WriteBuffer returns without waiting on anything
+  // now (the ring is closed, the mover gone); let it leave.
+  while (m_nProducersInside.load() > 0) Sleep(1);
   {
     CAutoLock lockRead(&m_csRead);  // the released consumer has left the ring
     m_nRingCapacity.store(0, std::memory_order_release);
@@ -115,10 +119,8 @@ void CDataFifoMan::StopFifo() {
       m_pMemoryPool = nullptr;
     }
   }
-  for (HANDLE* ph : {&m_hExitEvent, &m_hWorkEvent}) {
-    if (*ph) CloseHandle(*ph);
-    *ph = nullptr;
-  }
+  if (m_hWorkEvent) CloseHandle(m_hWorkEvent);
+  m_hWorkEvent = nullptr;
   CAutoLock lockWrite(&m_csWriteFile);
   CAutoLock lockFiles(&m_csFiles);
   for (CFifoDiskFile* pFile : m_arrDiskFiles) delete pFile;  // closes and deletes
@@ -187,7 +189,7 @@ BOOL CDataFifoMan::TryWriteBuffer(const void* pPayload, LONG nLen) {
 void CDataFifoMan::WriteMemoryFirst(const void* pPayload, LONG nLen) {
   // Only this producer adds data while the disk state is 0 (no file exists,
   // so the mover is idle), so the free space can only grow after the test.
-  if (m_pMemoryPool->FreeSpace() > nLen + 4) {
+  if (m_pMemoryPool->FreeSpace() - 4 > nLen) {  // no sum: nLen may be near the signed limit
     WriteRecordToRing(pPayload, nLen);
     return;
   }
@@ -205,6 +207,8 @@ void CDataFifoMan::WriteToDisk(const void* pPayload, LONG nLen) {
     pFile = OpenNewDiskFile();
   } else if (m_pWriteFile->HasRoom(nLen)) {
     m_pWriteFile->WriteRecord(pPayload, nLen);  // a failure stays here: the producer goes on
+    CAutoLock lockFiles(&m_csFiles);
+    RequestMoveLocked();  // as below
     return;
   } else {
     m_pWriteFile->CloseFile();
@@ -212,6 +216,10 @@ void CDataFifoMan::WriteToDisk(const void* pPayload, LONG nLen) {
   }
   if (pFile) {
     pFile->WriteRecord(pPayload, nLen);
+    // The consumer may already wait on an empty ring, having found no file
+    // when it looked: ask for the move here, or nobody would.
+    CAutoLock lockFiles(&m_csFiles);
+    RequestMoveLocked();
     return;
   }
   // The disk state went back to 0 meanwhile: try memory again (which turns
@@ -252,6 +260,8 @@ BOOL CDataFifoMan::ReadBuffer(void* pDst, LONG& nLen) {
     } else if (m_bEndOfData.load() && !m_pMemoryPool->HasData()) {
       nLen = -1;
       return TRUE;
+    } else {
+      LeaveDiskStateIfDrainedLocked();
     }
   }
   LONG nHead = 4;
@@ -280,20 +290,32 @@ void CDataFifoMan::RequestMoveLocked() {
   SetEvent(m_hWorkEvent);
 }
 
+bool CDataFifoMan::IsConsumerWaiting() {
+  // m_csRead is held by a consumer inside ReadBuffer: peek at the ring
+  // through the state published with m_bRunning instead.
+  if (!m_bRunning.load()) return false;
+  CRingStream* pRing = m_pMemoryPool;
+  return pRing && pRing->IsReaderWaiting();
+}
+
+void CDataFifoMan::LeaveDiskStateIfDrainedLocked() {
+  if (m_nDiskState.load(std::memory_order_relaxed) != 0 && m_arrDiskFiles.empty() && m_nPendingMoves.load() == 0 &&
+      m_pMemoryPool->FreeSpace() >= static_cast<LONG>(m_nLowWater))
+    m_nDiskState.store(0, std::memory_order_release);
+}
+
 void CDataFifoMan::MarkEndIfDrainedLocked() {
   // Data still in the ring is read before the end mark takes effect, so the
   // mark may be given as soon as nothing remains on disk.
   if (m_bEndOfData.load() && m_arrDiskFiles.empty()) m_pMemoryPool->SetEndOfStream();
 }
 
-DWORD WINAPI CDataFifoMan::MoverThreadProc(LPVOID pParam) {
-  static_cast<CDataFifoMan*>(pParam)->MoverLoop();
-  return 0;
-}
-
 void CDataFifoMan::MoverLoop() {
-  while (m_bRunning.load()) {
-    if (WaitForSingleObject(m_hWorkEvent, INFINITE) != WAIT_OBJECT_0 || !m_bRunning.load()) break;
+  const HANDLE hWait[2] = {m_mover.StopEvent(), m_hWorkEvent};
+  for (;;) {
+    if (WaitForMultipleObjects(2, hWait, FALSE, INFINITE) != WAIT_OBJECT_0 + 1 || m_mover.StopRequested() ||
+        !m_bRunning.load())
+      break;
     CFifoDiskFile* pFile;
     {
       CAutoLock lock(&m_csFiles);
@@ -316,8 +338,8 @@ void CDataFifoMan::MoverLoop() {
     // The consumer may already have drained this file's records and be
     // waiting for the next length: it would not ask again, so ask here.
     RequestMoveLocked();
+    LeaveDiskStateIfDrainedLocked();
   }
-  SetEvent(m_hExitEvent);
 }
 
 void CDataFifoMan::MoveFileToMemory(CFifoDiskFile* pFile) {
@@ -326,11 +348,12 @@ void CDataFifoMan::MoveFileToMemory(CFifoDiskFile* pFile) {
     LONG nLen = 0;
     if (!pFile->ReadRecord(nullptr, nLen) || nLen < 0) break;
     if (nLen > 0 && static_cast<DWORD>(nLen) > m_nMoveBufferSize) {
-      BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
+      const DWORD nSize = std::max<DWORD>(static_cast<DWORD>(nLen), kMoveBufferSize);
+      BYTE* pBigger = new (std::nothrow) BYTE[nSize];
       if (!pBigger) break;
       delete[] m_pMoveBuffer;
       m_pMoveBuffer = pBigger;
-      m_nMoveBufferSize = static_cast<DWORD>(nLen);
+      m_nMoveBufferSize = nSize;
     }
     LONG nRead = nLen;
     if (nLen > 0 && (!pFile->ReadRecord(m_pMoveBuffer, nRead) || nRead != nLen)) break;  // damaged file
@@ -344,7 +367,5 @@ void CDataFifoMan::MoveFileToMemory(CFifoDiskFile* pFile) {
       break;
     }
   delete pFile;  // deletes the file from disk
-  if (m_arrDiskFiles.empty() && m_pMemoryPool->FreeSpace() >= static_cast<LONG>(m_nLowWater))
-    m_nDiskState.store(0, std::memory_order_release);
   MarkEndIfDrainedLocked();
 }

@@ -11,9 +11,12 @@
 //
 // Thread rule: the setters, StartFifo and StopFifo come from one controlling
 // thread; while running, one producer thread calls WriteBuffer and one
-// consumer thread calls ReadBuffer. StopFifo releases a consumer waiting in
-// ReadBuffer and a producer waiting for room, and returns only when neither
-// is inside the memory ring any more and the mover thread has been joined.
+// consumer thread calls ReadBuffer. StopFifo closes the memory ring, which
+// releases a consumer waiting in ReadBuffer, a producer waiting for room and
+// the mover at once and for good, and returns only when neither is inside
+// the ring any more and the mover thread has been joined.
+// The mover runs only in mode 1: a manager kept in mode 0 starts no thread,
+// creates no folder and allocates no staging buffer.
 // Lock order: m_csWriteFile before m_csFiles, m_csRead before m_csFiles; the
 // ring's own lock is innermost.
 #ifndef QLTFSDK_FIFO_DATA_FIFO_MAN_H
@@ -25,18 +28,20 @@
 
 #include "fifo/fifo_disk_file.h"
 #include "fifo/ring_stream.h"
+#include "fifo/worker_thread.h"
 #include "platform/platform.h"
 
 class CDataFifoMan {
  public:
   static constexpr DWORD kDefaultMemoryPoolSize = 0x2000000;  // 32 MiB
   static constexpr DWORD kLowWater = 0x200000;                // half a disk file's limit
+  static constexpr DWORD kMoveBufferSize = 0x100000;          // mover's first staging buffer
   // Free ring space above which the consumer asks for a move: a whole disk
   // file plus the low-water mark.
   static constexpr LONG kMoveThreshold = static_cast<LONG>(CFifoDiskFile::kMaxSize + kLowWater);
 
-  // Mode 0, 32 MiB ring for the next StartFifo, disk folder "C:\Temp" (which
-  // it tries to create), 1 MiB mover staging buffer.
+  // Mode 0, 32 MiB ring for the next StartFifo, disk folder "C:\Temp".
+  // Creates no folder and allocates nothing yet.
   CDataFifoMan();
   // Stops the manager (see StopFifo) and frees the staging buffer.
   virtual ~CDataFifoMan();
@@ -45,24 +50,28 @@ class CDataFifoMan {
 
   // Mode 0 (memory only) or 1 (memory, then disk): returns 1 and stores it.
   // Any other mode, or mode 1 while running over a ring too small to ever
-  // move a file back (not above kMoveThreshold), returns 0 and keeps the
-  // mode. Takes effect with the next WriteBuffer.
+  // move a file back (not above kMoveThreshold) or when the mover thread
+  // cannot start (last error set), returns 0 and keeps the mode. Mode 1
+  // while running starts the mover. Takes effect with the next WriteBuffer.
   BOOL SetBufferingMode(LONG nMode);
-  // Ring capacity for the next StartFifo. Returns 1.
+  // Ring capacity for the next StartFifo. Returns 1; 0 (ERROR_INVALID_PARAMETER,
+  // size kept) above CRingStream::kMaxCapacity.
   BOOL SetMemoryPoolSize(DWORD nBytes);
   // Creates the folder and every missing parent ('\' or '/' separators).
   // Returns 1 when the folder exists afterwards (and stores it for new disk
   // files), 0 otherwise (the old folder stays).
   BOOL SetDiskPath(const std::wstring& strFolder);
   // Starts a new run with an empty ring and no disk files (stopping a
-  // running one first). Returns 1 when the ring is allocated and the mover
-  // thread runs; 0 when either fails, or in mode 1 with a ring too small to
-  // move files back. After a 0 nothing runs; StopFifo and a later StartFifo
-  // are both safe.
+  // running one first). In mode 1 it also makes sure the disk folder exists
+  // (best effort) and starts the mover thread. Returns 1 when all that
+  // worked; 0 when the ring cannot be allocated, the mover cannot start
+  // (last error set), or in mode 1 with a ring too small to move files back.
+  // After a 0 nothing runs; StopFifo and a later StartFifo are both safe.
   BOOL StartFifo();
-  // Ends the run: releases and waits out a consumer inside ReadBuffer and a
-  // producer inside WriteBuffer, joins the mover thread, frees the ring and
-  // deletes every disk file. Safe to call at any time, repeatedly.
+  // Ends the run: closes the ring (one signal that releases every wait in
+  // it), waits out a consumer inside ReadBuffer and a producer inside
+  // WriteBuffer, joins the mover thread, frees the ring and deletes every
+  // disk file. Safe to call at any time, repeatedly.
   void StopFifo();
   // Queues one record of nLen bytes (a null payload signals the end of the
   // data instead; nLen is then ignored). In mode 0 waits while the ring is
@@ -82,12 +91,19 @@ class CDataFifoMan {
   // nLen = -1 and consumes nothing. Consumer thread.
   BOOL ReadBuffer(void* pDst, LONG& nLen);
 
+  // True while the consumer waits in ReadBuffer for bytes that are not in
+  // the memory ring yet (a hint for tests and diagnostics). Any thread
+  // while running, not during StopFifo.
+  bool IsConsumerWaiting();
+  // True while the mover thread runs (mode 1 between StartFifo and StopFifo).
+  bool IsMoverRunning() const { return m_mover.IsRunning(); }
   // Capacity of the running ring (0 when stopped). Any thread while running.
   DWORD GetRingCapacity() const { return m_nRingCapacity.load(std::memory_order_acquire); }
   DWORD GetMemoryPoolSize() const { return m_nMemoryPoolSize; }
 
  private:
-  static DWORD WINAPI MoverThreadProc(LPVOID pParam);
+  // Creates the work event and starts the mover (controlling thread).
+  BOOL StartMover();
   void MoverLoop();
   // Writes one whole record into the ring; false when StopFifo cut it short.
   bool WriteRecordToRing(const void* pPayload, LONG nLen);
@@ -101,19 +117,22 @@ class CDataFifoMan {
   // Requires m_csFiles. Marks the ring's end once the producer has ended and
   // every disk file has been moved back.
   void MarkEndIfDrainedLocked();
-  void ReleaseRingWriters();
+  // Requires m_csFiles. Sends new records to memory again once no file is
+  // left, no move is pending and the ring has the low-water room free.
+  void LeaveDiskStateIfDrainedLocked();
 
-  // Set by the mover when it ends. Created by StartFifo, closed by StopFifo
-  // (controlling thread only).
-  HANDLE m_hExitEvent = nullptr;
-  HANDLE m_hThread = nullptr;  // mover thread; controlling thread only
+  // Mover thread: started by StartFifo or SetBufferingMode(1), joined by
+  // StopFifo (controlling thread only).
+  CWorkerThread m_mover{L"FIFO mover"};
   // Between StartFifo and StopFifo. Sequentially consistent: StartFifo
   // publishes m_pMemoryPool before setting it, and a producer's increment of
   // m_nProducersInside and its load of m_bRunning pair with StopFifo's store
   // and its load of the count (either the producer sees false or StopFifo
   // sees it inside).
   std::atomic<bool> m_bRunning{false};
-  HANDLE m_hWorkEvent = nullptr;  // manual reset: asks the mover for one move
+  // Manual reset: asks the mover for one move. Created with the mover,
+  // closed by StopFifo after the join.
+  HANDLE m_hWorkEvent = nullptr;
   // Owned memory ring. Created before m_bRunning is set; freed by StopFifo
   // only after the consumer (m_csRead), the producer (m_nProducersInside)
   // and the mover (joined) are all out of it.
@@ -132,8 +151,10 @@ class CDataFifoMan {
   CRITICAL_SECTION m_csRead;                  // serialises ReadBuffer; held across its ring waits
   CRITICAL_SECTION m_csFiles;                 // m_arrDiskFiles, m_nDiskState, m_pMoveFile
   DWORD m_nLowWater = kLowWater;
-  BYTE* m_pMoveBuffer = nullptr;          // mover's staging buffer; mover thread only
-  DWORD m_nMoveBufferSize = 0x100000;     // its size
+  // Mover's staging buffer, allocated by its first move (at least 1 MiB);
+  // mover thread only while it runs, freed by the destructor.
+  BYTE* m_pMoveBuffer = nullptr;
+  DWORD m_nMoveBufferSize = 0;            // its size
   CFifoDiskFile* m_pMoveFile = nullptr;   // file of the requested move; guarded by m_csFiles
   LONG m_nMoveIndex = 0;                  // its index in m_arrDiskFiles (always 0)
   std::atomic<bool> m_bEndOfData{false};  // producer ended; written under m_csFiles

@@ -26,6 +26,10 @@ LONG KxDataFifoPool::SetDiskPoolProps(const std::wstring& strFolder, DWORD) { re
 LONG KxDataFifoPool::SetMemoryPoolSize(DWORD nBytes) { return m_fifoMan.SetMemoryPoolSize(nBytes); }
 
 LONG KxDataFifoPool::SetWriteCacheSize(DWORD nBytes) {
+  if (nBytes > CRingStream::kMaxCapacity) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
   m_nWriteCacheSize = nBytes;
   return 1;
 }
@@ -38,25 +42,25 @@ LONG KxDataFifoPool::StartFifo() {
   m_nStagingSize = kStagingSize;
   if (!m_pWriteCache || !m_pStaging || m_pWriteCache->InitStream(m_nWriteCacheSize) != S_OK) {
     StopFifo();
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
   // The manager runs before the cache thread starts feeding it.
   if (!m_fifoMan.StartFifo()) {
+    DWORD nError = GetLastError();
     StopFifo();
+    SetLastError(nError);
     return 0;
   }
   m_nMaxPayload = std::min(m_nWriteCacheSize, m_fifoMan.GetRingCapacity());
   m_bEndSent.store(false);
   m_nQueued.store(0);
-  m_bCacheRunning.store(true);
-  m_hCacheExitEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  m_hCacheStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  m_hCacheThread = CreateThread(nullptr, 0, CacheThreadProc, this, 0, nullptr);
-  if (!m_hCacheThread) {
+  if (!m_cacheThread.Start([this] { CacheLoop(); })) {
+    DWORD nError = GetLastError();
     StopFifo();
+    SetLastError(nError);
     return 0;
   }
-  SetThreadPriority(m_hCacheThread, THREAD_PRIORITY_NORMAL);
   m_bAccepting.store(true);
   return 1;
 }
@@ -97,31 +101,19 @@ LONG KxDataFifoPool::ReadBuffer(void* pData, LONG& nLen) { return m_fifoMan.Read
 
 LONG KxDataFifoPool::StopFifo() {
   m_bAccepting.store(false);
-  if (m_hCacheThread) {
-    m_bCacheRunning.store(false);
-    m_pWriteCache->SetEndOfStream();  // releases the cache thread waiting for data
-    SetEvent(m_hCacheStopEvent);      // ... or pausing after the end of data
-  }
+  m_cacheThread.RequestStop();  // also cuts the end-of-data pause short
+  // Closing the write cache releases the cache thread waiting for data and
+  // a producer waiting for room, at once and for every later call.
+  if (m_pWriteCache) m_pWriteCache->Close();
   // Stopping the manager releases the cache thread if it waits for room in
   // the memory ring (and waits until it has left the manager), and releases
   // a consumer waiting in ReadBuffer.
   m_fifoMan.StopFifo();
-  if (m_hCacheThread) {
-    WaitForSingleObject(m_hCacheThread, INFINITE);  // nothing is left for it to wait on
-    CloseHandle(m_hCacheThread);                    // joins it
-    m_hCacheThread = nullptr;
-  }
-  for (HANDLE* ph : {&m_hCacheExitEvent, &m_hCacheStopEvent}) {
-    if (*ph) CloseHandle(*ph);
-    *ph = nullptr;
-  }
+  m_cacheThread.Join();
+  // A producer still inside WriteBuffer waits on nothing any more (both
+  // rings are closed); let it leave before the write cache goes.
+  while (m_nProducersInside.load() > 0) Sleep(1);
   if (m_pWriteCache) {
-    // A producer may still wait for room in the write cache: release it
-    // until it has left WriteBuffer, then free the ring.
-    while (m_nProducersInside.load() > 0) {
-      m_pWriteCache->StopWriting();
-      Sleep(1);
-    }
     m_pWriteCache->UninitStream();
     delete m_pWriteCache;
     m_pWriteCache = nullptr;
@@ -132,13 +124,8 @@ LONG KxDataFifoPool::StopFifo() {
   return 1;
 }
 
-DWORD WINAPI KxDataFifoPool::CacheThreadProc(LPVOID pParam) {
-  static_cast<KxDataFifoPool*>(pParam)->CacheLoop();
-  return 0;
-}
-
 void KxDataFifoPool::CacheLoop() {
-  while (m_bCacheRunning.load()) {
+  while (!m_cacheThread.StopRequested()) {
     LONG nLen = 0;
     LONG nHead = 4;
     m_pWriteCache->ReadData(&nLen, nHead);
@@ -146,10 +133,10 @@ void KxDataFifoPool::CacheLoop() {
       // End of data and nothing left: tell the manager, and again every
       // 300 ms until the pool is stopped.
       m_fifoMan.WriteBuffer(nullptr, 0);
-      WaitForSingleObject(m_hCacheStopEvent, kEndResignalMs);
+      WaitForSingleObject(m_cacheThread.StopEvent(), kEndResignalMs);
       continue;
     }
-    if (!m_bCacheRunning.load() || nHead != 4 || nLen < 0) break;
+    if (m_cacheThread.StopRequested() || nHead != 4 || nLen < 0) break;
     if (static_cast<DWORD>(nLen) > m_nStagingSize) {
       BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
       if (!pBigger) break;
@@ -159,13 +146,11 @@ void KxDataFifoPool::CacheLoop() {
     }
     LONG nBody = nLen;
     if (nLen > 0) m_pWriteCache->ReadData(m_pStaging, nBody);
-    if (nBody != nLen || !m_bCacheRunning.load()) break;
+    if (nBody != nLen || m_cacheThread.StopRequested()) break;
     // An empty record is forwarded like any other: the staging buffer is
     // never null here, so it cannot be mistaken for the end of data.
     CAutoLock lock(&m_csForward);
     m_fifoMan.WriteBuffer(m_pStaging, nLen);
     m_nQueued.fetch_sub(1);
   }
-  m_bCacheRunning.store(false);
-  SetEvent(m_hCacheExitEvent);
 }

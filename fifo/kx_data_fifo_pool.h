@@ -8,8 +8,10 @@
 //
 // Thread rule: setters, StartFifo and StopFifo come from one controlling
 // thread; while running, one producer thread calls WriteBuffer and one
-// consumer thread calls ReadBuffer. StopFifo releases both if they wait, and
-// joins the cache thread and the manager's mover thread before it returns.
+// consumer thread calls ReadBuffer. StopFifo releases both if they wait (by
+// closing both rings: one signal each, in force for every later call), and
+// joins the cache thread before it returns. The manager stays in mode 0, so
+// it runs no mover thread and never touches the disk.
 #ifndef QLTFSDK_FIFO_KX_DATA_FIFO_POOL_H
 #define QLTFSDK_FIFO_KX_DATA_FIFO_POOL_H
 
@@ -18,6 +20,7 @@
 
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_stream.h"
+#include "fifo/worker_thread.h"
 #include "platform/platform.h"
 
 class KxDataFifoPool {
@@ -40,12 +43,14 @@ class KxDataFifoPool {
   // The manager's SetDiskPath: 1 when the folder exists afterwards, else 0.
   // nSize has no effect.
   LONG SetDiskPoolProps(const std::wstring& strFolder, DWORD nSize);
-  // Ring capacities for the next StartFifo; 1.
+  // Ring capacities for the next StartFifo; 1. 0 with ERROR_INVALID_PARAMETER
+  // (size kept) above CRingStream::kMaxCapacity.
   LONG SetMemoryPoolSize(DWORD nBytes);
   LONG SetWriteCacheSize(DWORD nBytes);
   // Stops any run, then starts a new one with empty rings. 1 on success; 0
-  // when a ring cannot be allocated (or is under 4 bytes) or a thread cannot
-  // be started, leaving the pool stopped.
+  // when a ring cannot be allocated (or is under 4 bytes) or the cache
+  // thread cannot be started (last error set), leaving the pool stopped and
+  // ready for another StartFifo.
   LONG StartFifo();
   // Queues one record (pData, nLen), waiting while the write cache lacks
   // room; a null pData marks the end of the data (nLen ignored). 1 when
@@ -65,17 +70,15 @@ class KxDataFifoPool {
   LONG StopFifo();
 
  private:
-  static DWORD WINAPI CacheThreadProc(LPVOID pParam);
   void CacheLoop();
 
   // Write cache; created by StartFifo, freed by StopFifo once the producer
   // (m_nProducersInside) and the cache thread (joined) are out of it.
   CRingStream* m_pWriteCache = nullptr;
-  CDataFifoMan m_fifoMan;                            // thread rules of its own
-  HANDLE m_hCacheExitEvent = nullptr;                // set by the cache thread as it ends
-  HANDLE m_hCacheStopEvent = nullptr;                // manual reset: cuts the end-of-data pause short
-  HANDLE m_hCacheThread = nullptr;                   // controlling thread only
-  std::atomic<bool> m_bCacheRunning{false};          // the cache thread is to keep running
+  CDataFifoMan m_fifoMan;  // thread rules of its own
+  // Cache thread: started by StartFifo, joined by StopFifo (controlling
+  // thread). Its stop event also cuts the end-of-data pause short.
+  CWorkerThread m_cacheThread{L"FIFO write cache"};
   DWORD m_nWriteCacheSize = kDefaultWriteCacheSize;  // controlling thread only
   BYTE* m_pStaging = nullptr;                        // cache thread's buffer while it runs
   DWORD m_nStagingSize = 0;                          // its size

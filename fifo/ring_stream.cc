@@ -20,6 +20,7 @@ CRingStream::CRingStream(const std::wstring& strName)
 CRingStream::~CRingStream() { DeleteCriticalSection(&m_csStream); }
 
 HRESULT CRingStream::InitStream(DWORD nSize) {
+  if (nSize > kMaxCapacity) return E_INVALIDARG;  // refused before anything changes
   delete[] m_pBuffer;
   m_pBuffer = new (std::nothrow) BYTE[nSize == 0 ? 1 : nSize];
   if (!m_pBuffer) {
@@ -27,6 +28,10 @@ HRESULT CRingStream::InitStream(DWORD nSize) {
     return E_FAIL;
   }
   m_nBufferSize = nSize;
+  {
+    CAutoLock lock(&m_csStream);
+    m_byState = 0;  // reopens a closed ring
+  }
   ResetStream();
   return S_OK;
 }
@@ -40,7 +45,8 @@ void CRingStream::ResetStream() {
   m_nWritePos = 0;
   m_nDataLen.store(0, std::memory_order_relaxed);
   m_nFreeLen = static_cast<LONG>(m_nBufferSize);
-  m_byState = 0;
+  // A closed ring stays ended; everything else starts afresh.
+  m_byState = (m_byState & RS_CLOSED) ? static_cast<BYTE>(RS_CLOSED | RS_END_OF_STREAM) : 0;
 }
 
 void CRingStream::CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen) {
@@ -69,24 +75,32 @@ BOOL CRingStream::WriteData(const void* pSrc, LONG& nLen) {
     return FALSE;
   }
   bool bMarkEnd = false;
-  DWORD nPos;
   EnterCriticalSection(&m_csStream);
-  while (nLen > m_nFreeLen) {
+  for (;;) {
+    if (m_byState & RS_END_OF_STREAM) {  // ended or closed: nothing more goes in
+      LeaveCriticalSection(&m_csStream);
+      nLen = 0;
+      return TRUE;
+    }
+    if (nLen <= m_nFreeLen) break;
     m_byState |= RS_WRITER_WAITING;
     LeaveCriticalSection(&m_csStream);
     DWORD nWait = WaitForMultipleObjects(2, m_hWriterWait, FALSE, INFINITE);
     EnterCriticalSection(&m_csStream);
+    m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);  // set again if this writer waits again
     if (nWait == WAIT_OBJECT_0 + 1) {
+      // Cut short: write what fits now (the test above then passes), unless
+      // the stream has ended meanwhile.
       nLen = m_nFreeLen;
       bMarkEnd = true;
     } else if (nWait != WAIT_OBJECT_0) {  // the wait itself failed: write nothing
-      m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
       LeaveCriticalSection(&m_csStream);
       nLen = 0;
       return FALSE;
     }
   }
-  nPos = m_nWritePos;
+  const DWORD nPos = m_nWritePos;
+  if (nLen > 0) m_byState |= RS_WRITING;  // a reader now waits for this copy before it reports the end
   LeaveCriticalSection(&m_csStream);
 
   // The region after nPos is free space that only this producer writes.
@@ -94,10 +108,13 @@ BOOL CRingStream::WriteData(const void* pSrc, LONG& nLen) {
 
   CAutoLock lock(&m_csStream);
   if (nLen > 0) {
+    // nPos < m_nBufferSize and nLen <= m_nBufferSize, both at most
+    // kMaxCapacity: the sum fits a DWORD.
     DWORD nEnd = nPos + static_cast<DWORD>(nLen);
     m_nWritePos = nEnd >= m_nBufferSize ? nEnd - m_nBufferSize : nEnd;
     m_nDataLen.fetch_add(nLen, std::memory_order_relaxed);
     m_nFreeLen -= nLen;
+    m_byState &= static_cast<BYTE>(~RS_WRITING);
     if (m_byState & RS_READER_WAITING) {
       m_byState &= static_cast<BYTE>(~RS_READER_WAITING);
       SetEvent(m_hDataWritten);
@@ -112,12 +129,14 @@ bool CRingStream::ReadData(void* pDst, LONG& nLen, bool bDiscard) {
     nLen = 0;
     return false;
   }
-  DWORD nPos;
+  // Ended for this reader: the end is marked and no write is in flight, so
+  // nothing can be added any more.
+  auto bEnded = [this] { return (m_byState & (RS_END_OF_STREAM | RS_WRITING)) == RS_END_OF_STREAM; };
   EnterCriticalSection(&m_csStream);
   for (;;) {
     LONG nData = m_nDataLen.load(std::memory_order_relaxed);
     if (nData >= nLen) break;
-    if (m_byState & RS_END_OF_STREAM) {
+    if (bEnded()) {
       nLen = nData;
       break;
     }
@@ -125,20 +144,15 @@ bool CRingStream::ReadData(void* pDst, LONG& nLen, bool bDiscard) {
     LeaveCriticalSection(&m_csStream);
     DWORD nWait = WaitForMultipleObjects(2, m_hReaderWait, FALSE, INFINITE);
     EnterCriticalSection(&m_csStream);
-    if (nWait == WAIT_OBJECT_0) continue;
-    if (nWait == WAIT_OBJECT_0 + 1) {
-      nData = m_nDataLen.load(std::memory_order_relaxed);
-      if (nLen > nData) nLen = nData;
-      break;
-    }
+    m_byState &= static_cast<BYTE>(~RS_READER_WAITING);                  // set again if this reader waits again
+    if (nWait == WAIT_OBJECT_0 || nWait == WAIT_OBJECT_0 + 1) continue;  // data or end: test again
     // The wait itself failed: consume nothing.
-    m_byState &= static_cast<BYTE>(~RS_READER_WAITING);
-    bool bMore = !(m_nDataLen.load(std::memory_order_relaxed) == 0 && (m_byState & RS_END_OF_STREAM));
+    bool bMore = !(m_nDataLen.load(std::memory_order_relaxed) == 0 && bEnded());
     LeaveCriticalSection(&m_csStream);
     nLen = 0;
     return bMore;
   }
-  nPos = m_nReadPos;
+  const DWORD nPos = m_nReadPos;
   LeaveCriticalSection(&m_csStream);
 
   // The region after nPos holds data that only this consumer reads.
@@ -155,16 +169,27 @@ bool CRingStream::ReadData(void* pDst, LONG& nLen, bool bDiscard) {
       SetEvent(m_hSpaceFreed);
     }
   }
-  return !(m_nDataLen.load(std::memory_order_relaxed) == 0 && (m_byState & RS_END_OF_STREAM));
+  return !(m_nDataLen.load(std::memory_order_relaxed) == 0 && bEnded());
 }
 
 void CRingStream::MarkEndLocked() {
   m_byState |= RS_END_OF_STREAM;
   SetEvent(m_hEndMarked);
+  // A writer waiting for space can no longer write anything: release it.
+  if (m_byState & RS_WRITER_WAITING) {
+    m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
+    SetEvent(m_hSpaceFreed);
+  }
 }
 
 void CRingStream::SetEndOfStream() {
   CAutoLock lock(&m_csStream);
+  MarkEndLocked();
+}
+
+void CRingStream::Close() {
+  CAutoLock lock(&m_csStream);
+  m_byState |= RS_CLOSED;
   MarkEndLocked();
 }
 
@@ -175,6 +200,16 @@ bool CRingStream::HasData() const { return m_nDataLen.load(std::memory_order_rel
 bool CRingStream::IsEndOfStream() {
   CAutoLock lock(&m_csStream);
   return (m_byState & RS_END_OF_STREAM) != 0;
+}
+
+bool CRingStream::IsReaderWaiting() {
+  CAutoLock lock(&m_csStream);
+  return (m_byState & RS_READER_WAITING) != 0;
+}
+
+bool CRingStream::IsClosed() {
+  CAutoLock lock(&m_csStream);
+  return (m_byState & RS_CLOSED) != 0;
 }
 
 LONG CRingStream::FreeSpace() {

@@ -2,16 +2,30 @@
 // thread and one consumer thread.
 //
 // A write blocks until the whole block fits; a read blocks until the whole
-// requested amount is buffered or the producer has marked the end of the
-// stream. The ring carries no framing: the FIFO manager and the data FIFO pool
-// lay length-prefixed records over it, the file access back-ends use it as a
-// plain byte pipe.
+// requested amount is buffered or the stream has ended. The ring carries no
+// framing: the FIFO manager and the data FIFO pool lay length-prefixed
+// records over it, the file access back-ends use it as a plain byte pipe.
+//
+// Ending and closing:
+// - SetEndOfStream ends the stream. Reads then return what is buffered and
+//   after it nothing (result false). A write whose copy is already under way
+//   completes, and its bytes are read before the end shows: a reader never
+//   reports the end while such a write is in flight. Every other write (one
+//   waiting for space, or one that starts later) writes nothing and returns
+//   at once. So once a reader has seen the end with the ring empty, no byte
+//   ever appears again until ResetStream starts a new run.
+// - Close does the same and stays in force: ResetStream does not undo it,
+//   only InitStream does. It is the one signal that stops both sides, from
+//   any thread, whenever they call.
+// - StopWriting is the older one-shot release of a writer waiting for space:
+//   that write takes what fits and then ends the stream.
 //
 // Thread rule: exactly one producer thread calls WriteData and one consumer
-// thread calls ReadData. SetEndOfStream, StopWriting, HasData, IsEndOfStream
-// and FreeSpace may come from any thread. InitStream, ResetStream and
-// UninitStream need external synchronisation: neither side may be inside
-// WriteData or ReadData.
+// thread calls ReadData. SetEndOfStream, Close, StopWriting, HasData,
+// IsEndOfStream, IsClosed,
+// IsReaderWaiting and FreeSpace may come from any thread. InitStream,
+// ResetStream and UninitStream need external synchronisation: neither side
+// may be inside WriteData or ReadData.
 #ifndef QLTFSDK_FIFO_RING_STREAM_H
 #define QLTFSDK_FIFO_RING_STREAM_H
 
@@ -26,7 +40,12 @@ class CRingStream {
     RS_WRITER_WAITING = 0x01,  // a writer waits for space
     RS_READER_WAITING = 0x02,  // a reader waits for data
     RS_END_OF_STREAM = 0x08,   // the producer will write no more
+    RS_WRITING = 0x10,         // a write copies outside the lock (in flight)
+    RS_CLOSED = 0x20,          // Close: ended until InitStream
   };
+  // Largest capacity: every count and position must fit a 32-bit signed
+  // number, and a position plus a length a 32-bit unsigned one.
+  static constexpr DWORD kMaxCapacity = 0x7FFFFFFF;
 
   // Stores the label and creates the four auto-reset events; no buffer yet,
   // so InitStream comes first.
@@ -36,15 +55,18 @@ class CRingStream {
   CRingStream(const CRingStream&) = delete;
   CRingStream& operator=(const CRingStream&) = delete;
 
-  // Replaces the buffer by one of nSize bytes and empties the ring. Returns 0,
-  // or E_FAIL (0x80004005) when the buffer cannot be allocated (the ring then
-  // has no buffer until a later InitStream succeeds).
+  // Replaces the buffer by one of nSize bytes, empties the ring and clears
+  // Close. Returns 0; E_INVALIDARG for nSize above kMaxCapacity, before
+  // anything is allocated or changed; E_FAIL (0x80004005) when the buffer
+  // cannot be allocated (the ring then has no buffer until a later
+  // InitStream succeeds).
   HRESULT InitStream(DWORD nSize);
 
   // Copies nLen bytes from pSrc into the ring, waiting until all of them fit.
   // On return nLen holds the bytes written: fewer only when StopWriting cut
-  // the wait short, in which case the stream is then marked ended. A write
-  // longer than the capacity waits until StopWriting. Returns 1; returns 0
+  // the wait short (the stream is then marked ended), and none when the
+  // stream has ended or been closed before the copy began. A write longer
+  // than the capacity waits until one of those. Returns 1; returns 0
   // with nLen = 0 for a negative length or a null source with a positive
   // length. Producer thread only.
   BOOL WriteData(const void* pSrc, LONG& nLen);
@@ -57,18 +79,29 @@ class CRingStream {
   // consumed. Consumer thread only.
   bool ReadData(void* pDst, LONG& nLen, bool bDiscard = false);
 
-  // Marks the end of the stream and wakes a waiting reader. Any thread.
+  // Ends the stream (see the top of this file): wakes a waiting reader and
+  // releases a writer waiting for space with nothing written. Never waits.
+  // Any thread.
   void SetEndOfStream();
+  // Ends the stream like SetEndOfStream and keeps it ended across
+  // ResetStream until the next InitStream. Any thread, any number of times.
+  void Close();
   // Cuts short the current (or, if none waits, the next) write that has to
   // wait for space. The signal stays pending until a write consumes it, even
   // across ResetStream. Any thread.
   void StopWriting();
-  // Empties the ring and clears the flags (not a pending StopWriting).
+  // Empties the ring and clears the flags (not a pending StopWriting, and
+  // not Close: a closed ring stays ended).
   void ResetStream();
   // True while unread bytes are buffered. Any thread.
   bool HasData() const;
-  // True from SetEndOfStream until ResetStream. Any thread.
+  // True from SetEndOfStream until ResetStream (from Close until
+  // InitStream). Any thread.
   bool IsEndOfStream();
+  // True from Close until InitStream. Any thread.
+  bool IsClosed();
+  // True while the consumer waits in ReadData for bytes (a hint). Any thread.
+  bool IsReaderWaiting();
   // Bytes a writer may write now without waiting. Any thread.
   LONG FreeSpace();
   // Capacity in bytes (0 before a successful InitStream).
@@ -84,7 +117,7 @@ class CRingStream {
   const std::wstring m_strName;  // label; immutable
   BYTE m_byState = 0;            // guarded by m_csStream
   BYTE* m_pBuffer = nullptr;     // owned; replaced only by Init/UninitStream
-  DWORD m_nBufferSize = 0;       // capacity; changed only by InitStream
+  DWORD m_nBufferSize = 0;       // capacity <= kMaxCapacity; changed only by InitStream
   HANDLE m_hDataWritten;         // writer -> waiting reader
   HANDLE m_hSpaceFreed;          // reader -> waiting writer
   HANDLE m_hEndMarked;           // SetEndOfStream -> waiting reader
@@ -100,6 +133,9 @@ class CRingStream {
   // m_nReadPos lies in the data part, which only the single consumer touches.
   // A region changes hands only when the counts move under the lock, and the
   // lock orders the copy before the other side sees the new counts.
+  // RS_WRITING marks the time between the two holds of a write: the end is
+  // not reported to a reader while it is set, and a write that finds the end
+  // marked at its first hold copies nothing.
   // Invariant: m_nDataLen + m_nFreeLen == m_nBufferSize; unread bytes run
   // from m_nReadPos forward, wrapping, to m_nWritePos.
   DWORD m_nReadPos = 0;             // guarded by m_csStream

@@ -6,6 +6,7 @@
 
 #include "qltfsdk/datafifopool.h"
 #include "qltfsdk/export.h"
+#include "qltfsdk/fileaccess.h"
 #include "qltfsdk/filetransfer.h"
 #include "qltfsdk/sdkinfo.h"
 #include "qltfsdk/wintypes.h"

@@ -1,0 +1,125 @@
+#include "companions/virtualfile/storage_root.h"
+
+#include <cwchar>
+#include <mutex>
+
+#include "platform/platform.h"
+
+namespace qvf {
+namespace {
+
+// Process-wide root state. Every field is guarded by m_mutex.
+struct RootState {
+  std::mutex m_mutex;
+  bool m_bConfigRead = false;    // the ini file has been consulted
+  std::wstring m_strConfigured;  // from qltfsdk.ini, or kDefaultRoot
+  std::wstring m_strOverride;    // set by SetRoot; empty: none
+};
+
+RootState& State() {
+  static RootState* pState = new RootState;  // never destroyed: usable during exit
+  return *pState;
+}
+
+std::wstring DirectoryOf(const std::wstring& file) {
+  size_t slash = file.find_last_of(L"\\/");
+  return slash == std::wstring::npos ? std::wstring() : file.substr(0, slash);
+}
+
+std::wstring ModuleDirectory(HMODULE hModule) {
+  wchar_t name[MAX_PATH + 1] = {};
+  DWORD n = GetModuleFileNameW(hModule, name, MAX_PATH);
+  if (n == 0 || n >= MAX_PATH) return std::wstring();
+  return DirectoryOf(std::wstring(name, n));
+}
+
+// qltfsdk.ini beside the host executable when it is readable there, else
+// beside this library: the same place the SDK reads its settings from.
+std::wstring SettingsFile() {
+  std::wstring exeDir = ModuleDirectory(nullptr);
+  if (!exeDir.empty()) {
+    std::wstring ini = exeDir + L"\\qltfsdk.ini";
+    if (_waccess(ini.c_str(), 4) == 0) return ini;
+  }
+  std::wstring ownDir = ModuleDirectory(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile)));
+  return ownDir.empty() ? std::wstring() : ownDir + L"\\qltfsdk.ini";
+}
+
+std::wstring ReadConfiguredRoot() {
+  std::wstring ini = SettingsFile();
+  if (ini.empty()) return kDefaultRoot;
+  wchar_t buf[MAX_PATH + 1] = {};
+  DWORD n = GetPrivateProfileStringW(L"VIRTUALFILE", L"Root", L"", buf, MAX_PATH + 1, ini.c_str());
+  if (n == 0) return kDefaultRoot;
+  std::wstring root(buf, n);
+  while (root.size() > 1 && (root.back() == L'\\' || root.back() == L'/') && root[root.size() - 2] != L':') {
+    root.pop_back();
+  }
+  return root;
+}
+
+bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
+
+}  // namespace
+
+std::wstring CurrentRoot() {
+  RootState& s = State();
+  std::lock_guard<std::mutex> lock(s.m_mutex);
+  if (!s.m_strOverride.empty()) return s.m_strOverride;
+  if (!s.m_bConfigRead) {
+    s.m_strConfigured = ReadConfiguredRoot();
+    s.m_bConfigRead = true;
+  }
+  return s.m_strConfigured;
+}
+
+void SetRoot(const std::wstring& root) {
+  RootState& s = State();
+  std::lock_guard<std::mutex> lock(s.m_mutex);
+  s.m_strOverride = root;
+}
+
+bool MapPath(const wchar_t* path, const std::wstring& root, std::wstring* out) {
+  const wchar_t* lower = path ? wcsstr(path, L"qvf:\\") : nullptr;
+  const wchar_t* upper = path ? wcsstr(path, L"QVF:\\") : nullptr;
+  const wchar_t* prefix = lower && upper ? (lower < upper ? lower : upper) : (lower ? lower : upper);
+  if (!prefix) {
+    SetLastError(ERROR_INVALID_NAME);
+    return false;
+  }
+  std::wstring mapped = root;
+  bool bAny = false;
+  const wchar_t* p = prefix + 5;
+  while (*p) {
+    while (IsSeparator(*p)) ++p;
+    const wchar_t* start = p;
+    while (*p && !IsSeparator(*p)) ++p;
+    std::wstring part(start, p);
+    if (part.empty()) break;
+    if (part == L"." || part == L"..") {
+      SetLastError(ERROR_INVALID_NAME);
+      return false;
+    }
+    if (mapped.empty() || !IsSeparator(mapped.back())) mapped += L'\\';
+    mapped += part;
+    bAny = true;
+  }
+  if (!bAny) {
+    SetLastError(ERROR_INVALID_NAME);
+    return false;
+  }
+  *out = std::move(mapped);
+  return true;
+}
+
+void MakeParentFolders(const std::wstring& file) {
+  std::wstring dir = DirectoryOf(file);
+  for (size_t i = 1; i <= dir.size(); ++i) {
+    if (i < dir.size() && !IsSeparator(dir[i])) continue;
+    std::wstring level = dir.substr(0, i);
+    if (level.back() == L':') continue;  // a bare drive
+    if (GetFileAttributesW(level.c_str()) == INVALID_FILE_ATTRIBUTES) CreateDirectoryW(level.c_str(), nullptr);
+  }
+}
+
+}  // namespace qvf

@@ -1,0 +1,66 @@
+// CWorkerThread: one named background thread with a stop request and a join.
+//
+// Start runs a callable on a new platform thread. RequestStop raises the stop
+// request: an atomic flag the body polls (StopRequested) and a manual-reset
+// event it, or anyone else, can wait on (StopEvent). The request only asks:
+// the body must notice it (and whatever else it waits on must be released by
+// its owner, e.g. by closing a ring). Join waits until the body has returned;
+// the destructor requests the stop and joins.
+//
+// Thread rule: Start, Join and destruction come from the owning thread (the
+// one that controls the worker's purpose), never from the worker itself.
+// RequestStop, StopRequested, StopEvent, IsRunning and GetName may come from
+// any thread, the worker's body included. A stop request stays raised until
+// the next Start.
+#ifndef QLTFSDK_FIFO_WORKER_THREAD_H
+#define QLTFSDK_FIFO_WORKER_THREAD_H
+
+#include <atomic>
+#include <functional>
+#include <string>
+
+#include "platform/platform.h"
+
+class CWorkerThread {
+ public:
+  // Stores the name (a label for diagnostics); starts nothing.
+  explicit CWorkerThread(std::wstring strName);
+  // Requests the stop, joins a running thread and closes the stop event.
+  ~CWorkerThread();
+  CWorkerThread(const CWorkerThread&) = delete;
+  CWorkerThread& operator=(const CWorkerThread&) = delete;
+
+  // Clears the stop request and runs fnBody on a new thread. Returns TRUE
+  // when the thread runs. Returns FALSE with the last error set, and nothing
+  // running, when a thread is still started (ERROR_BUSY: Join it first),
+  // fnBody is empty (ERROR_INVALID_PARAMETER), memory is short
+  // (ERROR_NOT_ENOUGH_MEMORY) or the platform cannot create the event or the
+  // thread (its own error). Never throws. An exception leaving fnBody ends
+  // the thread quietly; it does not reach the owner. Owning thread only.
+  BOOL Start(std::function<void()> fnBody);
+  // Raises the stop request: sets the flag, then the stop event. Any thread.
+  void RequestStop();
+  // True from RequestStop until the next Start. Any thread.
+  bool StopRequested() const { return m_bStopRequested.load(std::memory_order_acquire); }
+  // Manual-reset event set by RequestStop and reset by Start; null before
+  // the first successful Start. It lives as long as this object. Any thread.
+  HANDLE StopEvent() const { return m_hStopEvent; }
+  // Waits until the body has returned and releases the thread; does nothing
+  // when no thread is started. Owning thread only.
+  void Join();
+  // True from a successful Start until Join. Any thread.
+  bool IsRunning() const { return m_bStarted.load(std::memory_order_acquire); }
+  const std::wstring& GetName() const { return m_strName; }
+
+ private:
+  static DWORD WINAPI ThreadProc(LPVOID pParam);
+
+  const std::wstring m_strName;               // immutable
+  std::function<void()> m_fnBody;             // set by Start before the thread exists; read by it only
+  HANDLE m_hThread = nullptr;                 // owning thread only
+  HANDLE m_hStopEvent = nullptr;              // created by the first Start, closed by the destructor
+  std::atomic<bool> m_bStopRequested{false};  // any thread
+  std::atomic<bool> m_bStarted{false};        // written by the owning thread
+};
+
+#endif  // QLTFSDK_FIFO_WORKER_THREAD_H
