@@ -52,6 +52,9 @@ class _HalfReader(object):
         if left > 0:
             return self._fd.read(min(n, left))
         if self._mode == "retrdrop":
+            # Let the client take what was sent, then drop the connection
+            # (closing a socket with unsent data may reset it at once).
+            time.sleep(0.3)
             raise OSError(5, "dropped by the fault server")
         if self._mode == "retrstall":
             time.sleep(STALL_SECONDS)
