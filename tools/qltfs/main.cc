@@ -9,6 +9,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   AddInfoCommand(app);
   AddCopyCommand(app);
+  AddReadCommand(app);
+  AddExistsCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {  // --help and friends
