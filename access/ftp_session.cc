@@ -16,6 +16,9 @@ namespace {
 constexpr long kReceiveBuffer = CURL_MAX_READ_SIZE;
 // Upload buffer: large enough to keep loopback and LAN links busy.
 constexpr long kSendBuffer = 2 * 1024 * 1024;
+// Bytes received ahead of the host's reads kept before the transfer pauses:
+// pausing and resuming costs a few system calls, so it is done rarely.
+constexpr size_t kSpillLimit = 4 * 1024 * 1024;
 // A forward seek up to this far reads and discards instead of reconnecting.
 constexpr ULONGLONG kDiscardLimit = 1024 * 1024;
 // Longest single wait in Drive, so the watchdog and Abort are checked often
@@ -285,8 +288,9 @@ void CFtpSession::Abort() {
 size_t CFtpSession::OnData(char* data, size_t size, size_t n, void* self) {
   auto* s = static_cast<CFtpSession*>(self);
   size_t len = size * n;
-  if (s->m_nNeed == 0 && s->m_nSpillPos < s->m_spill.size()) {
-    s->m_bPaused = true;  // nobody asks and earlier bytes wait: keep these in libcurl
+  size_t unread = s->m_spill.size() - s->m_nSpillPos;
+  if (s->m_nNeed == 0 && unread >= kSpillLimit) {
+    s->m_bPaused = true;  // enough is waiting: keep these bytes in libcurl
     return CURL_WRITEFUNC_PAUSE;
   }
   size_t take = std::min(len, s->m_nNeed);
@@ -299,8 +303,12 @@ size_t CFtpSession::OnData(char* data, size_t size, size_t n, void* self) {
   }
   if (take < len) {
     try {
-      s->m_spill.erase(s->m_spill.begin(), s->m_spill.begin() + static_cast<std::ptrdiff_t>(s->m_nSpillPos));
-      s->m_nSpillPos = 0;
+      if (s->m_nSpillPos > 0 && s->m_nSpillPos >= unread) {
+        // Drop the bytes already read; moving the unread rest costs no more
+        // than what was read since the last time.
+        s->m_spill.erase(s->m_spill.begin(), s->m_spill.begin() + static_cast<std::ptrdiff_t>(s->m_nSpillPos));
+        s->m_nSpillPos = 0;
+      }
       s->m_spill.insert(s->m_spill.end(), data + take, data + len);
     } catch (...) {
       return 0;  // out of memory: libcurl ends the transfer with a write error

@@ -139,9 +139,10 @@ class CFtpSession {
   ULONGLONG m_nSize = 0;   // size reported at OpenRead
   ULONGLONG m_nMoved = 0;  // bytes through either callback: the idle watchdog's progress mark
 
-  // Download: bytes the server sent beyond what the current Read asked for.
-  // Invariant: unread spill bytes are m_spill[m_nSpillPos, size()), and they
-  // come before anything libcurl still holds.
+  // Download: bytes the server sent beyond what the current Read asked for
+  // (up to a few MiB before the transfer pauses). Invariant: unread spill
+  // bytes are m_spill[m_nSpillPos, size()), and they come before anything
+  // libcurl still holds.
   std::vector<char> m_spill;
   size_t m_nSpillPos = 0;
   char* m_pDst = nullptr;  // current Read's destination (null: discard)

@@ -32,7 +32,9 @@
 
 class KxFileAccessFtp : public KxAsyncFileAccess {
  public:
-  static constexpr int kReadAheadChunk = 40960;  // bytes per read-ahead step
+  // Bytes per read-ahead step. With 40 KiB steps every step was a thread
+  // hand-over, and read-ahead ran at about two thirds of a plain download.
+  static constexpr int kReadAheadChunk = 1048576;
 
   KxFileAccessFtp();
   // Closes any open file (waiting for its worker) and disconnects.

@@ -7,15 +7,14 @@
 //
 // The server is the Python test server (tests/support/ftp_server.py); its CPU
 // share (CPU seconds / wall seconds) is printed beside each figure, because
-// at 100% the server, not the client, sets the pace. With
-// QLTFS_FTP_BENCH_VSFTPD=1 the run uses vsftpd (/usr/sbin/vsftpd, Debian
-// package) started on loopback by the benchmark instead.
+// near 100% the server, not the client, would set the pace (it serves
+// downloads with sendfile and stays far below that here).
 //
 // Environment: QLTFS_FTP_BENCH_MB (file size, default 512), QLTFS_FTP_BENCH_REPS
-// (default 5), QLTFS_BENCH_DIR (folder, default "build"). Exits non-zero when
-// a goal is missed.
+// (default 5), QLTFS_FTP_BENCH_BLOCK (host read size, default 1 MiB),
+// QLTFS_BENCH_DIR (folder, default "build"). Exits non-zero when a goal is
+// missed. The machine's other load shows in the figures: run it idle.
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -110,43 +109,6 @@ int RunCommand(const std::vector<std::string>& argv) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// vsftpd on a free loopback port, anonymous access with uploads, rooted at root.
-class Vsftpd {
- public:
-  Vsftpd(const fs::path& root, const fs::path& work) {
-    m_nPort = UnusedLoopbackPort();
-    fs::create_directories(work / "empty");
-    fs::path conf = work / "vsftpd.conf";
-    std::ofstream c(conf);
-    c << "listen=YES\nlisten_ipv6=NO\nlisten_address=127.0.0.1\nlisten_port=" << m_nPort
-      << "\nbackground=NO\nrun_as_launching_user=YES\nanonymous_enable=YES\nlocal_enable=NO\n"
-         "no_anon_password=YES\nanon_root="
-      << root.string()
-      << "\nwrite_enable=YES\nanon_upload_enable=YES\nanon_mkdir_write_enable=YES\n"
-         "anon_other_write_enable=YES\nanon_umask=022\nsecure_chroot_dir="
-      << (work / "empty").string()
-      << "\nseccomp_sandbox=NO\nport_enable=YES\nconnect_from_port_20=NO\npasv_enable=YES\n"
-         "xferlog_enable=NO\nsyslog_enable=NO\nvsftpd_log_file=/dev/null\nuse_sendfile=YES\n";
-    c.close();
-    std::string confText = conf.string();
-    char* args[] = {const_cast<char*>("/usr/sbin/vsftpd"), confText.data(), nullptr};
-    if (posix_spawn(&m_pid, args[0], nullptr, nullptr, args, environ) != 0) m_pid = -1;
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  }
-  ~Vsftpd() {
-    if (m_pid > 0) {
-      kill(m_pid, SIGTERM);
-      waitpid(m_pid, nullptr, 0);
-    }
-  }
-  int port() const { return m_nPort; }
-  pid_t pid() const { return m_pid; }
-
- private:
-  int m_nPort = 0;
-  pid_t m_pid = -1;
-};
-
 struct Server {
   std::string host = "127.0.0.1";
   int port = 0;
@@ -164,9 +126,10 @@ bool AccessorDownload(const Server& s, bool async, long long nBytes) {
     return false;
   if (async) acc.EnableAsyncRead(1, 10 * kMiB);
   if (!acc.OpenFile(L"src.bin", 1)) return false;
-  std::vector<BYTE> buf(kMiB);
+  static const int block = static_cast<int>(EnvNumber("QLTFS_FTP_BENCH_BLOCK", kMiB));
+  std::vector<BYTE> buf(static_cast<size_t>(block));
   long long total = 0;
-  for (int n; (n = acc.Read(buf.data(), kMiB)) > 0;) total += n;
+  for (int n; (n = acc.Read(buf.data(), block)) > 0;) total += n;
   acc.CloseFile();
   return total == nBytes;
 }
@@ -217,25 +180,13 @@ int main() {
   for (const char* name : {"up_curl.bin", "up_sync.bin", "up_async.bin"}) MakeFile(root / name, nBytes);
   ::chmod(root.c_str(), 0777);
 
-  const bool useVsftpd = EnvNumber("QLTFS_FTP_BENCH_VSFTPD", 0) != 0;
-  std::unique_ptr<FtpTestServer> py;
-  std::unique_ptr<Vsftpd> vs;
+  FtpTestServer server(root.string());
   Server s;
-  if (useVsftpd) {
-    vs = std::make_unique<Vsftpd>(root, dir);
-    s.port = vs->port();
-    s.pid = vs->pid();
-    s.user = "anonymous";
-    s.password = "bench@";
-  } else {
-    py = std::make_unique<FtpTestServer>(root.string());
-    s.port = py->port();
-    s.pid = py->pid();
-    s.user = FtpTestServer::user();
-    s.password = FtpTestServer::password();
-  }
-  std::printf("FTP bench: %lld MiB, %d repetitions, server %s on 127.0.0.1:%d\n", nBytes / kMiB, reps,
-              useVsftpd ? "vsftpd" : "pyftpdlib", s.port);
+  s.port = server.port();
+  s.pid = server.pid();
+  s.user = FtpTestServer::user();
+  s.password = FtpTestServer::password();
+  std::printf("FTP bench: %lld MiB, %d repetitions, pyftpdlib on 127.0.0.1:%d\n", nBytes / kMiB, reps, s.port);
 
   const std::string up = (dir / "up.bin").string();
   std::vector<Variant> down = {
