@@ -15,7 +15,7 @@ namespace {
 // libcurl's largest receive buffer: fewer callbacks and wake-ups per byte.
 constexpr long kReceiveBuffer = CURL_MAX_READ_SIZE;
 // Upload buffer: large enough to keep loopback and LAN links busy.
-constexpr long kSendBuffer = 2 * 1024 * 1024;
+constexpr long kSendBuffer = 256 * 1024;
 // Bytes received ahead of the host's reads kept before the transfer pauses:
 // pausing and resuming costs a few system calls, so it is done rarely.
 constexpr size_t kSpillLimit = 4 * 1024 * 1024;
@@ -454,7 +454,10 @@ BOOL CFtpSession::Write(const void* src, LONG count) {
     m_bPaused = false;
     curl_easy_pause(m_pEasy, CURLPAUSE_CONT);
   }
-  Drive([this] { return m_nSrcLeft == 0; });
+  // Until libcurl asks for more: then everything given so far is on its way
+  // in the socket, and the link does not idle while the caller prepares the
+  // next bytes.
+  Drive([this] { return m_nSrcLeft == 0 && m_bPaused; });
   bool ok = m_nSrcLeft == 0;
   m_nPos += static_cast<size_t>(count) - m_nSrcLeft;
   m_pSrc = nullptr;
