@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "qltfsdk/fileaccess.h"
 #include "tests/access/ftp_test_util.h"
 #include "tests/support/temp_dir.h"
 
@@ -287,6 +288,26 @@ TEST_F(FtpAccessTest, AsyncSettingsFollowTheInterface) {
   EXPECT_TRUE(ReadAll(m_acc, 3000) == data.substr(350));
   EXPECT_EQ(0, m_acc.EnableAsyncWrite(1, 1 << 20)) << "the open file reads";
   m_acc.CloseFile();
+}
+
+}  // namespace
+
+namespace {
+
+// The way a host reaches the back-end: Initialize(16) on the exported facade.
+TEST_F(FtpAccessTest, FacadeInitializeSixteenSelectsTheFtpBackEnd) {
+  const std::string data = Put("facade.bin", RandomBytes(70000, 9));
+  QLCT_FileAccess facade;
+  EXPECT_EQ(1, facade.Initialize(16));
+  EXPECT_EQ(0, facade.OpenFile(CComBSTR(L"facade.bin"), ACCESS_MODE_READ)) << "not logged in yet";
+  ASSERT_EQ(1, facade.LogInHost(CComBSTR(L"127.0.0.1"), CComBSTR(L"qlt"),
+                                CComBSTR(QltUtf8ToWide(FtpTestServer::password()).c_str()), Port()));
+  ASSERT_EQ(1, facade.OpenFile(CComBSTR(L"facade.bin"), ACCESS_MODE_READ));
+  EXPECT_EQ(data.size(), facade.GetLength());
+  std::string got(data.size(), '\0');
+  EXPECT_EQ(static_cast<int>(data.size()), facade.Read(reinterpret_cast<BYTE*>(&got[0]), static_cast<int>(got.size())));
+  EXPECT_TRUE(got == data);
+  EXPECT_EQ(1, facade.CloseFile());
 }
 
 }  // namespace
