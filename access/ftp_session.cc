@@ -342,6 +342,10 @@ BOOL CFtpSession::OpenRead(const std::wstring& path, ULONGLONG* pSize) {
     SetLastError(QLT_ERROR_FTP_CANNOT_CONNECT);
     return FALSE;
   }
+  if (path.empty() || path.back() == L'/' || path.back() == L'\\') {
+    SetLastError(ERROR_INVALID_NAME);  // a directory, not a file
+    return FALSE;
+  }
   m_strFileUrl = FileUrl(path);
   if (!Start(m_strFileUrl, Mode::kRead, 0, false)) return FALSE;
   // The first bytes (kept in the spill) or the end prove that the file exists.
@@ -352,11 +356,11 @@ BOOL CFtpSession::OpenRead(const std::wstring& path, ULONGLONG* pSize) {
   }
   curl_off_t size = -1;
   curl_easy_getinfo(m_pEasy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &size);
-  m_nSize = size > 0 ? static_cast<ULONGLONG>(size) : 0;
-  if (m_bDone && m_nSize == 0) m_nSize = m_spill.size();
+  // An unknown size (no SIZE support) never makes a seek look past the end.
+  m_nSize = size >= 0 ? static_cast<ULONGLONG>(size) : m_bDone ? m_spill.size() : ~0ULL;
   m_nPos = 0;
   m_eMode = Mode::kRead;
-  if (pSize) *pSize = m_nSize;
+  if (pSize) *pSize = m_nSize == ~0ULL ? 0 : m_nSize;
   return TRUE;
 }
 
@@ -422,6 +426,10 @@ BOOL CFtpSession::OpenWrite(const std::wstring& path) {
   m_bAbort.store(false, std::memory_order_relaxed);
   if (!m_pMulti) {
     SetLastError(QLT_ERROR_FTP_CANNOT_CONNECT);
+    return FALSE;
+  }
+  if (path.empty() || path.back() == L'/' || path.back() == L'\\') {
+    SetLastError(ERROR_INVALID_NAME);  // a directory, not a file
     return FALSE;
   }
   m_strFileUrl = FileUrl(path);

@@ -151,6 +151,8 @@ TEST_F(FtpAccessTest, OneLoginServesOneFile) {
   ASSERT_EQ(1, LogIn(m_acc, Port()));
   EXPECT_EQ(0, m_acc.OpenFile(L"missing.bin", 1));
   EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), GetLastError());
+  EXPECT_EQ(0, m_acc.OpenFile(L"/", 1)) << "a directory is no file";
+  EXPECT_EQ(0, m_acc.OpenFile(L"data/", 2));
   EXPECT_EQ(0, m_acc.SetReadBufferSize(4096));
 }
 
