@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -280,6 +281,36 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
   __int64 nBlock = SdkSettings.ReadBufSize;
   if (nBlock < 1) nBlock = kDefaultBlock;
   if (m_bUnbuffered && nBlock % kAlign != 0) nBlock += kAlign - nBlock % kAlign;
+
+  // Whole blocks the caller asked for go straight into its buffer when the
+  // pointer stands at the caller's position: still whole-block platform
+  // reads, one copy fewer. An unbuffered handle needs an aligned buffer.
+  BYTE* pDest = pBuffer + (nCount - nRemainder);
+  if (nRemainder >= nBlock && m_nDiskPos == m_nLogicalPos &&
+      (!m_bUnbuffered || reinterpret_cast<uintptr_t>(pDest) % kAlign == 0)) {
+    __int64 nDirect = nRemainder - nRemainder % nBlock;
+    __int64 nDone = 0;
+    bool bEnd = false;
+    while (nDone < nDirect && !bEnd) {
+      DWORD nRead = 0;
+      if (!ReadFile(m_hFile, pDest + nDone, static_cast<DWORD>(nBlock), &nRead, nullptr)) {
+        LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nBlock, nRead).c_str());
+        m_nLogicalPos += nDone;
+        m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
+        m_nReadCacheLen = 0;
+        MovePointer(m_nDiskPos, nullptr);  // where the next read retries
+        return static_cast<int>(nCount - nRemainder + nDone);
+      }
+      nDone += nRead;
+      bEnd = nRead < nBlock;
+    }
+    m_nLogicalPos += nDone;
+    m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
+    m_nReadCacheLen = 0;
+    nRemainder -= nDone;
+    if (bEnd || nRemainder <= 0) return static_cast<int>(nCount - nRemainder);
+  }
+
   __int64 nGap = m_nLogicalPos - m_nDiskPos;
   __int64 nNeed = nGap + nRemainder;
   if (nNeed % kAlign != 0) nNeed += kAlign - nNeed % kAlign;

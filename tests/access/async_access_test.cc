@@ -5,6 +5,7 @@
 
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "access/kx_file_access_local.h"
@@ -19,6 +20,9 @@ class AsyncAccessTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SdkSettings.ReadMode = 0;
+    // A sanitizer runtime starts a helper thread with the first thread of
+    // the process: let that happen before counting.
+    std::thread([] {}).join();
     m_nThreads = ThreadCount();
   }
   void TearDown() override {
