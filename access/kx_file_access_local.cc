@@ -289,21 +289,18 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
   if (nRemainder >= nBlock && m_nDiskPos == m_nLogicalPos &&
       (!m_bUnbuffered || reinterpret_cast<uintptr_t>(pDest) % kAlign == 0)) {
     __int64 nDirect = nRemainder - nRemainder % nBlock;
-    __int64 nDone = 0;
-    bool bEnd = false;
-    while (nDone < nDirect && !bEnd) {
-      DWORD nRead = 0;
-      if (!ReadFile(m_hFile, pDest + nDone, static_cast<DWORD>(nBlock), &nRead, nullptr)) {
-        LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nBlock, nRead).c_str());
-        m_nLogicalPos += nDone;
-        m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
-        m_nReadCacheLen = 0;
-        MovePointer(m_nDiskPos, nullptr);  // where the next read retries
-        return static_cast<int>(nCount - nRemainder + nDone);
-      }
-      nDone += nRead;
-      bEnd = nRead < nBlock;
+    DWORD nRead = 0;
+    // One platform read for all the blocks: a large request lets the
+    // system read ahead as far as the caller wants.
+    if (!ReadFile(m_hFile, pDest, static_cast<DWORD>(nDirect), &nRead, nullptr)) {
+      LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nDirect, nRead).c_str());
+      m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
+      m_nReadCacheLen = 0;
+      MovePointer(m_nDiskPos, nullptr);  // where the next read retries
+      return static_cast<int>(nCount - nRemainder);
     }
+    __int64 nDone = nRead;
+    bool bEnd = nDone < nDirect;
     m_nLogicalPos += nDone;
     m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
     m_nReadCacheLen = 0;
