@@ -4,6 +4,14 @@
 #include <algorithm>
 #include <new>
 
+namespace {
+
+void FreeTransfer(BYTE* p) {
+  if (p) ::operator delete(p, std::align_val_t(4096));
+}
+
+}  // namespace
+
 KxAsyncFileAccess::KxAsyncFileAccess(int nReadAheadChunk)
     : m_hFileOpened(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
       m_hWorkerDone(CreateEventW(nullptr, TRUE, TRUE, nullptr)),
@@ -89,7 +97,7 @@ __int64 KxAsyncFileAccess::AsyncStop() {
   m_pRing->UninitStream();
   delete m_pRing;
   m_pRing = nullptr;
-  delete[] m_pTransfer;
+  FreeTransfer(m_pTransfer);
   m_pTransfer = nullptr;
   m_nTransferSize = 0;
   m_bStopWorker.store(0);
@@ -118,11 +126,14 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
   int nPiece = static_cast<int>(std::max<DWORD>(1, nCapacity / 2));
   int nTransfer = bRead ? m_nReadAheadChunk : std::min(kWriteBehindChunk, nPiece);
   CRingStream_Wd* pRing = new (std::nothrow) CRingStream_Wd(L"input Buffering");
-  BYTE* pTransfer = new (std::nothrow) BYTE[static_cast<size_t>(nTransfer)];
+  // Aligned, so that the local back-end can read whole blocks straight into
+  // it, also without system buffering.
+  BYTE* pTransfer =
+      static_cast<BYTE*>(::operator new(static_cast<size_t>(nTransfer), std::align_val_t(4096), std::nothrow));
   if (!pRing || !pTransfer || pRing->InitStream(nCapacity) != 0) {
     if (pRing) pRing->UninitStream();
     delete pRing;
-    delete[] pTransfer;
+    FreeTransfer(pTransfer);
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return false;
   }
@@ -141,7 +152,7 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
     m_pRing->UninitStream();
     delete m_pRing;
     m_pRing = nullptr;
-    delete[] m_pTransfer;
+    FreeTransfer(m_pTransfer);
     m_pTransfer = nullptr;
     return false;
   }

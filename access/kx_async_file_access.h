@@ -24,7 +24,8 @@
 // Threads: every operation here is for the one caller thread of the object,
 // except the two hooks, which the worker calls. The derived destructor must
 // call AsyncStop before its own members go, because the worker calls the
-// derived hooks; this class's destructor only checks that no worker is left.
+// derived hooks; this class's destructor stops a worker again only as a
+// safety net (a no-op after the derived destructor's AsyncStop).
 #ifndef QLTFSDK_ACCESS_KX_ASYNC_FILE_ACCESS_H
 #define QLTFSDK_ACCESS_KX_ASYNC_FILE_ACCESS_H
 

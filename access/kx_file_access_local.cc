@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -280,6 +281,33 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
   __int64 nBlock = SdkSettings.ReadBufSize;
   if (nBlock < 1) nBlock = kDefaultBlock;
   if (m_bUnbuffered && nBlock % kAlign != 0) nBlock += kAlign - nBlock % kAlign;
+
+  // Whole blocks the caller asked for go straight into its buffer when the
+  // pointer stands at the caller's position: still whole-block platform
+  // reads, one copy fewer. An unbuffered handle needs an aligned buffer.
+  BYTE* pDest = pBuffer + (nCount - nRemainder);
+  if (nRemainder >= nBlock && m_nDiskPos == m_nLogicalPos &&
+      (!m_bUnbuffered || reinterpret_cast<uintptr_t>(pDest) % kAlign == 0)) {
+    __int64 nDirect = nRemainder - nRemainder % nBlock;
+    DWORD nRead = 0;
+    // One platform read for all the blocks: a large request lets the
+    // system read ahead as far as the caller wants.
+    if (!ReadFile(m_hFile, pDest, static_cast<DWORD>(nDirect), &nRead, nullptr)) {
+      LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nDirect, nRead).c_str());
+      m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
+      m_nReadCacheLen = 0;
+      MovePointer(m_nDiskPos, nullptr);  // where the next read retries
+      return static_cast<int>(nCount - nRemainder);
+    }
+    __int64 nDone = nRead;
+    bool bEnd = nDone < nDirect;
+    m_nLogicalPos += nDone;
+    m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
+    m_nReadCacheLen = 0;
+    nRemainder -= nDone;
+    if (bEnd || nRemainder <= 0) return static_cast<int>(nCount - nRemainder);
+  }
+
   __int64 nGap = m_nLogicalPos - m_nDiskPos;
   __int64 nNeed = nGap + nRemainder;
   if (nNeed % kAlign != 0) nNeed += kAlign - nNeed % kAlign;

@@ -6,7 +6,8 @@
 // Results: OpenFile gives the storage's open result (1 or more = open);
 // Read the storage's byte count (0 for a negative count); GetLength the
 // storage's size (0 when it reports none); SetPosition the low 32 bits of the
-// position the storage reached; Write, CloseFile, EnableAsyncRead/Write,
+// position the storage reached (-1 when the storage refuses the move, e.g. with
+// no file open); Write, CloseFile, EnableAsyncRead/Write,
 // SetReadBufferSize and GetAccessMode (which leaves its argument alone)
 // return 1. When the library cannot be loaded or its object cannot be made,
 // every operation returns 0 instead. A failed open, a short read, a seek

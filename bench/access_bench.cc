@@ -13,7 +13,8 @@
 //    against write() of 512 KiB to an existing file (goal >= 0.9).
 //
 // File size: 1 GiB, or QLTFS_ACCESS_BENCH_MB MiB for a quick run; folder:
-// $QLTFS_BENCH_DIR (default "build"). Exits non-zero when a goal is missed.
+// $QLTFS_BENCH_DIR (default "build"); QLTFS_ACCESS_BENCH_ONLY=warm, cold or
+// write runs one section. Exits non-zero when a goal is missed.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -209,51 +210,60 @@ int main() {
   bool pass = true;
   std::printf("file: %s, %lld MiB\n", g_file.c_str(), g_nBytes >> 20);
 
-  std::printf("\nwarm reads\n");
-  std::vector<Variant> warm = {
-      {"read() 256 KiB", nullptr, [] { return ReadPosix(256 * kKiB); }, {}},
-      {"accessor easy-file 256 KiB", nullptr, [] { return ReadAccessor(false, 256 * kKiB); }, {}},
-      {"accessor local 256 KiB", nullptr, [] { return ReadAccessor(true, 256 * kKiB); }, {}},
-      {"read() 4 KiB", nullptr, [] { return ReadPosix(4 * kKiB); }, {}},
-      {"accessor easy-file 4 KiB", nullptr, [] { return ReadAccessor(false, 4 * kKiB); }, {}},
-      {"accessor local 4 KiB", nullptr, [] { return ReadAccessor(true, 4 * kKiB); }, {}},
-  };
-  Warm(g_file);
-  RunAlternating(warm, g_nBytes);
-  pass &= Ratio("easy-file 256 KiB / read() 256 KiB", warm[1], warm[0], 0.8);
-  pass &= Ratio("local 256 KiB / read() 256 KiB", warm[2], warm[0], 0.8);
-  pass &= Ratio("easy-file 4 KiB / read() 4 KiB", warm[4], warm[3], 1.5);
-  pass &= Ratio("local 4 KiB / read() 4 KiB", warm[5], warm[3], 1.5);
+  const char* only = std::getenv("QLTFS_ACCESS_BENCH_ONLY");
+  auto wanted = [only](const char* section) { return !only || !*only || std::string(only) == section; };
 
-  std::printf("\ncold reads (evicted before each pass), 1 MiB host reads\n");
-  auto evict = [] { Evict(g_file); };
-  std::vector<Variant> cold = {
-      {"local, 1 ms/MiB consuming, no read-ahead", evict, [] { return ReadAccessor(true, kMiB, 0, 1.0); }, {}},
-      {"local, 1 ms/MiB consuming, read-ahead", evict, [] { return ReadAccessor(true, kMiB, 10 * kMiB, 1.0); }, {}},
-      {"local, read-ahead, no delay", evict, [] { return ReadAccessor(true, kMiB, 10 * kMiB); }, {}},
-      {"dd bs=1M", evict, [] { return ReadDd(); }, {}},
-  };
-  RunAlternating(cold, g_nBytes);
-  pass &= Ratio("read-ahead / none, host consuming 1 ms/MiB", cold[1], cold[0], 1.3);
-  pass &= Ratio("read-ahead / dd, cold", cold[2], cold[3], 0.9);
+  if (wanted("warm")) {
+    std::printf("\nwarm reads\n");
+    std::vector<Variant> warm = {
+        {"read() 256 KiB", nullptr, [] { return ReadPosix(256 * kKiB); }, {}},
+        {"accessor easy-file 256 KiB", nullptr, [] { return ReadAccessor(false, 256 * kKiB); }, {}},
+        {"accessor local 256 KiB", nullptr, [] { return ReadAccessor(true, 256 * kKiB); }, {}},
+        {"read() 4 KiB", nullptr, [] { return ReadPosix(4 * kKiB); }, {}},
+        {"accessor easy-file 4 KiB", nullptr, [] { return ReadAccessor(false, 4 * kKiB); }, {}},
+        {"accessor local 4 KiB", nullptr, [] { return ReadAccessor(true, 4 * kKiB); }, {}},
+    };
+    Warm(g_file);
+    RunAlternating(warm, g_nBytes);
+    pass &= Ratio("easy-file 256 KiB / read() 256 KiB", warm[1], warm[0], 0.8);
+    pass &= Ratio("local 256 KiB / read() 256 KiB", warm[2], warm[0], 0.8);
+    pass &= Ratio("easy-file 4 KiB / read() 4 KiB", warm[4], warm[3], 1.5);
+    pass &= Ratio("local 4 KiB / read() 4 KiB", warm[5], warm[3], 1.5);
+  }
 
-  std::printf("\nwrites of 512 KiB to an existing file\n");
-  const fs::path out = g_dir / "bench-access-out.dat";
-  MakeFile(out, kMiB);
-  auto settle = [&out] {
-    std::system("sync");
-    Evict(out);
-  };
-  std::vector<Variant> writes = {
-      {"write() 512 KiB", settle, [&out] { return WritePosix(out, g_nBytes); }, {}},
-      {"accessor local 512 KiB", settle, [&out] { return WriteAccessor(out, g_nBytes, false); }, {}},
-      {"accessor local 512 KiB, write-behind", settle, [&out] { return WriteAccessor(out, g_nBytes, true); }, {}},
-  };
-  RunAlternating(writes, g_nBytes);
-  pass &= Ratio("accessor / write(), 512 KiB", writes[1], writes[0], 0.9);
-  pass &= Ratio("accessor write-behind / write(), 512 KiB", writes[2], writes[0], 0.9);
+  if (wanted("cold")) {
+    std::printf("\ncold reads (evicted before each pass), 1 MiB host reads\n");
+    auto evict = [] { Evict(g_file); };
+    std::vector<Variant> cold = {
+        {"local, 1 ms/MiB consuming, no read-ahead", evict, [] { return ReadAccessor(true, kMiB, 0, 1.0); }, {}},
+        {"local, 1 ms/MiB consuming, read-ahead", evict, [] { return ReadAccessor(true, kMiB, 10 * kMiB, 1.0); }, {}},
+        {"local, read-ahead, no delay", evict, [] { return ReadAccessor(true, kMiB, 10 * kMiB); }, {}},
+        {"dd bs=1M", evict, [] { return ReadDd(); }, {}},
+    };
+    RunAlternating(cold, g_nBytes);
+    pass &= Ratio("read-ahead / none, host consuming 1 ms/MiB", cold[1], cold[0], 1.3);
+    pass &= Ratio("read-ahead / dd, cold", cold[2], cold[3], 0.9);
+  }
+
+  if (wanted("write")) {
+    std::printf("\nwrites of 512 KiB to an existing file\n");
+    const fs::path out = g_dir / "bench-access-out.dat";
+    MakeFile(out, kMiB);
+    auto settle = [&out] {
+      std::system("sync");
+      Evict(out);
+    };
+    std::vector<Variant> writes = {
+        {"write() 512 KiB", settle, [&out] { return WritePosix(out, g_nBytes); }, {}},
+        {"accessor local 512 KiB", settle, [&out] { return WriteAccessor(out, g_nBytes, false); }, {}},
+        {"accessor local 512 KiB, write-behind", settle, [&out] { return WriteAccessor(out, g_nBytes, true); }, {}},
+    };
+    RunAlternating(writes, g_nBytes);
+    pass &= Ratio("accessor / write(), 512 KiB", writes[1], writes[0], 0.9);
+    pass &= Ratio("accessor write-behind / write(), 512 KiB", writes[2], writes[0], 0.9);
+    fs::remove(out);
+  }
 
   fs::remove(g_file);
-  fs::remove(out);
   return pass ? 0 : 1;
 }

@@ -35,7 +35,8 @@ class KxFileAccessBase;
 //   - SetReadBufferSize: local sets the process-wide block size (0 for 0);
 //     FTP 0; virtual storage 1; easy-file the reader's result.
 //   - SetPosition: local 1 or 0; FTP and virtual storage the low 32 bits of
-//     the new position; easy-file the reader's result.
+//     the new position (virtual storage: -1 when the move is refused, e.g.
+//     with no file open); easy-file the reader's result.
 //   - Read: bytes delivered; a null buffer skips the count on the local and
 //     FTP back-ends (a negative count skips backwards on the local one and
 //     reports the distance); a negative count with a buffer gives 0 (the

@@ -5,10 +5,12 @@
 
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "access/kx_file_access_local.h"
 #include "diagnostics/sdk_settings.h"
+#include "platform/faults.h"
 #include "tests/access/access_fixture.h"
 
 namespace {
@@ -19,6 +21,9 @@ class AsyncAccessTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SdkSettings.ReadMode = 0;
+    // A sanitizer runtime starts a helper thread with the first thread of
+    // the process: let that happen before counting.
+    std::thread([] {}).join();
     m_nThreads = ThreadCount();
   }
   void TearDown() override {
@@ -186,6 +191,24 @@ TEST_F(AsyncAccessTest, EnablingRulesAndReopens) {
   ASSERT_EQ(f.Write(b, 1000), 1000);
   EXPECT_EQ(f.CloseFile(), 1);
   EXPECT_EQ(ReadWholeFile(m_dir.file("out.bin")), std::string(reinterpret_cast<char*>(b), 1000));
+}
+
+TEST_F(AsyncAccessTest, FailedWritesBehindFailTheCloseWithoutAHang) {
+  KxFileAccessLocal f;
+  ASSERT_EQ(f.OpenFile(Path("out.bin"), 2), 1);
+  ASSERT_EQ(f.EnableAsyncWrite(1, kMiB), 1);
+  std::string data = Pattern(0, 8 * kMiB);
+  {
+    qlt::fault::Rule rule;
+    rule.ops = qlt::fault::kWrite;
+    rule.pathPattern = L"*out.bin";
+    rule.times = -1;
+    qlt::fault::ScopedFault fault(rule);
+    // Queued at once: the worker's failures never block the caller.
+    ASSERT_EQ(f.Write(reinterpret_cast<const BYTE*>(data.data()), 8 * kMiB), 8 * kMiB);
+    EXPECT_EQ(f.CloseFile(), 0);
+    EXPECT_GE(fault.Fired(), 1);
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "diagnostics/module_paths.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/web_plugin.h"
 #include "platform/faults.h"
@@ -190,6 +191,31 @@ TEST_F(FacadeTest, VirtualStorageResultsAreTheStoragesOwn) {
   EXPECT_EQ(f.Read(b, -1), 0);
   EXPECT_EQ(f.Read(b, 4), 4);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(b), 4), "3456");
+}
+
+TEST_F(FacadeTest, VirtualStorageAnswersOutOfTheOrdinaryAreLogged) {
+  SetModuleDirectoryOverride(m_dir.wpath("lib"));
+  std::filesystem::create_directories(m_dir.file("lib/sdk-log/ErrorLog"));
+  SdkSettings.LogFileOn = 1;
+  {
+    QLCT_FileAccess f;
+    ASSERT_NE(f.OpenFile(CComBSTR(L"qvf:\\small.bin"), 2), 0);
+    f.Write(reinterpret_cast<const BYTE*>("0123456789"), 10);
+    EXPECT_EQ(f.GetLength(), 10u);  // below 64 bytes: logged, still returned
+    EXPECT_EQ(f.SetPosition(5), 5);
+    BYTE b[20];
+    EXPECT_EQ(f.Read(b, 20), 5);  // short read: logged, count unchanged
+    f.CloseFile();
+    QLCT_FileAccess bad;
+    EXPECT_EQ(bad.OpenFile(CComBSTR(L"qvf:\\..\\..\\escape.bin"), 1), 0);
+  }
+  SdkSettings.LogFileOn = 0;
+  SetModuleDirectoryOverride(L"");
+  std::string log = ReadWholeFile(m_dir.file("lib/sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt"));
+  EXPECT_NE(log.find("qvf:\\small.bin"), std::string::npos) << log;
+  EXPECT_NE(log.find("    Get file size:   size :10   "), std::string::npos) << log;
+  EXPECT_NE(log.find("    read file :   size to read  :20  real size  :5  "), std::string::npos) << log;
+  EXPECT_NE(log.find("    open file fail!   "), std::string::npos) << log;
 }
 
 TEST_F(FacadeTest, FileIsExistAnswersForEverySource) {
