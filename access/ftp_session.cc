@@ -350,7 +350,9 @@ BOOL CFtpSession::OpenRead(const std::wstring& path, ULONGLONG* pSize) {
   if (!Start(m_strFileUrl, Mode::kRead, 0, false)) return FALSE;
   // The first bytes (kept in the spill) or the end prove that the file exists.
   Drive([this] { return m_spill.size() > m_nSpillPos; });
-  if (m_bDone && m_eResult != CURLE_OK) {
+  // A transfer that failed after sending data still opened the file: its
+  // reads deliver those bytes, then fail.
+  if (m_bDone && m_eResult != CURLE_OK && m_spill.size() == m_nSpillPos) {
     FailWith(m_eResult);
     return FALSE;
   }
@@ -402,7 +404,9 @@ BOOL CFtpSession::Seek(ULONGLONG pos) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  bool alive = !m_bDone || m_nSpillPos < m_spill.size();
+  // The running download can serve the new position only if it has not
+  // failed and no abort is pending; otherwise it restarts.
+  bool alive = (!m_bDone || m_eResult == CURLE_OK) && !m_bAbort.load(std::memory_order_relaxed);
   if (pos == m_nPos && (alive || pos >= m_nSize)) return TRUE;
   if (alive && pos > m_nPos && pos - m_nPos <= kDiscardLimit) {
     ULONGLONG step = pos - m_nPos;
