@@ -252,7 +252,7 @@ TEST_F(FtpAccessTest, CloseEndsReadAheadAndCompletesWriteBehind) {
   BYTE b[100];
   ASSERT_EQ(100, m_acc.Read(b, 100));
   EXPECT_EQ(1, m_acc.CloseFile());  // the worker waits on a full ring here
-  EXPECT_EQ(baseline, ThreadCount());
+  EXPECT_EQ(baseline, ThreadCountSettled(baseline));
 
   const std::string data = RandomBytes(5 * 1024 * 1024, 5);
   ASSERT_EQ(1, LogIn(m_acc, Port()));
@@ -261,16 +261,16 @@ TEST_F(FtpAccessTest, CloseEndsReadAheadAndCompletesWriteBehind) {
   ASSERT_EQ(static_cast<int>(data.size()),
             m_acc.Write(reinterpret_cast<const BYTE*>(data.data()), static_cast<int>(data.size())));
   EXPECT_EQ(1, m_acc.CloseFile());  // most of it still queued here
-  EXPECT_EQ(baseline, ThreadCount());
+  EXPECT_EQ(baseline, ThreadCountSettled(baseline));
   EXPECT_TRUE(ReadWholeFile(s_root->file("behind.bin")) == data);
 
   // Enabled but never opened: destruction ends the waiting worker.
   {
     KxFileAccessFtp idle;
     EXPECT_EQ(1, idle.EnableAsyncRead(1, 1 << 20));
-    EXPECT_EQ(baseline + 1, ThreadCount());
+    EXPECT_EQ(baseline + 1, ThreadCountSettled(baseline + 1));
   }
-  EXPECT_EQ(baseline, ThreadCount());
+  EXPECT_EQ(baseline, ThreadCountSettled(baseline));
 }
 
 TEST_F(FtpAccessTest, AsyncSettingsFollowTheInterface) {

@@ -61,7 +61,7 @@ TEST_P(FtpFaultTest, FailsWithinTheTimeoutsAndTheObjectRecovers) {
   KxFileAccessFtp acc;
   EXPECT_TRUE(FailsAtItsStep(acc, c, bad->port()));
   acc.CloseFile();
-  EXPECT_EQ(baseline, ThreadCount()) << "the worker is gone";
+  EXPECT_EQ(baseline, ThreadCountSettled(baseline)) << "the worker is gone";
 
   bad.reset();
   FtpTestServer good(root.path());
@@ -106,7 +106,7 @@ TEST(FtpConnectTest, CloseAbortsAReadAheadBlockedOnAStalledServer) {
   BYTE b[1000];
   ASSERT_EQ(1000, acc.Read(b, 1000));
   EXPECT_EQ(1, acc.CloseFile());
-  EXPECT_EQ(baseline, ThreadCount());
+  EXPECT_EQ(baseline, ThreadCountSettled(baseline));
 }
 
 }  // namespace

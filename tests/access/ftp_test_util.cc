@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 
+#include <chrono>
 #include <random>
+#include <thread>
 
 FtpOptions ShortTimeouts() {
   FtpOptions o;
@@ -27,6 +29,18 @@ std::string RandomBytes(size_t n, unsigned seed) {
   return s;
 }
 
+namespace {
+
+// Some sanitizer runtimes start a helper thread of their own when the process
+// makes its first thread; making (and joining) one at load moves that before
+// any count a test takes.
+const bool g_bFirstThreadMade = [] {
+  std::thread([] {}).join();
+  return true;
+}();
+
+}  // namespace
+
 int ThreadCount() {
   int n = 0;
   if (DIR* d = opendir("/proc/self/task")) {
@@ -35,6 +49,15 @@ int ThreadCount() {
     closedir(d);
   }
   return n;
+}
+
+int ThreadCountSettled(int n) {
+  int count = ThreadCount();
+  for (int i = 0; i < 200 && count > n; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    count = ThreadCount();
+  }
+  return count;
 }
 
 std::string ReadAll(KxFileAccessFtp& acc, int piece) {

@@ -16,6 +16,10 @@ int LogIn(KxFileAccessFtp& acc, int port, const wchar_t* password = nullptr);
 std::string RandomBytes(size_t n, unsigned seed);
 // Threads of this process now.
 int ThreadCount();
+// Waits (up to 2 s) until the process has at most n threads: a joined
+// thread leaves the kernel's list a moment after its join returns. Returns
+// the count seen last.
+int ThreadCountSettled(int n);
 // Reads through acc until it returns 0, in pieces of the given size.
 std::string ReadAll(KxFileAccessFtp& acc, int piece);
 
