@@ -8,6 +8,7 @@
 #include "qltfsdk/datapoolaccess.h"
 #include "qltfsdk/export.h"
 #include "qltfsdk/fileex.h"
+#include "qltfsdk/fileaccess.h"
 #include "qltfsdk/filetransfer.h"
 #include "qltfsdk/sdkinfo.h"
 #include "qltfsdk/wintypes.h"

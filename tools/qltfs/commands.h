@@ -9,5 +9,7 @@
 void AddInfoCommand(CLI::App& app);
 void AddCopyCommand(CLI::App& app);
 void AddWriteCommand(CLI::App& app);
+void AddReadCommand(CLI::App& app);
+void AddExistsCommand(CLI::App& app);
 
 #endif  // QLTFS_TOOL_COMMANDS_H

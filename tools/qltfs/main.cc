@@ -10,6 +10,8 @@ int main(int argc, char** argv) {
   AddInfoCommand(app);
   AddCopyCommand(app);
   AddWriteCommand(app);
+  AddReadCommand(app);
+  AddExistsCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {  // --help and friends

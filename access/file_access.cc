@@ -1,0 +1,98 @@
+// QLCT_FileAccess: source selection and forwarding; FileIsExist.
+#include <new>
+#include <string>
+
+#include "access/easy_file_access.h"
+#include "access/ftp_back_end.h"
+#include "access/kx_file_access_local.h"
+#include "access/kx_virtual_file.h"
+#include "diagnostics/virtual_storage.h"
+#include "diagnostics/web_plugin.h"
+#include "platform/platform.h"
+#include "qltfsdk/fileaccess.h"
+
+namespace {
+
+constexpr DWORD kFtpSource = 16;
+
+// The back-end for a facade that has none yet; null for a mode that opens
+// nothing on a plain path, or when memory runs out.
+KxFileAccessBase* SelectBackEnd(LPCWSTR path, DWORD nMode) {
+  if (QltIsVirtualStoragePath(path)) return new (std::nothrow) kxVirtualFile();
+  if (nMode == ACCESS_MODE_READ) return new (std::nothrow) CEasyFileAccess();
+  if (nMode == ACCESS_MODE_WRITE) return new (std::nothrow) KxFileAccessLocal();
+  return nullptr;
+}
+
+}  // namespace
+
+QLCT_FileAccess::QLCT_FileAccess() : m_pImpl(nullptr) {}
+
+QLCT_FileAccess::~QLCT_FileAccess() { delete m_pImpl; }
+
+QLCT_FileAccess::QLCT_FileAccess(const QLCT_FileAccess&) : m_pImpl(nullptr) {}
+
+QLCT_FileAccess& QLCT_FileAccess::operator=(const QLCT_FileAccess& other) {
+  if (this != &other) {
+    delete m_pImpl;
+    m_pImpl = nullptr;
+  }
+  return *this;
+}
+
+int QLCT_FileAccess::Initialize(DWORD nSource) {
+  delete m_pImpl;
+  m_pImpl = nullptr;
+  if (nSource == kFtpSource) m_pImpl = QltNewFtpBackEnd();
+  return 1;
+}
+
+int QLCT_FileAccess::LogInHost(CComBSTR strHost, CComBSTR strUser, CComBSTR strPassword, int nPort) {
+  return m_pImpl ? m_pImpl->LogInHost(std::move(strHost), std::move(strUser), std::move(strPassword), nPort) : 0;
+}
+
+int QLCT_FileAccess::OpenFile(CComBSTR strPath, DWORD nMode) {
+  if (!m_pImpl) {
+    m_pImpl = SelectBackEnd(strPath.m_str, nMode);
+    if (!m_pImpl) return 0;
+  }
+  return m_pImpl->OpenFile(std::move(strPath), nMode);
+}
+
+int QLCT_FileAccess::GetAccessMode(DWORD& nMode) { return m_pImpl ? m_pImpl->GetAccessMode(nMode) : 0; }
+
+ULONGLONG QLCT_FileAccess::GetLength() { return m_pImpl ? m_pImpl->GetLength() : 0; }
+
+__int64 QLCT_FileAccess::GetPosition() { return m_pImpl ? m_pImpl->GetPosition() : 0; }
+
+int QLCT_FileAccess::SetPosition(__int64 nPos) { return m_pImpl ? m_pImpl->SetPosition(nPos) : 0; }
+
+int QLCT_FileAccess::EnableAsyncWrite(int bEnable, int nBufferSize) {
+  return m_pImpl ? m_pImpl->EnableAsyncWrite(bEnable, nBufferSize) : 0;
+}
+
+int QLCT_FileAccess::EnableAsyncRead(int bEnable, int nBufferSize) {
+  return m_pImpl ? m_pImpl->EnableAsyncRead(bEnable, nBufferSize) : 0;
+}
+
+int QLCT_FileAccess::SetReadBufferSize(DWORD nSize) { return m_pImpl ? m_pImpl->SetReadBufferSize(nSize) : 0; }
+
+int QLCT_FileAccess::Read(BYTE* pBuffer, int nCount) { return m_pImpl ? m_pImpl->Read(pBuffer, nCount) : 0; }
+
+int QLCT_FileAccess::Write(const BYTE* pBuffer, int nCount) { return m_pImpl ? m_pImpl->Write(pBuffer, nCount) : 0; }
+
+int QLCT_FileAccess::CloseFile() { return m_pImpl ? m_pImpl->CloseFile() : 0; }
+
+extern "C" int FileIsExist(CComBSTR strPath) {
+  try {
+    std::wstring path(strPath.m_str ? strPath.m_str : L"", strPath.Length());
+    if (QltIsVirtualStoragePath(path.c_str())) return QltVirtualFileExists(path.c_str());
+    std::wstring scheme = QltUrlScheme(path.c_str());
+    if (scheme == L"HTTP" || scheme == L"FTP" || scheme == L"OSS" || scheme == L"HTTPS")
+      return QltWebFileIsExist(path.c_str());
+    return _waccess(path.c_str(), 4) == 0 ? 1 : 0;
+  } catch (...) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
+}

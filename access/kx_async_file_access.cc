@@ -1,0 +1,249 @@
+// The read-ahead / write-behind scheme shared by the local and FTP back-ends.
+#include "access/kx_async_file_access.h"
+
+#include <algorithm>
+#include <new>
+
+namespace {
+
+void FreeTransfer(BYTE* p) {
+  if (p) ::operator delete(p, std::align_val_t(4096));
+}
+
+}  // namespace
+
+KxAsyncFileAccess::KxAsyncFileAccess(int nReadAheadChunk)
+    : m_hFileOpened(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+      m_hWorkerDone(CreateEventW(nullptr, TRUE, TRUE, nullptr)),
+      m_nReadAheadChunk(std::max(1, nReadAheadChunk)) {}
+
+KxAsyncFileAccess::~KxAsyncFileAccess() {
+  // The derived destructor has stopped the worker already; stopping here
+  // again is a no-op then, and only a safety net otherwise.
+  AsyncStop();
+  if (m_hFileOpened) CloseHandle(m_hFileOpened);
+  if (m_hWorkerDone) CloseHandle(m_hWorkerDone);
+}
+
+int KxAsyncFileAccess::AsyncEnable(bool bRead, int bEnable, int nCapacity, bool bFileOpen, DWORD nOpenMode,
+                                   __int64 nFilePos) {
+  if (nCapacity < 1) return 0;
+  // A ring serves one direction; a file open for the other one keeps its
+  // direct path rather than racing a worker on the same handle.
+  if (bEnable && bFileOpen && nOpenMode != (bRead ? 1u : 2u)) return 0;
+  m_bAsync = bEnable;
+  m_nAsyncBufferSize = nCapacity;
+  if (m_pRing) {
+    __int64 nResume = AsyncStop();
+    if (nResume >= 0 && bFileOpen) {
+      ResumeAt(nResume);
+      nFilePos = nResume;
+    }
+  }
+  if (!bEnable) return 1;
+  if (bRead) m_nAsyncPosition = 0;
+  if (!StartWorker(bRead, static_cast<DWORD>(nCapacity), nFilePos)) {
+    m_bAsync = 0;
+    return 0;
+  }
+  if (bFileOpen) {
+    SetEvent(m_hFileOpened);
+    m_bOpenSignalled = true;
+  }
+  return 1;
+}
+
+void KxAsyncFileAccess::AsyncOnOpen(DWORD nMode) {
+  m_nAsyncPosition = 0;
+  bool bRead = nMode == 1;
+  if (m_pRing) {
+    // A ring made before the open: its worker still waits for the open, so
+    // the ring can be emptied under it. One made for the other direction is
+    // replaced by one that suits the mode.
+    if (m_bWorkerReads == bRead) {
+      m_pRing->ResetStream();
+      m_nAsyncBase = 0;
+      m_nAsyncConsumed = 0;
+    } else {
+      DWORD nCapacity = m_pRing->GetBufferSize();
+      AsyncStop();
+      if (!StartWorker(bRead, nCapacity, 0)) m_bAsync = 0;
+    }
+  } else if (m_bAsync && (nMode == 1 || nMode == 2)) {
+    m_nAsyncBufferSize = m_nDefaultAsyncBufferSize;
+    if (!StartWorker(bRead, static_cast<DWORD>(m_nDefaultAsyncBufferSize), 0)) m_bAsync = 0;
+  }
+  SetEvent(m_hFileOpened);
+  m_bOpenSignalled = true;
+}
+
+__int64 KxAsyncFileAccess::AsyncStop() {
+  if (!m_pRing) return -1;
+  // Release a worker still waiting for an open; it then finds its stop
+  // signal (read) or an ended, empty stream (write) and leaves.
+  SetEvent(m_hFileOpened);
+  if (m_bWorkerReads) {
+    // Close (sticky) releases a worker waiting for ring space now or later;
+    // the flag ends its loop between chunks.
+    m_bStopWorker.store(1);
+    m_worker.RequestStop();
+    m_pRing->Close();
+  } else {
+    m_pRing->SetEndOfStream();
+  }
+  WaitForSingleObject(m_hWorkerDone, INFINITE);
+  m_worker.Join();
+  __int64 nResume = m_bWorkerReads ? m_nAsyncBase + m_nAsyncConsumed : -1;
+  m_pRing->UninitStream();
+  delete m_pRing;
+  m_pRing = nullptr;
+  FreeTransfer(m_pTransfer);
+  m_pTransfer = nullptr;
+  m_nTransferSize = 0;
+  m_bStopWorker.store(0);
+  if (!m_bOpenSignalled) ResetEvent(m_hFileOpened);
+  return nResume;
+}
+
+void KxAsyncFileAccess::AsyncOnClose() {
+  ResetEvent(m_hFileOpened);
+  m_bOpenSignalled = false;
+}
+
+bool KxAsyncFileAccess::AsyncRestart(bool bRead, DWORD nCapacity, __int64 nFilePos) {
+  if (!StartWorker(bRead, nCapacity, nFilePos)) {
+    m_bAsync = 0;
+    return false;
+  }
+  SetEvent(m_hFileOpened);
+  m_bOpenSignalled = true;
+  return true;
+}
+
+bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePos) {
+  // Everything the worker needs is made here, so a failure is reported to
+  // the enabling call instead of leaving a caller waiting on a dead ring.
+  int nPiece = static_cast<int>(std::max<DWORD>(1, nCapacity / 2));
+  int nTransfer = bRead ? m_nReadAheadChunk : std::min(kWriteBehindChunk, nPiece);
+  CRingStream_Wd* pRing = new (std::nothrow) CRingStream_Wd(L"input Buffering");
+  // Aligned, so that the local back-end can read whole blocks straight into
+  // it, also without system buffering.
+  BYTE* pTransfer =
+      static_cast<BYTE*>(::operator new(static_cast<size_t>(nTransfer), std::align_val_t(4096), std::nothrow));
+  if (!pRing || !pTransfer || pRing->InitStream(nCapacity) != 0) {
+    if (pRing) pRing->UninitStream();
+    delete pRing;
+    FreeTransfer(pTransfer);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return false;
+  }
+  pRing->ResetStream();
+  m_pRing = pRing;
+  m_pTransfer = pTransfer;
+  m_nTransferSize = nTransfer;
+  m_nRingPiece = nPiece;
+  m_bWorkerReads = bRead;
+  m_nAsyncBase = nFilePos;
+  m_nAsyncConsumed = 0;
+  m_bStopWorker.store(0);
+  ResetEvent(m_hWorkerDone);
+  if (!m_worker.Start([this] { WorkerMain(); })) {
+    SetEvent(m_hWorkerDone);
+    m_pRing->UninitStream();
+    delete m_pRing;
+    m_pRing = nullptr;
+    FreeTransfer(m_pTransfer);
+    m_pTransfer = nullptr;
+    return false;
+  }
+  return true;
+}
+
+void KxAsyncFileAccess::WorkerMain() {
+  KxAsyncFileAccess* self = this;
+  WaitForSingleObject(self->m_hFileOpened, INFINITE);
+  ResetEvent(self->m_hWorkerDone);
+  try {
+    if (self->m_bWorkerReads)
+      self->ReadAheadLoop();
+    else
+      self->WriteBehindLoop();
+  } catch (...) {
+    // A hook that threw ends the transfer. A read-ahead caller is released
+    // by the stream end below; a write-behind caller is released by taking
+    // (and dropping) whatever it still queues until the stream ends.
+    if (!self->m_bWorkerReads) {
+      while (!self->m_pRing->IsEndOfStream() || self->m_pRing->HasData()) {
+        LONG nLen = self->m_nTransferSize;
+        self->m_pRing->ReadData(nullptr, nLen, true);
+      }
+    }
+  }
+  self->m_pRing->SetEndOfStream();
+  SetEvent(self->m_hWorkerDone);
+}
+
+void KxAsyncFileAccess::ReadAheadLoop() {
+  for (;;) {
+    if (m_bStopWorker.load()) return;
+    int nRead = WorkerRead(m_pTransfer, m_nTransferSize);
+    int nDone = 0;
+    // Hand the chunk over in pieces that always fit beside what the caller
+    // is waiting for (see CallerPiece).
+    while (nDone < nRead) {
+      if (m_bStopWorker.load()) return;
+      LONG nLen = std::min(nRead - nDone, m_nRingPiece);
+      LONG nAsked = nLen;
+      m_pRing->WriteData(m_pTransfer + nDone, nLen);
+      if (nLen < nAsked) return;  // StopWriting cut the wait short
+      nDone += nLen;
+    }
+    if (nRead < m_nTransferSize) return;  // end of file or a failed read
+  }
+}
+
+void KxAsyncFileAccess::WriteBehindLoop() {
+  while (!m_pRing->IsEndOfStream() || m_pRing->HasData()) {
+    LONG nLen = m_nTransferSize;
+    m_pRing->ReadData(m_pTransfer, nLen);
+    if (nLen > 0) WorkerWrite(m_pTransfer, nLen);
+  }
+}
+
+int KxAsyncFileAccess::CallerPiece(int nCount) const {
+  // Requests up to half the ring go in one call; longer ones are cut into
+  // pieces of at most half the ring and 2 MiB. Half the ring (not the whole
+  // ring) keeps room for the worker's own piece, so neither side can wait on
+  // the other.
+  if (nCount <= m_nRingPiece) return nCount;
+  return std::min(m_nRingPiece, kMaxCallerPiece);
+}
+
+int KxAsyncFileAccess::AsyncRead(BYTE* pBuffer, int nCount) {
+  if (!IsAsyncRead() || nCount < 0) return 0;
+  int nPiece = CallerPiece(nCount);
+  int nTotal = 0;
+  while (nTotal < nCount) {
+    LONG nLen = std::min(nPiece, nCount - nTotal);
+    LONG nAsked = nLen;
+    m_pRing->ReadData(pBuffer ? pBuffer + nTotal : nullptr, nLen, pBuffer == nullptr);
+    nTotal += nLen;
+    if (nLen < nAsked) break;  // the worker ended: end of file or stop
+  }
+  m_nAsyncConsumed += nTotal;
+  return nTotal;
+}
+
+int KxAsyncFileAccess::AsyncWrite(const BYTE* pBuffer, int nCount) {
+  if (!IsAsyncWrite() || !pBuffer || nCount < 0) return 0;
+  int nPiece = CallerPiece(nCount);
+  int nTotal = 0;
+  while (nTotal < nCount) {
+    LONG nLen = std::min(nPiece, nCount - nTotal);
+    LONG nAsked = nLen;
+    m_pRing->WriteData(pBuffer + nTotal, nLen);
+    nTotal += nLen;
+    if (nLen < nAsked) break;
+  }
+  return nTotal;
+}

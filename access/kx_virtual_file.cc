@@ -1,0 +1,82 @@
+// The virtual-storage back-end: one storage object, operations mapped one to one.
+#include "access/kx_virtual_file.h"
+
+#include <cstdio>
+
+#include "diagnostics/error_log.h"
+#include "diagnostics/sdk_settings.h"
+#include "diagnostics/virtual_storage.h"
+
+kxVirtualFile::kxVirtualFile() : m_pVirtualFile(QltNewVirtualFile()) {}
+
+kxVirtualFile::~kxVirtualFile() { QltDeleteVirtualFile(m_pVirtualFile); }
+
+void kxVirtualFile::LogEntry(const char* title, const wchar_t* detail) {
+  if (SdkSettings.LogFileOn != 0) WriteErrorLogEntry(m_errorLog, m_strPath, title, detail);
+}
+
+int kxVirtualFile::OpenFile(CComBSTR strPath, DWORD nMode) {
+  if (!m_pVirtualFile) return 0;
+  try {
+    std::wstring path(strPath.m_str ? strPath.m_str : L"", strPath.Length());
+    // The access mode travels in the share-mode place; the storage opens
+    // for reading and writing and creates a missing file.
+    int r = m_pVirtualFile->Open(path.c_str(), GENERIC_READ | GENERIC_WRITE, nMode, OPEN_ALWAYS);
+    m_strPath = path;
+    if (r < 1) LogEntry("\n    open file fail!   ", nullptr);
+    return r;
+  } catch (...) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return 0;
+  }
+}
+
+ULONGLONG kxVirtualFile::GetLength() {
+  if (!m_pVirtualFile) return 0;
+  __int64 nSize = m_pVirtualFile->GetSize();
+  if (nSize < 0) return 0;
+  if (static_cast<ULONGLONG>(nSize) < 64) {
+    wchar_t detail[64];
+    swprintf(detail, 64, L"size :%lld   \n", static_cast<long long>(nSize));
+    LogEntry("\n    Get file size:   ", detail);
+  }
+  return static_cast<ULONGLONG>(nSize);
+}
+
+int kxVirtualFile::Read(BYTE* pBuffer, int nCount) {
+  if (!m_pVirtualFile || nCount < 0) return 0;
+  int nRead = m_pVirtualFile->Read(pBuffer, static_cast<DWORD>(nCount));
+  if (nRead != nCount) {
+    wchar_t detail[96];
+    swprintf(detail, 96, L"size to read  :%d  real size  :%d  \n", nCount, nRead);
+    LogEntry("\n    read file :   ", detail);
+  }
+  return nRead;
+}
+
+__int64 kxVirtualFile::GetPosition() { return m_pVirtualFile ? m_pVirtualFile->GetPosition() : 0; }
+
+int kxVirtualFile::SetPosition(__int64 nPos) {
+  if (!m_pVirtualFile) return 0;
+  __int64 nDistance = nPos;
+  __int64 nNew = m_pVirtualFile->Seek(&nDistance, 0, 1);
+  if (nNew != nPos) {
+    wchar_t detail[128];
+    swprintf(detail, 128, L"position to mov  :%lld new  position :%lld  \n", static_cast<long long>(nPos),
+             static_cast<long long>(nNew));
+    LogEntry("\n   mov file postion :   ", detail);
+  }
+  return static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(nNew) & 0xFFFFFFFFu));
+}
+
+int kxVirtualFile::Write(const BYTE* pBuffer, int nCount) {
+  if (!m_pVirtualFile) return 0;
+  if (pBuffer && nCount > 0) m_pVirtualFile->Write(pBuffer, static_cast<DWORD>(nCount));
+  return 1;
+}
+
+int kxVirtualFile::CloseFile() {
+  if (!m_pVirtualFile) return 0;
+  m_pVirtualFile->Close();
+  return 1;
+}

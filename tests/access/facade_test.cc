@@ -1,0 +1,276 @@
+// The exported accessor as a host uses it: which back-end each path form
+// gets, where the back-ends' results differ, that every source gives the
+// file's bytes, copies, and FileIsExist on every source.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "diagnostics/module_paths.h"
+#include "diagnostics/sdk_settings.h"
+#include "diagnostics/web_plugin.h"
+#include "platform/faults.h"
+#include "platform/platform.h"
+#include "qltfsdk/qltfsdk.h"
+#include "tests/access/access_fixture.h"
+
+namespace {
+
+enum class Kind { kNone, kLocal, kVirtual, kEasy };
+
+// Tells the back-ends apart by the results only each gives.
+Kind KindOf(QLCT_FileAccess& f) {
+  DWORD mode = 77;
+  int r = f.GetAccessMode(mode);
+  if (mode != 77) return Kind::kLocal;  // the only one that reports a mode
+  if (r == 0) return Kind::kNone;
+  return f.EnableAsyncRead(1, 1 << 20) == 1 ? Kind::kVirtual : Kind::kEasy;
+}
+
+class FacadeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    HMODULE hModule = LoadLibraryW(L"QVFVirtualFileU.dll");
+    ASSERT_NE(hModule, nullptr);
+    m_pfnSetRoot = reinterpret_cast<int (*)(const wchar_t*)>(GetProcAddress(hModule, "QltSetVirtualStorageRoot"));
+    ASSERT_NE(m_pfnSetRoot, nullptr);
+    m_pfnSetRoot(m_dir.wpath("root").c_str());
+    ASSERT_TRUE(WritePatternFile(m_dir.file("plain.bin"), 300000));
+  }
+  void TearDown() override {
+    if (m_pfnSetRoot) m_pfnSetRoot(nullptr);
+  }
+  CComBSTR P(const std::string& name) const { return CComBSTR(m_dir.wpath(name).c_str()); }
+
+  TempDir m_dir;
+  int (*m_pfnSetRoot)(const wchar_t*) = nullptr;
+};
+
+TEST_F(FacadeTest, TheFirstOpenChoosesTheBackEndByPathFormAndMode) {
+  const struct {
+    std::wstring path;
+    DWORD mode;
+    Kind kind;
+    int open;
+  } cases[] = {
+      {m_dir.wpath("plain.bin"), 1, Kind::kEasy, 1},         {m_dir.wpath("plain2.bin"), 2, Kind::kLocal, 1},
+      {m_dir.wpath("plain.bin"), 3, Kind::kNone, 0},         {L"qvf:\\pool\\clip", 2, Kind::kVirtual, 1},
+      {L"\\\\server\\share\\QVF:\\x", 1, Kind::kVirtual, 1},  // the prefix mid-path
+      {m_dir.wpath("Qvf:\\pool\\clip"), 2, Kind::kLocal, 0},  // mixed case: a plain path
+      {m_dir.wpath("qVF:\\x"), 1, Kind::kEasy, 0},           {m_dir.wpath("missing.bin"), 1, Kind::kEasy, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.path.begin(), c.path.end()) + " mode " + std::to_string(c.mode));
+    QLCT_FileAccess f;
+    EXPECT_EQ(f.OpenFile(CComBSTR(c.path.c_str()), c.mode) != 0, c.open != 0);
+    EXPECT_EQ(KindOf(f), c.kind);
+  }
+}
+
+TEST_F(FacadeTest, AFacadeKeepsItsBackEndUntilInitialize) {
+  QLCT_FileAccess f;
+  ASSERT_EQ(f.OpenFile(P("w.bin"), 2), 1);
+  EXPECT_EQ(f.OpenFile(CComBSTR(L"qvf:\\x"), 1), 0);  // still the local back-end
+  EXPECT_EQ(KindOf(f), Kind::kLocal);
+  // The local back-end reads when a write-made facade opens for reading.
+  ASSERT_EQ(f.OpenFile(P("plain.bin"), 1), 1);
+  BYTE b[100];
+  ASSERT_EQ(f.Read(b, 100), 100);
+  EXPECT_TRUE(std::string(reinterpret_cast<char*>(b), 100) == Pattern(0, 100));
+  EXPECT_EQ(f.Initialize(5), 1);  // closes and destroys
+  EXPECT_EQ(KindOf(f), Kind::kNone);
+  EXPECT_EQ(f.Read(b, 100), 0);
+  ASSERT_NE(f.OpenFile(CComBSTR(L"qvf:\\x"), 1), 0);
+  EXPECT_EQ(KindOf(f), Kind::kVirtual);
+}
+
+TEST_F(FacadeTest, EmptyFacadeAndCopiesFailEveryCallWithZero) {
+  QLCT_FileAccess f;
+  ASSERT_EQ(f.OpenFile(P("plain.bin"), 1), 1);
+  QLCT_FileAccess copy(f);  // never shares the back-end
+  QLCT_FileAccess assigned;
+  ASSERT_EQ(assigned.OpenFile(P("plain.bin"), 1), 1);
+  assigned = f;
+  for (QLCT_FileAccess* p : {&copy, &assigned}) {
+    BYTE b[10];
+    DWORD mode = 5;
+    EXPECT_EQ(p->Read(b, 10), 0);
+    EXPECT_EQ(p->Write(b, 10), 0);
+    EXPECT_EQ(p->GetAccessMode(mode), 0);
+    EXPECT_EQ(p->GetLength(), 0u);
+    EXPECT_EQ(p->GetPosition(), 0);
+    EXPECT_EQ(p->SetPosition(1), 0);
+    EXPECT_EQ(p->EnableAsyncRead(1, 1000), 0);
+    EXPECT_EQ(p->EnableAsyncWrite(1, 1000), 0);
+    EXPECT_EQ(p->SetReadBufferSize(4096), 0);
+    EXPECT_EQ(p->CloseFile(), 0);
+    EXPECT_EQ(p->LogInHost(CComBSTR(L"h"), CComBSTR(L"u"), CComBSTR(L"p"), 21), 0);
+  }
+  EXPECT_EQ(f.GetLength(), 300000u);  // the original still works
+  EXPECT_EQ(f.CloseFile(), 1);
+}
+
+// Each back-end's own results for the same calls, with a file open.
+TEST_F(FacadeTest, ResultsDifferByBackEndAsDocumented) {
+  const struct {
+    const char* name;
+    CComBSTR path;
+    DWORD mode;
+    int asyncWrite, asyncRead, setBuffer, write, close;
+  } cases[] = {
+      {"local", P("lw.bin"), 2, 1, 0 /* other direction */, 1, 10, 1},
+      {"virtual", CComBSTR(L"qvf:\\v.bin"), 2, 1, 1, 1, 1, 1},
+      {"easy", P("plain.bin"), 1, 0, 0, 1, 0, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    QLCT_FileAccess f;
+    ASSERT_NE(f.OpenFile(c.path, c.mode), 0);
+    EXPECT_EQ(f.SetReadBufferSize(65536), c.setBuffer);
+    EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>("0123456789"), 10), c.write);
+    EXPECT_EQ(f.EnableAsyncRead(1, 1 << 20), c.asyncRead);
+    EXPECT_EQ(f.EnableAsyncWrite(1, 1 << 20), c.asyncWrite);
+    EXPECT_EQ(f.CloseFile(), c.close);
+  }
+  SdkSettings.ReadBufSize = 262144;
+}
+
+TEST_F(FacadeTest, EverySourceGivesTheFilesBytes) {
+  const std::string kData = Pattern(0, 300000);
+  {
+    QLCT_FileAccess w;  // into the virtual storage through the accessor
+    ASSERT_NE(w.OpenFile(CComBSTR(L"qvf:\\d\\copy.bin"), 2), 0);
+    EXPECT_EQ(w.Write(reinterpret_cast<const BYTE*>(kData.data()), 300000), 1);
+    EXPECT_EQ(w.CloseFile(), 1);
+  }
+  QLCT_FileAccess local;
+  ASSERT_EQ(local.OpenFile(P("unused.bin"), 2), 1);  // makes a local back-end
+  const struct {
+    const char* name;
+    QLCT_FileAccess* reuse;
+    CComBSTR path;
+  } sources[] = {
+      {"easy", nullptr, P("plain.bin")},
+      {"local", &local, P("plain.bin")},
+      {"virtual", nullptr, CComBSTR(L"qvf:\\d\\copy.bin")},
+  };
+  for (const auto& s : sources) {
+    SCOPED_TRACE(s.name);
+    QLCT_FileAccess fresh;
+    QLCT_FileAccess& f = s.reuse ? *s.reuse : fresh;
+    ASSERT_NE(f.OpenFile(s.path, 1), 0);
+    EXPECT_EQ(f.GetLength(), 300000u);
+    std::string got(300000, '\0');
+    int done = 0;
+    for (int n = 1; done < 300000; n = n * 3 + 1) {
+      int r = f.Read(reinterpret_cast<BYTE*>(&got[done]), std::min(n, 300000 - done));
+      ASSERT_GT(r, 0);
+      done += r;
+    }
+    EXPECT_TRUE(got == kData);
+    EXPECT_EQ(f.GetPosition(), 300000);
+    EXPECT_NE(f.SetPosition(1234), 0);
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(&got[0]), 10), 10);
+    EXPECT_TRUE(got.substr(0, 10) == kData.substr(1234, 10));
+    f.CloseFile();
+  }
+}
+
+TEST_F(FacadeTest, VirtualStorageResultsAreTheStoragesOwn) {
+  QLCT_FileAccess f;
+  ASSERT_NE(f.OpenFile(CComBSTR(L"qvf:\\ten.bin"), 2), 0);
+  f.Write(reinterpret_cast<const BYTE*>("0123456789"), 10);
+  EXPECT_EQ(f.GetLength(), 10u);
+  DWORD mode = 42;
+  EXPECT_EQ(f.GetAccessMode(mode), 1);
+  EXPECT_EQ(mode, 42u);
+  EXPECT_EQ(f.SetPosition(4294967296LL), 0);  // low 32 bits of 4 GiB
+  EXPECT_EQ(f.GetPosition(), 4294967296LL);
+  EXPECT_EQ(f.SetPosition(3), 3);
+  BYTE b[4];
+  EXPECT_EQ(f.Read(b, -1), 0);
+  EXPECT_EQ(f.Read(b, 4), 4);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(b), 4), "3456");
+}
+
+TEST_F(FacadeTest, VirtualStorageAnswersOutOfTheOrdinaryAreLogged) {
+  SetModuleDirectoryOverride(m_dir.wpath("lib"));
+  std::filesystem::create_directories(m_dir.file("lib/sdk-log/ErrorLog"));
+  SdkSettings.LogFileOn = 1;
+  {
+    QLCT_FileAccess f;
+    ASSERT_NE(f.OpenFile(CComBSTR(L"qvf:\\small.bin"), 2), 0);
+    f.Write(reinterpret_cast<const BYTE*>("0123456789"), 10);
+    EXPECT_EQ(f.GetLength(), 10u);  // below 64 bytes: logged, still returned
+    EXPECT_EQ(f.SetPosition(5), 5);
+    BYTE b[20];
+    EXPECT_EQ(f.Read(b, 20), 5);  // short read: logged, count unchanged
+    f.CloseFile();
+    QLCT_FileAccess bad;
+    EXPECT_EQ(bad.OpenFile(CComBSTR(L"qvf:\\..\\..\\escape.bin"), 1), 0);
+  }
+  SdkSettings.LogFileOn = 0;
+  SetModuleDirectoryOverride(L"");
+  std::string log = ReadWholeFile(m_dir.file("lib/sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt"));
+  EXPECT_NE(log.find("qvf:\\small.bin"), std::string::npos) << log;
+  EXPECT_NE(log.find("    Get file size:   size :10   "), std::string::npos) << log;
+  EXPECT_NE(log.find("    read file :   size to read  :20  real size  :5  "), std::string::npos) << log;
+  EXPECT_NE(log.find("    open file fail!   "), std::string::npos) << log;
+}
+
+TEST_F(FacadeTest, FileIsExistAnswersForEverySource) {
+  std::filesystem::create_directories(m_dir.file("root"));
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("root/there.bin"), "x"));
+  QltResetWebPluginForTest(QltUtf8ToWide(QLT_TEST_WEBPLUGIN));
+  const struct {
+    std::wstring path;
+    int exists;
+  } cases[] = {
+      {m_dir.wpath("plain.bin"), 1},
+      {m_dir.wpath("absent.bin"), 0},
+      {L"qvf:\\there.bin", 1},
+      {L"\\\\srv\\QVF:\\there.bin", 1},
+      {L"qvf:\\absent.bin", 0},
+      {L"oss://bucket/exists.bin", 1},  // answered by the plug-in
+      {L"HtTpS://h/exists", 1},
+      {L"ftp://h/absent.bin", 0},
+      {L"http://h/exists.INX", 0},                 // never asked
+      {L"file://" + m_dir.wpath("plain.bin"), 0},  // not a web scheme: tested locally
+      {L"", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.path.begin(), c.path.end()));
+    EXPECT_EQ(FileIsExist(CComBSTR(c.path.c_str())) != 0, c.exists != 0);
+  }
+  QltResetWebPluginForTest(L"");
+}
+
+TEST_F(FacadeTest, FileIsExistWithoutTheLibrariesAnswersZero) {
+  std::filesystem::create_directories(m_dir.file("root"));
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("root/there.bin"), "x"));
+  qlt::fault::Rule rule;
+  rule.ops = qlt::fault::kLoadLibrary;
+  rule.times = -1;
+  rule.error = ERROR_MOD_NOT_FOUND;
+  {
+    rule.pathPattern = L"*QVFVirtualFileU*";
+    qlt::fault::ScopedFault missing(rule);
+    EXPECT_EQ(FileIsExist(CComBSTR(L"qvf:\\there.bin")), 0);
+    QLCT_FileAccess f;  // and the virtual back-end fails its calls with 0
+    EXPECT_EQ(f.OpenFile(CComBSTR(L"qvf:\\there.bin"), 1), 0);
+    EXPECT_EQ(f.Read(nullptr, 0), 0);
+    EXPECT_EQ(f.CloseFile(), 0);
+  }
+  {
+    QltResetWebPluginForTest(L"");  // the real plug-in's name, made unloadable
+    rule.pathPattern = L"*QLT_WebFileReader*";
+    qlt::fault::ScopedFault missing(rule);
+    EXPECT_EQ(FileIsExist(CComBSTR(L"oss://bucket/exists.bin")), 0);
+    int tried = missing.Fired();
+    EXPECT_GE(tried, 1);
+    EXPECT_EQ(FileIsExist(CComBSTR(L"http://h/exists.inx")), 0);
+    EXPECT_EQ(missing.Fired(), tried);  // ".inx" loads nothing
+  }
+}
+
+}  // namespace
