@@ -4,7 +4,7 @@
 #include <climits>
 #include <new>
 
-#include "diagnostics/utilbase_api.h"
+#include "companions/utilbase/utilbase_api.h"
 
 CEasyFileAccess::~CEasyFileAccess() { CloseFile(); }
 
