@@ -11,62 +11,14 @@
 #include <vector>
 
 #include "commands.h"
+#include "errors.h"
 #include "ftp_url.h"
+#include "progress.h"
 #include "qltfsdk/qltfsdk.h"
+#include "sizes.h"
+#include "text.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-[[noreturn]] void Fail(const char* command, const std::string& message, int code = 1) {
-  std::fprintf(stderr, "qltfs %s: %s\n", command, message.c_str());
-  throw CLI::RuntimeError(code);
-}
-
-// UTF-8 command-line text to the wide paths the library takes.
-std::wstring Widen(const std::string& text) {
-  std::wstring out;
-  for (size_t i = 0; i < text.size();) {
-    unsigned char c = static_cast<unsigned char>(text[i]);
-    int extra = c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC0 ? 1 : 0;
-    uint32_t cp = extra ? c & (0x3F >> extra) : c;
-    for (int k = 1; k <= extra && i + k < text.size(); ++k) cp = (cp << 6) | (text[i + k] & 0x3F);
-    out.push_back(static_cast<wchar_t>(cp));
-    i += 1 + extra;
-  }
-  return out;
-}
-
-// Parses "4M", "256k", "1G" or plain bytes (binary multiples). 0 when bad.
-long long ParseSize(const std::string& text) {
-  size_t used = 0;
-  long long n = 0;
-  try {
-    n = std::stoll(text, &used);
-  } catch (const std::exception&) {
-    return 0;
-  }
-  std::string suffix = text.substr(used);
-  if (suffix == "k" || suffix == "K")
-    n <<= 10;
-  else if (suffix == "M")
-    n <<= 20;
-  else if (suffix == "G")
-    n <<= 30;
-  else if (!suffix.empty())
-    return 0;
-  return n > 0 ? n : 0;
-}
-
-void DrawProgress(unsigned long long done, unsigned long long total, double seconds) {
-  constexpr int kWidth = 30;
-  int percent = total ? static_cast<int>(std::min<unsigned long long>(100, done * 100 / total)) : 0;
-  std::string bar(static_cast<size_t>(percent * kWidth / 100), '#');
-  bar.resize(kWidth, '.');
-  double rate = seconds > 0 ? static_cast<double>(done) / seconds / (1 << 20) : 0;
-  std::fprintf(stderr, "\r[%s] %3d%%  %8.1f MiB/s", bar.c_str(), percent, rate);
-  std::fflush(stderr);
-}
 
 // A facade whose back-end is the local one: made by a write open of a
 // scratch file (the facade keeps its first back-end), which read-ahead needs.
@@ -74,7 +26,7 @@ bool MakeLocalBackEnd(QLCT_FileAccess& access) {
   std::error_code ec;
   std::filesystem::path scratch = std::filesystem::temp_directory_path(ec) / "qltfs-read.scratch";
   if (ec) return false;
-  bool ok = access.OpenFile(CComBSTR(Widen(scratch.string()).c_str()), ACCESS_MODE_WRITE) != 0;
+  bool ok = access.OpenFile(CComBSTR(ToWide(scratch.string()).c_str()), ACCESS_MODE_WRITE) != 0;
   access.CloseFile();
   std::filesystem::remove(scratch, ec);
   return ok;
@@ -89,26 +41,26 @@ std::string OpenFtp(QLCT_FileAccess& access, const std::string& url, DWORD mode,
   FillFtpCredentials(&loc);
   std::string shown = ShownFtpUrl(loc);
   access.Initialize(16);
-  std::wstring host = Widen(loc.host + (loc.passive ? ";passive" : ""));
-  if (!access.LogInHost(CComBSTR(host.c_str()), CComBSTR(Widen(loc.user).c_str()),
-                        CComBSTR(Widen(loc.password).c_str()), loc.port))
-    Fail("read", "cannot log in to " + shown + " (error " + std::to_string(GetLastError()) + ")");
+  std::wstring host = ToWide(loc.host + (loc.passive ? ";passive" : ""));
+  if (!access.LogInHost(CComBSTR(host.c_str()), CComBSTR(ToWide(loc.user).c_str()),
+                        CComBSTR(ToWide(loc.password).c_str()), loc.port))
+    Fail("read", "cannot log in to " + shown + ": " + ErrorText(GetLastError()));
   if (async && mode == ACCESS_MODE_READ) access.EnableAsyncRead(1, static_cast<int>(ring));
   // One leading '/' is the separator after the host; a path that starts
   // with another (from "%2F") stays absolute.
-  if (!access.OpenFile(CComBSTR(Widen("/" + loc.path).c_str()), mode))
-    Fail("read", "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading" : " for writing") + " (error " +
-                     std::to_string(GetLastError()) + ")");
+  if (!access.OpenFile(CComBSTR(ToWide("/" + loc.path).c_str()), mode))
+    Fail("read", "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") +
+                     ErrorText(GetLastError()));
   if (async && mode == ACCESS_MODE_WRITE) access.EnableAsyncWrite(1, static_cast<int>(ring));
   return shown;
 }
 
 void RunRead(const std::string& source, const std::string& target, bool async, const std::string& asyncSize,
              const std::string& blockText) {
-  long long block = ParseSize(blockText);
-  if (block <= 0 || block > (1 << 30)) Fail("read", "bad --block '" + blockText + "': give bytes, e.g. 1M", 2);
-  long long ring = async ? ParseSize(asyncSize.empty() ? "10M" : asyncSize) : 0;
-  if (async && (ring <= 0 || ring > (1LL << 31) - 1)) Fail("read", "bad --async size '" + asyncSize + "'", 2);
+  const auto block = static_cast<long long>(SizeOption("read", "--block", blockText, 1, 1 << 30));
+  const auto ring = async ? static_cast<long long>(SizeOption(
+                                "read", "--async size", asyncSize.empty() ? "10M" : asyncSize, 1, (1ULL << 31) - 1))
+                          : 0;
 
   QLCT_FileAccess in;
   std::string inName = source;
@@ -119,8 +71,8 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
       if (!MakeLocalBackEnd(in)) Fail("read", "cannot set up read-ahead (no writable temporary folder)");
       in.EnableAsyncRead(1, static_cast<int>(ring));
     }
-    if (!in.OpenFile(CComBSTR(Widen(source).c_str()), ACCESS_MODE_READ))
-      Fail("read", "cannot open '" + source + "' for reading");
+    if (!in.OpenFile(CComBSTR(ToWide(source).c_str()), ACCESS_MODE_READ))
+      Fail("read", CannotText("open", source, GetLastError()));
   }
   unsigned long long total = in.GetLength();
 
@@ -130,34 +82,34 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
   if (ftpOut) {
     outName = OpenFtp(out, target, ACCESS_MODE_WRITE, async, ring);
   } else if (!target.empty()) {
-    if (!out.OpenFile(CComBSTR(Widen(target).c_str()), ACCESS_MODE_WRITE))
-      Fail("read", "cannot open '" + target + "' for writing");
+    if (!out.OpenFile(CComBSTR(ToWide(target).c_str()), ACCESS_MODE_WRITE))
+      Fail("read", CannotText("create", target, GetLastError()));
     if (async) out.EnableAsyncWrite(1, static_cast<int>(ring));
   }
 
   std::vector<BYTE> buffer(static_cast<size_t>(block));
   unsigned long long done = 0;
-  Clock::time_point start = Clock::now(), lastDraw = start;
+  ProgressBar bar(static_cast<LONGLONG>(total), stderr, ProgressBar::OutputIsTerminal(stderr));
+  bar.Start();
   for (;;) {
     int n = in.Read(buffer.data(), static_cast<int>(block));
-    if (n < 0) Fail("read", "reading '" + inName + "' failed after " + std::to_string(done) + " bytes");
+    if (n < 0)
+      Fail("read",
+           "reading '" + inName + "' failed after " + std::to_string(done) + " bytes: " + ErrorText(GetLastError()));
     if (n == 0) break;
     if (!target.empty() && out.Write(buffer.data(), n) == 0)
-      Fail("read", "writing '" + outName + "' failed after " + std::to_string(done) + " bytes");
+      Fail("read",
+           "writing '" + outName + "' failed after " + std::to_string(done) + " bytes: " + ErrorText(GetLastError()));
     done += static_cast<unsigned long long>(n);
-    Clock::time_point now = Clock::now();
-    if (now - lastDraw > std::chrono::milliseconds(200)) {
-      DrawProgress(done, total, std::chrono::duration<double>(now - start).count());
-      lastDraw = now;
-    }
+    bar.Update(total ? static_cast<int>(std::min<unsigned long long>(100, done * 100 / total)) : 0,
+               static_cast<LONGLONG>(done), static_cast<LONGLONG>(done));
   }
   in.CloseFile();
   // The FTP back-end's close leaves the upload's outcome in the last error.
   if (!target.empty() && (!out.CloseFile() || (ftpOut && GetLastError() != 0)))
     Fail("read", "closing '" + outName + "' failed: not all bytes written");
-  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  DrawProgress(done, total ? total : done, seconds);
-  std::fputc('\n', stderr);
+  bar.Finish(static_cast<LONGLONG>(done));
+  double seconds = bar.Seconds();
   if (total && done != total)
     Fail("read", "read " + std::to_string(done) + " of " + std::to_string(total) + " bytes of '" + inName + "'");
   std::printf("read %llu bytes in %.2f s (%.1f MiB/s)%s\n", done, seconds,
@@ -195,7 +147,7 @@ void AddExistsCommand(CLI::App& app) {
   auto path = std::make_shared<std::string>();
   cmd->add_option("PATH", *path, "file to look for")->required();
   cmd->callback([=] {
-    int answer = FileIsExist(CComBSTR(Widen(*path).c_str()));
+    int answer = FileIsExist(CComBSTR(ToWide(*path).c_str()));
     std::printf("%d\n", answer);
     if (!answer) throw CLI::RuntimeError(1);
   });

@@ -13,67 +13,26 @@
 #include <vector>
 
 #include "commands.h"
+#include "errors.h"
+#include "progress.h"
 #include "qltfsdk/qltfsdk.h"
+#include "sizes.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+const char kCommand[] = "write";
+
 // The pattern repeats every kPeriod bytes: not a multiple of any block or
 // slice size, so a misplaced block shows up in the check.
 constexpr size_t kPeriod = (1u << 20) + 13;
 
-[[noreturn]] void Fail(const std::string& strMessage, int nExitCode = 1) {
-  std::fprintf(stderr, "qltfs write: %s\n", strMessage.c_str());
-  throw CLI::RuntimeError(nExitCode);
-}
-
-// Parses "3M", "512K", "1G", "4096": bytes, suffixes K, M, G (and with a
-// trailing "i" or "B") as powers of 1,024. False for anything else.
-bool ParseSize(std::string strText, uint64_t* pBytes) {
-  while (!strText.empty() && (strText.back() == 'B' || strText.back() == 'i')) strText.pop_back();
-  if (strText.empty()) return false;
-  uint64_t nMul = 1;
-  switch (strText.back()) {
-    case 'k':
-    case 'K': nMul = 1ull << 10; break;
-    case 'm':
-    case 'M': nMul = 1ull << 20; break;
-    case 'g':
-    case 'G': nMul = 1ull << 30; break;
-    default: break;
-  }
-  if (nMul > 1) strText.pop_back();
-  if (strText.empty() || strText.find_first_not_of("0123456789") != std::string::npos || strText.size() > 12)
-    return false;
-  *pBytes = std::stoull(strText) * nMul;
-  return true;
-}
-
-uint64_t SizeOption(const std::string& strName, const std::string& strText, uint64_t nMin, uint64_t nMax) {
-  uint64_t n = 0;
-  if (!ParseSize(strText, &n) || n < nMin || n > nMax)
-    Fail("bad " + strName + " '" + strText + "': give bytes with an optional K, M or G suffix (" +
-             std::to_string(nMin) + " to " + std::to_string(nMax) + ")",
-         2);
-  return n;
-}
-
-std::string MiBps(uint64_t nBytes, double dSeconds) {
+std::string MiBps(ULONGLONG nBytes, double dSeconds) {
   char text[32];
   std::snprintf(text, sizeof text, "%.1f MiB/s", dSeconds > 0 ? static_cast<double>(nBytes) / dSeconds / 1048576 : 0);
   return text;
-}
-
-void DrawProgress(uint64_t nDone, uint64_t nTotal, Clock::time_point tStart) {
-  constexpr int kWidth = 30;
-  double dSeconds = std::chrono::duration<double>(Clock::now() - tStart).count();
-  int nPercent = nTotal ? static_cast<int>(nDone * 100 / nTotal) : 100;
-  std::string strBar(static_cast<size_t>(nPercent * kWidth / 100), '#');
-  strBar.resize(kWidth, '.');
-  std::fprintf(stderr, "\r[%s] %3d%%  %s   ", strBar.c_str(), nPercent, MiBps(nDone, dSeconds).c_str());
-  std::fflush(stderr);
 }
 
 struct WriterDeleter {
@@ -83,16 +42,16 @@ struct WriterDeleter {
 void RunWrite(const std::string& strOut, const std::string& strSize, const std::string& strSlice,
               const std::string& strBlock, const std::string& strPreset, int nRetry, bool bCache,
               const std::string& strCacheSize) {
-  const uint64_t nSize = SizeOption("size", strSize, 0, 1ull << 40);
-  const uint64_t nSlice = SizeOption("slice", strSlice, 1, 256u << 20);
-  const uint64_t nBlock = SizeOption("block", strBlock, 1, 1u << 30);
-  const uint64_t nPreset = strPreset.empty() ? 0 : SizeOption("preset", strPreset, 1, 1ull << 40);
-  if (nRetry < 0) Fail("bad retry count " + std::to_string(nRetry) + ": give 0 or more", 2);
-  const uint64_t nCacheSize = SizeOption("cache size", strCacheSize, 1u << 20, 2048u << 20);
+  const ULONGLONG nSize = SizeOption(kCommand, "size", strSize, 0, 1ull << 40);
+  const ULONGLONG nSlice = SizeOption(kCommand, "slice", strSlice, 1, 256u << 20);
+  const ULONGLONG nBlock = SizeOption(kCommand, "block", strBlock, 1, 1u << 30);
+  const ULONGLONG nPreset = strPreset.empty() ? 0 : SizeOption(kCommand, "preset", strPreset, 1, 1ull << 40);
+  if (nRetry < 0) Fail(kCommand, "bad retry count " + std::to_string(nRetry) + ": give 0 or more", 2);
+  const ULONGLONG nCacheSize = SizeOption(kCommand, "cache size", strCacheSize, 1u << 20, 2048u << 20);
 
   std::error_code ec;
   fs::path path = fs::absolute(strOut, ec);
-  if (ec || fs::is_directory(path, ec)) Fail("'" + strOut + "' is not a file name");
+  if (ec || fs::is_directory(path, ec)) Fail(kCommand, "'" + strOut + "' is not a file name");
   std::wstring wstrPath = path.wstring();
   CComBSTR bstrPath(wstrPath.c_str());
   QLT_WriterOption::SetWriteBlockSize(bstrPath, static_cast<int>(nBlock));
@@ -109,16 +68,17 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
                               nullptr,
                               4194304,
                               bCache ? static_cast<DWORD>(nCacheSize / 4) : 16777216};
-  if (!writer || !writer->Initialize(&info)) Fail("out of memory");
+  if (!writer || !writer->Initialize(&info)) Fail(kCommand, "cannot set up the writer: " + ErrorText(GetLastError()));
   if (!writer->CreateKXFile(bstrPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                             FILE_ATTRIBUTE_NORMAL, nullptr))
-    Fail("cannot create '" + strOut + "' (error " + std::to_string(GetLastError()) + ")");
+    Fail(kCommand, CannotText("create", strOut, GetLastError()));
 
   // Twice the period plus one slice, so any slice can be taken in one piece.
   std::vector<char> pattern(2 * kPeriod + nSlice);
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>((i % kPeriod) * 131 + (i % kPeriod) / 251);
 
-  Clock::time_point tStart = Clock::now(), tDrawn = tStart;
+  ProgressBar bar(static_cast<LONGLONG>(nSize), stderr, ProgressBar::OutputIsTerminal(stderr));
+  bar.Start();
   Clock::duration inWrite{};
   uint64_t nDone = 0;
   while (nDone < nSize) {
@@ -128,25 +88,19 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
     BOOL bWritten = writer->WriteFile(pattern.data() + nDone % kPeriod, nThis, &nWritten, nullptr);
     inWrite += Clock::now() - tCall;
     if (!bWritten) {
-      std::fputc('\n', stderr);
-      Fail("write failed at byte " + std::to_string(nDone) + " (error " + std::to_string(GetLastError()) + ")");
+      DWORD nError = GetLastError();
+      bar.Finish(static_cast<LONGLONG>(nDone));
+      Fail(kCommand, "writing '" + strOut + "' failed at byte " + std::to_string(nDone) + ": " + ErrorText(nError));
     }
     nDone += nThis;
-    if (Clock::now() - tDrawn > std::chrono::milliseconds(100)) {
-      DrawProgress(nDone, nSize, tStart);
-      tDrawn = Clock::now();
-    }
+    bar.Update(static_cast<int>(nDone * 100 / nSize), static_cast<LONGLONG>(nDone), static_cast<LONGLONG>(nDone));
   }
   Clock::time_point tClose = Clock::now();
   BOOL bClosed = writer->CloseHandle();
   double dCloseSeconds = std::chrono::duration<double>(Clock::now() - tClose).count();
-  if (!bClosed) {
-    std::fputc('\n', stderr);
-    Fail("closing '" + strOut + "' failed: not every byte reached the file");
-  }
-  double dSeconds = std::chrono::duration<double>(Clock::now() - tStart).count();
-  DrawProgress(nDone, nSize, tStart);
-  std::fputc('\n', stderr);
+  bar.Finish(static_cast<LONGLONG>(nDone));
+  if (!bClosed) Fail(kCommand, "closing '" + strOut + "' failed: not every byte reached the file");
+  double dSeconds = bar.Seconds();
   std::printf("wrote %llu bytes in %.2f s: %s (slice %llu, block %llu%s%s)\n", static_cast<unsigned long long>(nSize),
               dSeconds, MiBps(nSize, dSeconds).c_str(), static_cast<unsigned long long>(nSlice),
               static_cast<unsigned long long>(nBlock), nPreset ? ", preset " : "",
@@ -157,20 +111,20 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   // Read back and check.
   uint64_t nOnDisk = fs::file_size(path, ec);
   if (ec || nOnDisk != nSize)
-    Fail("'" + strOut + "' holds " + std::to_string(nOnDisk) + " bytes, expected " + std::to_string(nSize));
+    Fail(kCommand, "'" + strOut + "' holds " + std::to_string(nOnDisk) + " bytes, expected " + std::to_string(nSize));
   std::ifstream in(path, std::ios::binary);
   std::vector<char> buf(4u << 20);
   uint64_t nChecked = 0;
   while (nChecked < nSize) {
     size_t nThis = static_cast<size_t>(std::min<uint64_t>(buf.size(), nSize - nChecked));
-    if (!in.read(buf.data(), static_cast<std::streamsize>(nThis))) Fail("cannot read '" + strOut + "' back");
+    if (!in.read(buf.data(), static_cast<std::streamsize>(nThis))) Fail(kCommand, "cannot read '" + strOut + "' back");
     for (size_t k = 0; k < nThis;) {
       size_t at = static_cast<size_t>((nChecked + k) % kPeriod);
       size_t n = std::min(nThis - k, kPeriod - at);
       if (std::memcmp(buf.data() + k, pattern.data() + at, n) != 0) {
         size_t bad = k;
         while (buf[bad] == pattern[at + bad - k]) ++bad;
-        Fail("verify failed: byte " + std::to_string(nChecked + bad) + " differs");
+        Fail(kCommand, "verify failed: byte " + std::to_string(nChecked + bad) + " differs");
       }
       k += n;
     }

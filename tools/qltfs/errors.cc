@@ -34,6 +34,12 @@ std::string ErrorText(DWORD nError) {
     case ERROR_DIRECTORY: pszWords = "the directory name is not valid"; break;
     case ERROR_TIMEOUT: pszWords = "the operation timed out"; break;
     case ERROR_CANCELLED: pszWords = "the operation was cancelled"; break;
+    // The FTP back-end's internet error codes.
+    case 12002: pszWords = "the server did not answer in time"; break;
+    case 12003: pszWords = "the server refused the request"; break;
+    case 12015: pszWords = "the server refused the login"; break;
+    case 12029: pszWords = "cannot connect to the server"; break;
+    case 12030: pszWords = "the server ended the connection"; break;
     default: pszWords = "unexpected failure"; break;
   }
   return std::string(pszWords) + " (error " + std::to_string(nError) + ")";
