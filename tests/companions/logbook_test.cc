@@ -1,4 +1,5 @@
-// The named log: whole lines, from several threads, across rotations.
+// The named log: whole lines, from several threads, across rotations, and
+// dropped (never thrown) when memory runs out.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,16 +11,19 @@
 #include <vector>
 
 #include "companions/logbook/logbook_api.h"
+#include "tests/support/alloc_fault.h"
 #include "tests/support/temp_dir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
 // The lines of a log file without their time stamp and thread id, which end
 // with the first "] ".
-std::vector<std::string> Bodies(const std::string& path) {
-  std::vector<std::string> lines;
+Lines Bodies(const std::string& path) {
+  Lines lines;
   std::istringstream in(ReadWholeFile(path));
   for (std::string line; std::getline(in, line);) {
     size_t end = line.find("] ");
@@ -38,68 +42,28 @@ class CompanionLogBook : public ::testing::Test {
   TempDir m_dir;
 };
 
-TEST_F(CompanionLogBook, ChainsOfBothFormsReadAsOneLineEach) {
+TEST_F(CompanionLogBook, ChainsOfBothFormsReadAsOneLineEachAndNothingComesEarly) {
   {
     QLT_LogBookU log;
     ASSERT_EQ(log.ConfigName(CComBSTR(L"SDKWriteIO")), 1);
-    log - CComBSTR(L"this:") - 3054ul - CComBSTR(L"<BufferWriteFile> Offset = ") - static_cast<__int64>(1048576) -
-        CComBSTR(L"Length = ") - 524288ul - CComBSTR(L"CostTime(ms):") - 150.25 - endl;
-    EXPECT_EQ(log.FilePath(), m_dir.file("SDKWriteIO/SDKWriteIO.log"));
-    EXPECT_EQ(Bodies(log.FilePath()),  // flushed without asking
-              std::vector<std::string>{
-                  "this: 3054 <BufferWriteFile> Offset = 1048576 Length = 524288 CostTime(ms): 150.250"});
-  }
-  {
-    QLT_LogBookU log;  // no name: the default one
-    log << CComBSTR(L"KxFileEx CreateFile error! lastError: ") << static_cast<DWORD>(5) << CComBSTR(L"fileName: ")
-        << CComBSTR(L"C:\\data\\a {0}.dat") << endl;
-    log << CComBSTR(L"two\nlines") << endl;  // a line break inside an item stays inside the line
-  }
-  EXPECT_EQ(
-      Bodies(m_dir.file("QltLogBook/QltLogBook.log")),
-      (std::vector<std::string>{"KxFileEx CreateFile error! lastError: 5 fileName: C:\\data\\a {0}.dat", "two lines"}));
-}
-
-TEST_F(CompanionLogBook, NothingIsTouchedBeforeTheFirstLine) {
-  {
-    QLT_LogBookU log;
-    ASSERT_EQ(log.ConfigName(CComBSTR(L"Quiet")), 1);
-    log - CComBSTR(L"unfinished");  // never ended
+    log - CComBSTR(L"unfinished");  // never ended: nothing is touched
   }
   EXPECT_TRUE(fs::is_empty(m_dir.path()));
-  // An unfinished chain of a destroyed log does not leak into a later one.
-  QLT_LogBookU log;
-  ASSERT_EQ(log.ConfigName(CComBSTR(L"Quiet")), 1);
-  log - CComBSTR(L"fresh") - endl;
-  EXPECT_EQ(Bodies(log.FilePath()), std::vector<std::string>{"fresh"});
-}
-
-TEST_F(CompanionLogBook, BadNamesAndAnUnusableRootFailQuietly) {
-  QLT_LogBookU log;
+  QLT_LogBookU log, named;
   for (const wchar_t* name : {static_cast<const wchar_t*>(nullptr), L"", L"..", L"a/b", L"a\\b"})
     EXPECT_EQ(log.ConfigName(CComBSTR(name)), 0);
-  EXPECT_EQ(log.FilePath(), m_dir.file("QltLogBook/QltLogBook.log"));
-  // The root is a plain file, so no log folder can be made under it.
-  ASSERT_TRUE(WriteWholeFile(m_dir.file("not-a-dir"), "x"));
-  setenv("QLTFS_LOG_ROOT", m_dir.file("not-a-dir").c_str(), 1);
-  log - CComBSTR(L"dropped") - endl;
-  log.Flush();
-  EXPECT_EQ(ReadWholeFile(m_dir.file("not-a-dir")), "x");
-}
-
-TEST_F(CompanionLogBook, DefaultsToSdkLogBesideTheLibrary) {
-  unsetenv("QLTFS_LOG_ROOT");
-  const std::string strName = "CompanionTest-" + std::to_string(getpid());
-  QLT_LogBookU log;
-  ASSERT_EQ(log.ConfigName(CComBSTR(std::wstring(strName.begin(), strName.end()).c_str())), 1);
-  log - CComBSTR(L"beside") - endl;
-  fs::path file = log.FilePath();  // <library dir>/sdk-log/<name>/<name>.log
-  EXPECT_EQ(file, fs::path(file).parent_path().parent_path().parent_path() / "sdk-log" / strName / (strName + ".log"));
-  EXPECT_TRUE(fs::exists(file.parent_path().parent_path().parent_path() / "libQltLogBookU.so"));
-  EXPECT_EQ(Bodies(file.string()), std::vector<std::string>{"beside"});
-  std::error_code ec;
-  fs::remove_all(file.parent_path(), ec);
-  fs::remove(file.parent_path().parent_path(), ec);  // only when no other log is there
+  log << CComBSTR(L"KxFileEx CreateFile error! lastError: ") << static_cast<DWORD>(5) << CComBSTR(L"fileName: ")
+      << CComBSTR(L"C:\\data\\a {0}.dat") << endl;
+  log << CComBSTR(L"two\nlines") << endl;  // a line break inside an item stays inside the line
+  EXPECT_EQ(Bodies(m_dir.file("QltLogBook/QltLogBook.log")),
+            (Lines{"KxFileEx CreateFile error! lastError: 5 fileName: C:\\data\\a {0}.dat",
+                   "two lines"}));  // flushed without asking
+  // The unfinished chain of the destroyed log does not leak into this one.
+  ASSERT_EQ(named.ConfigName(CComBSTR(L"SDKWriteIO")), 1);
+  named - CComBSTR(L"this:") - 3054ul - CComBSTR(L"<BufferWriteFile> Offset = ") - static_cast<__int64>(1048576) -
+      CComBSTR(L"Length = ") - 524288ul - CComBSTR(L"CostTime(ms):") - 150.25 - endl;
+  EXPECT_EQ(Bodies(m_dir.file("SDKWriteIO/SDKWriteIO.log")),
+            Lines{"this: 3054 <BufferWriteFile> Offset = 1048576 Length = 524288 CostTime(ms): 150.250"});
 }
 
 // Four threads write their lines item by item through two objects of one
@@ -115,15 +79,14 @@ TEST_F(CompanionLogBook, LinesFromSeveralThreadsStayWholeAcrossRotations) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      QLT_LogBookU& log = t % 2 ? second : first;
       CComBSTR strPayload(std::wstring(40, static_cast<wchar_t>(L'A' + t)).c_str());
       for (int i = 0; i < kLines; ++i)
-        log - CComBSTR(L"T") - static_cast<unsigned long>(t) - CComBSTR(L"line") - static_cast<__int64>(i) -
-            strPayload - endl;
+        (t % 2 ? second : first) - CComBSTR(L"T") - static_cast<unsigned long>(t) - CComBSTR(L"line") -
+            static_cast<__int64>(i) - strPayload - endl;
     });
   }
   for (auto& thread : threads) thread.join();
-  std::map<std::string, int> seen;  // every line once, whole, and no file past the limit
+  std::map<std::string, int> seen;
   for (int t = 0; t < kThreads; ++t)
     for (int i = 0; i < kLines; ++i)
       seen["T " + std::to_string(t) + " line " + std::to_string(i) + " " + std::string(40, 'A' + t)];
@@ -136,6 +99,21 @@ TEST_F(CompanionLogBook, LinesFromSeveralThreadsStayWholeAcrossRotations) {
   EXPECT_GT(nFiles, 4);  // about 150 KB of lines in 16 KiB files
   EXPECT_EQ(seen.size(), static_cast<size_t>(kThreads * kLines));
   for (const auto& [line, count] : seen) ASSERT_EQ(count, 1) << line;
+}
+
+// Logging reports no failure: a line that cannot be made for lack of memory
+// is dropped, and the next one is written whole.
+TEST_F(CompanionLogBook, DropsWhatItCannotMakeWhenMemoryRunsOutAndGoesOn) {
+  auto line = [](int n) {
+    QLT_LogBookU log;
+    log.ConfigName(CComBSTR(L"contain"));
+    log << CComBSTR(L"line") << n << 2.5 << endl;
+  };
+  EXPECT_GT(ForEachAllocationFailure(line, [](int, bool) {}), 1);
+  QLT_LogBookU log;
+  ASSERT_EQ(log.ConfigName(CComBSTR(L"contain")), 1);
+  log << CComBSTR(L"after") << endl;
+  EXPECT_NE(ReadWholeFile(log.FilePath()).find("after\n"), std::string::npos);
 }
 
 }  // namespace
