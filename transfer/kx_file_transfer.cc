@@ -51,24 +51,6 @@ bool ReadWhole(HANDLE hFile, char* pBuffer, DWORD nAsk, DWORD nNeed) {
   return false;
 }
 
-// Owns one open file handle; closes it once.
-class ScopedFile {
- public:
-  explicit ScopedFile(HANDLE hFile) : m_hFile(hFile) {}
-  ~ScopedFile() { Close(); }
-  ScopedFile(const ScopedFile&) = delete;
-  ScopedFile& operator=(const ScopedFile&) = delete;
-  bool IsOpen() const { return m_hFile != INVALID_HANDLE_VALUE; }
-  HANDLE Get() const { return m_hFile; }
-  void Close() {
-    if (IsOpen()) CloseHandle(m_hFile);
-    m_hFile = INVALID_HANDLE_VALUE;
-  }
-
- private:
-  HANDLE m_hFile;
-};
-
 bool WriteWhole(HANDLE hFile, const char* pBuffer, DWORD nBytes) {
   DWORD nDone = 0;
   if (!WriteFile(hFile, pBuffer, nBytes, &nDone, nullptr)) return false;
@@ -215,12 +197,12 @@ int KxFileTransfer::TransferFile(const wchar_t* pszSource, const wchar_t* pszDes
 }
 
 int KxFileTransfer::Copy(const wchar_t* pszSource, const wchar_t* pszDestination, const Settings& settings) {
-  ScopedFile source(CreateFileW(pszSource, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+  CAutoHandle source(CreateFileW(pszSource, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_NO_BUFFERING | FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!source.IsOpen()) return 0;
-  ScopedFile destination(CreateFileW(pszDestination, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+  if (!source.IsValid()) return 0;
+  CAutoHandle destination(CreateFileW(pszDestination, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                      CREATE_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!destination.IsOpen()) return 0;
+  if (!destination.IsValid()) return 0;
 
   AlignedBuffer buffer;
   LARGE_INTEGER size{};
@@ -235,8 +217,8 @@ int KxFileTransfer::Copy(const wchar_t* pszSource, const wchar_t* pszDestination
   LONGLONG nWritten = 0;
   if (bOk) bOk = CopyData(source.Get(), destination.Get(), buffer.m_pData, size.QuadPart, settings, clock, &nWritten);
   DWORD nError = GetLastError();
-  source.Close();
-  destination.Close();
+  source.Reset();
+  destination.Reset();
 
   // A callback that threw while copying still gets its final report.
   if (!Report(settings, 100, nWritten, true) && bOk) {

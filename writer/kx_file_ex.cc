@@ -3,8 +3,8 @@
 #include <cstring>
 #include <new>
 
-#include "diagnostics/error_log.h"
 #include "companions/logbook/logbook_api.h"
+#include "diagnostics/error_log.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/virtual_storage.h"
 #include "diagnostics/web_plugin.h"
