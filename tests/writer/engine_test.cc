@@ -185,14 +185,23 @@ TEST_F(WriterTest, PositionsAbove4GiBUseTheHighPart) {
   }
 }
 
-TEST_F(WriterTest, UserDataListModes) {
-  FileExPtr w = MakeWriter();
-  ASSERT_NE(Create(*w, "ud.dat", 1000), nullptr);
+TEST_F(WriterTest, AttachedHandleGetsBlocksAndKeepsUserData) {
+  std::wstring path = m_dir.wpath("att.dat");
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("att.dat"), std::string(300, 'x')));
+  QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), 256);
+  HANDLE h = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  ASSERT_NE(h, INVALID_HANDLE_VALUE);
+  FileExPtr w = MakeWriter(1);
+  ASSERT_EQ(w->Attach(h, CComBSTR(path.c_str())), 1);
   CArray<DWORD, DWORD> list;
   list.Add(42);
   EXPECT_EQ(w->GetUserDataList(list, 1), 0);  // none yet: untouched
   ASSERT_EQ(list.GetSize(), 1);
-  for (DWORD ud : {5, 0, 9}) ASSERT_EQ(Put(*w, ud * 10, 10, ud), 1);  // recorded while still staged
+  ScopedFault writes(FaultRule(qlt::fault::kWrite, L"*att.dat"));
+  ASSERT_EQ(Put(*w, 0, 580, 5), 1);
+  ASSERT_EQ(Put(*w, 580, 10, 0), 1);
+  ASSERT_EQ(Put(*w, 590, 10, 9), 1);  // recorded while still staged
+  EXPECT_EQ(writes.Fired(), 2);       // the registered 256-byte blocks
   const struct {
     int mode;
     BOOL result;
@@ -203,25 +212,11 @@ TEST_F(WriterTest, UserDataListModes) {
     EXPECT_EQ(std::vector<DWORD>(list.GetData(), list.GetData() + list.GetSize()), c.values) << c.mode;
   }
   EXPECT_EQ(w->CloseHandle(), 1);
+  EXPECT_EQ(Content("att.dat"), Pattern(0, 600));
+  EXPECT_EQ(CloseHandle(h), 0);                     // the writer closed the host's handle
   ASSERT_NE(Create(*w, "ud2.dat", 1000), nullptr);  // close cleared the list
   EXPECT_EQ(w->GetUserDataList(list, 1), 0);
   EXPECT_EQ(w->CloseHandle(), 1);
-}
-
-TEST_F(WriterTest, AttachWritesTheHostsHandle) {
-  std::wstring path = m_dir.wpath("att.dat");
-  ASSERT_TRUE(WriteWholeFile(m_dir.file("att.dat"), std::string(300, 'x')));
-  QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), 256);
-  HANDLE h = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  ASSERT_NE(h, INVALID_HANDLE_VALUE);
-  FileExPtr w = MakeWriter(1);
-  ASSERT_EQ(w->Attach(h, CComBSTR(path.c_str())), 1);
-  ScopedFault writes(FaultRule(qlt::fault::kWrite, L"*att.dat"));
-  ASSERT_EQ(Put(*w, 0, 600), 1);
-  EXPECT_EQ(writes.Fired(), 2);  // the registered 256-byte blocks
-  EXPECT_EQ(w->CloseHandle(), 1);
-  EXPECT_EQ(Content("att.dat"), Pattern(0, 600));
-  EXPECT_EQ(CloseHandle(h), 0);  // the writer closed the host's handle
 }
 
 }  // namespace
