@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,32 +31,22 @@ int Op(QLCT_DataPoolAccess& access, const wchar_t* op, void* data) { return acce
 
 // A stand-in for a live writer: its status is guarded by its own lock, as a
 // writer's is.
-class FakeWriter final : public qlt::pool::CWriterStatusSource {
- public:
-  FakeWriter(uint32_t id, const wchar_t* name) : m_guid{id, 0, 0, {}}, m_name(name) {
-    InitializeCriticalSection(&m_cs);
-  }
-  ~FakeWriter() { DeleteCriticalSection(&m_cs); }
-  GUID WriterGuid() const override { return m_guid; }
+struct FakeWriter final : qlt::pool::CWriterStatusSource {
+  FakeWriter(uint32_t id, const wchar_t* name) : guid{id, 0, 0, {}}, name(name) {}
+  GUID WriterGuid() const override { return guid; }
   bool CopyStatus(QLCT_POOL_STATUS_ST* pOut) override {
-    CAutoLock lock(&m_cs);
-    pOut->bstrFileName = SysAllocString(m_name.c_str());
-    pOut->nFileLength = m_nLength;
-    pOut->nPendingBytes = m_nPending;
-    return pOut->bstrFileName != nullptr;
+    std::lock_guard<std::mutex> hold(lock);
+    pOut->nFileLength = length, pOut->nPendingBytes = pending;
+    return (pOut->bstrFileName = SysAllocString(name.c_str())) != nullptr;
   }
   void Advance(ULONGLONG n) {
-    CAutoLock lock(&m_cs);
-    m_nLength += n;
-    m_nPending = n;
+    std::lock_guard<std::mutex> hold(lock);
+    length += n, pending = n;
   }
-
- private:
-  const GUID m_guid;
-  const std::wstring m_name;
-  CRITICAL_SECTION m_cs;
-  ULONGLONG m_nLength = 0;   // guarded by m_cs
-  ULONGLONG m_nPending = 0;  // guarded by m_cs
+  const GUID guid;
+  const std::wstring name;
+  std::mutex lock;
+  ULONGLONG length = 0, pending = 0;  // guarded by lock
 };
 
 TEST(RegistryTest, FilePropsMatchWithoutCaseAndSetTwiceKeepsOneRecord) {
@@ -82,23 +73,20 @@ TEST(RegistryTest, FilePropsMatchWithoutCaseAndSetTwiceKeepsOneRecord) {
   EXPECT_TRUE(request.bFound);
   EXPECT_EQ(request.dwRequest, 4u);
   EXPECT_EQ(request.cDrive, L'E');
-}
-
-TEST(RegistryTest, CacheDriveIsTheLowestByteWhenPositive) {
+  // The cache drive is the lowest byte of the third value when positive.
   const struct {
     DWORD dwValue3;
     wchar_t drive;
-  } cases[] = {{0, 0}, {'F', L'F'}, {0x1200 + 'G', L'G'}, {0x80, 0}, {0xFFFFFFFFu, 0}};
-  for (const auto& c : cases) {
-    Props record(L"cache-drive.bin");
-    record.r.dwValue3 = c.dwValue3;
-    ASSERT_EQ(qlt::pool::SetWriteFileProps(&record.r), 1);
-    EXPECT_EQ(qlt::pool::LookUpCacheRequest(record.r.bstrFileName).cDrive, c.drive) << c.dwValue3;
+  } drives[] = {{0, 0}, {'F', L'F'}, {0x1200 + 'G', L'G'}, {0x80, 0}, {0xFFFFFFFFu, 0}};
+  for (const auto& c : drives) {
+    again.r.dwValue3 = c.dwValue3;
+    ASSERT_EQ(qlt::pool::SetWriteFileProps(&again.r), 1);
+    EXPECT_EQ(qlt::pool::LookUpCacheRequest(asked.r.bstrFileName).cDrive, c.drive) << c.dwValue3;
   }
   EXPECT_FALSE(qlt::pool::LookUpCacheRequest(CComBSTR(L"never-set.bin")).bFound);
 }
 
-TEST(RegistryTest, IndexPropsAreSharedBetweenAccessObjectsAndClearOnce) {
+TEST(RegistryTest, IndexPropsAreSharedBetweenAccessObjectsAndOnlyExactNamesWork) {
   QLCT_DataPoolAccess writerSide, readerSide;
   IndexProps set(L"\\\\srv\\share\\clip.mxf");
   set.r.dwValue1 = 7, set.r.dwValue4 = 9;
@@ -116,97 +104,67 @@ TEST(RegistryTest, IndexPropsAreSharedBetweenAccessObjectsAndClearOnce) {
   EXPECT_EQ(Op(readerSide, L"get_WriteFileIndexProps", &got.r), 0);
   EXPECT_EQ(got.r.dwValue2, 42u);
   EXPECT_EQ(Text(got.r.bstrFileName), L"\\\\srv\\share\\clip.mxf");
-}
+  // Only the exact operation names with a record do anything.
+  const wchar_t* refused[] = {
+      L"Get_PoolStatus", L"get_poolstatus", L"clear_WriteFileProps", L"set_WriteFileIndexProps ", L"", nullptr};
+  for (const wchar_t* name : refused) EXPECT_EQ(readerSide.Operation(CComBSTR(name), &got.r), 0);
+  EXPECT_EQ(Op(readerSide, L"get_WriteFileIndexProps", &got.r), 0);  // nothing was set by the refused names
+  Props props(L"names.bin");
+  EXPECT_EQ(Op(readerSide, L"set_WriteFileProps", nullptr), 0);
+  EXPECT_EQ(Op(readerSide, L"get_WriteFileProps", nullptr), 0);
+  EXPECT_EQ(Op(readerSide, L"get_WriteFileProps", &props.r), 0);
 
-TEST(RegistryTest, NullNameCountsAsEmpty) {
-  IndexProps unnamed(nullptr);
+  IndexProps unnamed(nullptr), empty(L"");  // a null name counts as empty
   unnamed.r.dwValue3 = 5;
   ASSERT_EQ(qlt::pool::SetWriteFileIndexProps(&unnamed.r), 1);
-  IndexProps empty(L"");
   ASSERT_EQ(qlt::pool::GetWriteFileIndexProps(&empty.r), 1);
   EXPECT_EQ(empty.r.bstrFileName, nullptr);  // the stored (null) name came back
   EXPECT_EQ(empty.r.dwValue3, 5u);
   EXPECT_EQ(qlt::pool::ClearWriteFileIndexProps(&unnamed.r), 1);
 }
 
-TEST(RegistryTest, OnlyExactOperationNamesWithARecordDoAnything) {
-  QLCT_DataPoolAccess access;
-  EXPECT_EQ(access.Initialize(), 1);
-  EXPECT_EQ(access.UnInitialize(), 1);
-  EXPECT_EQ(access.UnInitialize(), 1);
-  IndexProps record(L"names.bin");
-  Props props(L"names.bin");
-  const wchar_t* refused[] = {
-      L"Get_PoolStatus", L"get_poolstatus", L"clear_WriteFileProps", L"set_WriteFileIndexProps ", L"", nullptr};
-  for (const wchar_t* name : refused) EXPECT_EQ(access.Operation(CComBSTR(name), &record.r), 0);
-  EXPECT_EQ(Op(access, L"get_WriteFileIndexProps", &record.r), 0);  // nothing was set by the refused names
-  EXPECT_EQ(Op(access, L"set_WriteFileProps", nullptr), 0);
-  EXPECT_EQ(Op(access, L"get_WriteFileProps", nullptr), 0);
-  EXPECT_EQ(Op(access, L"get_WriteFileProps", &props.r), 0);
-}
-
-TEST(RegistryTest, PoolStatusFindsRegisteredWritersOnly) {
+TEST(RegistryTest, PoolStatusFindsRegisteredWritersOnlyAcrossThreads) {
   QLCT_DataPoolAccess access;
   Status asked(L"e:\\LIVE.bin");
   asked.r.dwFound = 7;
   EXPECT_EQ(Op(access, L"get_PoolStatus", &asked.r), 0);
   EXPECT_EQ(asked.r.dwFound, 0u);
-
-  FakeWriter other(1, L"E:\\other.bin");
-  FakeWriter live(2, L"E:\\live.bin");
+  FakeWriter other(1, L"E:\\other.bin"), live(2, L"E:\\live.bin"), sameGuid(2, L"E:\\impostor.bin");
   live.Advance(100);
-  FakeWriter sameGuid(2, L"E:\\impostor.bin");
-  ASSERT_EQ(qlt::pool::RegisterWriter(&other), 1);
-  ASSERT_EQ(qlt::pool::RegisterWriter(&live), 1);
-  ASSERT_EQ(qlt::pool::RegisterWriter(&sameGuid), 1);  // already listed under that GUID: not added
-
+  // A second writer under a listed GUID is not added.
+  for (FakeWriter* w : {&other, &live, &sameGuid}) ASSERT_EQ(qlt::pool::RegisterWriter(w), 1);
   ASSERT_EQ(Op(access, L"get_PoolStatus", &asked.r), 1);
   EXPECT_EQ(asked.r.dwFound, 1u);
   EXPECT_EQ(Text(asked.r.bstrFileName), L"E:\\live.bin");
   EXPECT_EQ(asked.r.nFileLength, 100u);
   EXPECT_EQ(asked.r.nPendingBytes, 100u);
-
   EXPECT_EQ(qlt::pool::UnregisterWriter(&live), 1);
   EXPECT_EQ(qlt::pool::UnregisterWriter(&sameGuid), 0);
   EXPECT_EQ(Op(access, L"get_PoolStatus", &asked.r), 0);
-  EXPECT_EQ(qlt::pool::UnregisterWriter(&other), 1);
-}
 
-TEST(RegistryTest, AccessObjectsOnManyThreadsShareOneRegistry) {
-  constexpr int kThreads = 4;
-  constexpr int kRounds = 300;
+  // Access objects on several threads share one registry while a writer comes and goes.
   std::atomic<int> failures{0};
-  FakeWriter writer(99, L"F:\\shared.bin");
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
-      QLCT_DataPoolAccess access;
+      QLCT_DataPoolAccess mine;
       std::wstring own = L"F:\\thread" + std::to_wstring(t) + L".bin";
-      std::wstring upper = L"f:\\THREAD" + std::to_wstring(t) + L".BIN";
-      for (int i = 0; i < kRounds; ++i) {
-        Props set(own.c_str());
+      for (int i = 0; i < 300; ++i) {
+        Props set(own.c_str()), got((L"f:\\THREAD" + std::to_wstring(t) + L".BIN").c_str());
+        Status status(L"e:\\OTHER.bin");
         set.r.dwValue2 = static_cast<DWORD>(i);
-        Props got(upper.c_str());
-        IndexProps index(L"F:\\shared.idx");
-        index.r.dwValue1 = static_cast<DWORD>(t);
-        Status status(L"f:\\shared.bin");
-        if (Op(access, L"set_WriteFileProps", &set.r) != 1) failures++;
-        if (Op(access, L"get_WriteFileProps", &got.r) != 1 || got.r.dwValue2 != static_cast<DWORD>(i)) failures++;
-        Op(access, L"set_WriteFileIndexProps", &index.r);
-        Op(access, t % 2 ? L"get_WriteFileIndexProps" : L"clear_WriteFileIndexProps", &index.r);
-        if (t == 0) {
-          qlt::pool::RegisterWriter(&writer);
-        } else if (t == 1) {
-          writer.Advance(1);
-        } else if (Op(access, L"get_PoolStatus", &status.r) == 1 && Text(status.r.bstrFileName) != L"F:\\shared.bin") {
-          failures++;
-        }
-        if (t == 0 && i % 3 == 0) qlt::pool::UnregisterWriter(&writer);
+        failures += Op(mine, L"set_WriteFileProps", &set.r) != 1;
+        failures += Op(mine, L"get_WriteFileProps", &got.r) != 1 || got.r.dwValue2 != static_cast<DWORD>(i);
+        if (t == 0 && i % 3 == 0) qlt::pool::UnregisterWriter(&other);
+        if (t == 0) qlt::pool::RegisterWriter(&other);
+        if (t == 1) other.Advance(1);
+        if (t > 1 && Op(mine, L"get_PoolStatus", &status.r) == 1)
+          failures += Text(status.r.bstrFileName) != L"E:\\other.bin";
       }
     });
   }
   for (auto& th : threads) th.join();
-  qlt::pool::UnregisterWriter(&writer);
+  qlt::pool::UnregisterWriter(&other);
   EXPECT_EQ(failures.load(), 0);
 }
 

@@ -13,48 +13,41 @@ namespace {
 
 using qlt::fault::ScopedFault;
 
-TEST_F(WriterTest, FacadeWithoutImplementationOrFileDoesNothing) {
+TEST_F(WriterTest, FacadeWithoutImplementationOrFileFailsEveryCall) {
   EXPECT_EQ(QLCT_DeleteFileExObj(nullptr), 1);
   QLCT_FileEx bare;
   char buf[4] = {};
   DWORD n = 0;
   LARGE_INTEGER li{};
   CArray<DWORD, DWORD> list;
-  for (int pass = 0; pass < 2; ++pass) {
-    // Pass 0: no implementation; pass 1: initialised but no file.
-    if (pass == 0) {
-      EXPECT_EQ(bare.CreateKXFile(CComBSTR(m_dir.wpath("x.dat").c_str()), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0,
-                                  nullptr),
-                nullptr);
-      EXPECT_FALSE(FileExists(m_dir.file("x.dat")));
-    }
-    EXPECT_EQ(bare.GetFileSize(nullptr), 0u);
-    EXPECT_EQ(bare.GetFileSizeEx(&li), 0);
-    EXPECT_EQ(bare.SetFilePointer(0, nullptr, FILE_BEGIN), 0u);
-    EXPECT_EQ(bare.SetFilePointerEx(li, nullptr, FILE_BEGIN), 0);
-    EXPECT_EQ(bare.ReadFile(buf, 4, &n, nullptr), 0);
-    EXPECT_EQ(bare.WriteFile(buf, 4, &n, nullptr), 0);
-    EXPECT_EQ(bare.WriteFile(buf, 4, &n, nullptr, 7), 0);
-    EXPECT_EQ(bare.GetUserDataList(list, 1), 0);
-    EXPECT_EQ(bare.CloseHandle(), 0);
+  EXPECT_EQ(bare.Attach(reinterpret_cast<HANDLE>(1), CComBSTR(L"y.dat")), 0);
+  for (const char* name : {"x.dat", "missing\\x.dat"}) {  // no implementation, then a failed create
+    EXPECT_EQ(Create(bare, name, 0), nullptr);
+    EXPECT_EQ((std::vector<int64_t>{bare.GetFileSize(nullptr), bare.SetFilePointer(0, nullptr, FILE_BEGIN),
+                                    bare.GetFileSizeEx(&li), bare.SetFilePointerEx(li, nullptr, FILE_BEGIN),
+                                    bare.ReadFile(buf, 4, &n, nullptr), bare.WriteFile(buf, 4, &n, nullptr),
+                                    bare.WriteFile(buf, 4, &n, nullptr, 7), bare.GetUserDataList(list, 1),
+                                    bare.CloseHandle()}),
+              std::vector<int64_t>(9, 0));
     EXPECT_EQ(bare.Initialize(nullptr), 1);
   }
-  // Attach without implementation keeps the handle but fails.
-  QLCT_FileEx noImpl;
-  EXPECT_EQ(noImpl.Attach(reinterpret_cast<HANDLE>(1), CComBSTR(L"y.dat")), 0);
+  EXPECT_FALSE(FileExists(m_dir.file("x.dat")));
+  std::string log = ReadWholeFile(m_dir.file("logbook/QltLogBook/QltLogBook.log"));
+  EXPECT_TRUE(std::regex_search(
+      log, std::regex(R"(KxFileEx CreateFile error! lastError: [1-9]\d* fileName: .*missing.x\.dat)")))
+      << log;
 }
 
 TEST_F(WriterTest, FileSystemSeesOnlyWholeBlocks) {
   FileExPtr w = MakeWriter();
-  ASSERT_TRUE(w);
   ASSERT_NE(Create(*w, "w.dat", 1000), nullptr);
-  ScopedFault writes(Counter(qlt::fault::kWrite, L"*w.dat"));
-  struct Step {
-    size_t length;    // one host write
-    int totalWrites;  // file-system writes so far
-    uint64_t onDisk;  // file size so far
-  };
-  const Step steps[] = {
+  ScopedFault writes(FaultRule(qlt::fault::kWrite, L"*w.dat"));
+  // One host write each: its length, file-system writes so far, file size so far.
+  const struct {
+    size_t length;
+    int totalWrites;
+    uint64_t onDisk;
+  } steps[] = {
       {999, 0, 0},      // staged only
       {1, 1, 1000},     // completes one block
       {3500, 4, 4000},  // three blocks, 500 staged
@@ -64,7 +57,7 @@ TEST_F(WriterTest, FileSystemSeesOnlyWholeBlocks) {
       {1234, 8, 8000},  // one block, 234 staged
   };
   uint64_t pos = 0;
-  for (const Step& s : steps) {
+  for (const auto& s : steps) {
     EXPECT_EQ(Put(*w, pos, s.length), 1) << s.length;
     pos += s.length;
     EXPECT_EQ(writes.Fired(), s.totalWrites) << "after " << s.length;
@@ -77,115 +70,91 @@ TEST_F(WriterTest, FileSystemSeesOnlyWholeBlocks) {
 
 TEST_F(WriterTest, FlushIsForcedOnlyPast16MiB) {
   FileExPtr w = MakeWriter();
-  ASSERT_TRUE(w);
   ASSERT_NE(Create(*w, "f.dat", 1 << 20), nullptr);
-  ScopedFault flushes(Counter(qlt::fault::kFlush, L"*f.dat"));
+  ScopedFault flushes(FaultRule(qlt::fault::kFlush, L"*f.dat"));
   std::string block = Pattern(0, 1 << 20);
   DWORD n = 0;
-  for (int i = 0; i < 16; ++i) ASSERT_EQ(w->WriteFile(block.data(), 1 << 20, &n, nullptr), 1);
-  EXPECT_EQ(flushes.Fired(), 0);  // exactly 16 MiB: not yet
-  ASSERT_EQ(w->WriteFile(block.data(), 1 << 20, &n, nullptr), 1);
-  EXPECT_EQ(flushes.Fired(), 1);
-  for (int i = 0; i < 16; ++i) ASSERT_EQ(w->WriteFile(block.data(), 1 << 20, &n, nullptr), 1);
-  EXPECT_EQ(flushes.Fired(), 1);  // the count starts again after a forced flush
-  ASSERT_EQ(w->WriteFile(block.data(), 1 << 20, &n, nullptr), 1);
-  EXPECT_EQ(flushes.Fired(), 2);
+  // Exactly 16 MiB does not flush; one more block does, and the count starts again.
+  for (auto [blocks, expected] : {std::pair{16, 0}, {1, 1}, {16, 1}, {1, 2}}) {
+    for (int i = 0; i < blocks; ++i) ASSERT_EQ(w->WriteFile(block.data(), 1 << 20, &n, nullptr), 1);
+    EXPECT_EQ(flushes.Fired(), expected);
+  }
   EXPECT_EQ(w->CloseHandle(), 1);
 }
 
 TEST_F(WriterTest, PresetSizeIsAllocatedAndTrimmedToTheFurthestByte) {
   const uint64_t kMiB = 1 << 20;
-  struct Case {
+  const struct {
     const char* name;
     uint64_t preset;  // 0: none registered
     int nOpMode;
     uint64_t write;  // bytes written
     int64_t seekTo;  // -1: no seek; else a seek from the start after writing
     uint64_t finalSize;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"preset.dat", 10 * kMiB, 2, 3 * kMiB, -1, 3 * kMiB},
       {"seekpast.dat", 10 * kMiB, 2, 1000, 5 * static_cast<int64_t>(kMiB), 5 * kMiB},
       {"unmanaged.dat", 10 * kMiB, 1, 1000, -1, 1000},  // preset only in managed mode
       {"nopreset.dat", 0, 2, 1000, -1, 1000},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::wstring path = m_dir.wpath(c.name);
     if (c.preset) QLT_WriterOption2::SetPresetFileSize(CComBSTR(path.c_str()), c.preset);
     FileExPtr w = MakeWriter(c.nOpMode);
-    ASSERT_TRUE(w);
     ASSERT_NE(Create(*w, c.name, 4096), nullptr);
     EXPECT_EQ(SizeOf(c.name), c.nOpMode == 2 ? c.preset : 0);
     ASSERT_EQ(Put(*w, 0, static_cast<size_t>(c.write)), 1);
-    LARGE_INTEGER size{};
+    LARGE_INTEGER size{}, to{};
     ASSERT_EQ(w->GetFileSizeEx(&size), 1);
-    if (c.nOpMode == 2) {
-      EXPECT_EQ(static_cast<uint64_t>(size.QuadPart), c.write);  // own count
-    }
+    EXPECT_EQ(c.nOpMode == 2 ? static_cast<uint64_t>(size.QuadPart) : c.write, c.write);  // managed: own count
+    to.QuadPart = c.seekTo;
     if (c.seekTo >= 0) {
-      LARGE_INTEGER to{};
-      to.QuadPart = c.seekTo;
       ASSERT_EQ(w->SetFilePointerEx(to, nullptr, FILE_BEGIN), 1);
     }
     EXPECT_EQ(w->CloseHandle(), 1);
     EXPECT_EQ(SizeOf(c.name), c.finalSize);
     EXPECT_EQ(Content(c.name).substr(0, static_cast<size_t>(c.write)), Pattern(0, static_cast<size_t>(c.write)));
-    // Close forgets the registered options.
-    ULONGLONG left = 0;
+    ULONGLONG left = 0;  // close forgets the registered options
     EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(CComBSTR(path.c_str()), left), 0);
   }
 }
 
-TEST_F(WriterTest, ManagedSeekWritesStagedBytesOutAndTracksPositions) {
+TEST_F(WriterTest, SeeksWriteStagedBytesOutInBothModes) {
   FileExPtr w = MakeWriter(2);
-  ASSERT_TRUE(w);
   ASSERT_NE(Create(*w, "m.dat", 1000), nullptr);
   ASSERT_EQ(Put(*w, 0, 1500), 1);
   EXPECT_EQ(SizeOf("m.dat"), 1000u);
-  LARGE_INTEGER zero{}, pos{};
+  LARGE_INTEGER zero{}, pos{}, size{};
   pos.QuadPart = -1;
   ASSERT_EQ(w->SetFilePointerEx(zero, &pos, FILE_BEGIN), 1);
   EXPECT_EQ(pos.QuadPart, 0);
   EXPECT_EQ(SizeOf("m.dat"), 1500u);  // the 500 staged bytes went out first
-  LARGE_INTEGER size{};
   ASSERT_EQ(w->GetFileSizeEx(&size), 1);
   EXPECT_EQ(size.QuadPart, 1500);
-
   // Overwrite the start, then step back from the end and from the current place.
-  std::string head(100, 'H');
   DWORD n = 0;
-  ASSERT_EQ(w->WriteFile(head.data(), 100, &n, nullptr), 1);
-  LARGE_INTEGER back{};
-  back.QuadPart = -10;
-  ASSERT_EQ(w->SetFilePointerEx(back, &pos, FILE_END), 1);
-  EXPECT_EQ(pos.QuadPart, 1490);
+  ASSERT_EQ(w->WriteFile(std::string(100, 'H').data(), 100, &n, nullptr), 1);
+  EXPECT_EQ(w->SetFilePointer(-10, nullptr, FILE_END), 1490u);
   ASSERT_EQ(w->WriteFile("0123456789", 10, &n, nullptr), 1);
   EXPECT_EQ(w->SetFilePointer(-100, nullptr, FILE_CURRENT), 1400u);
   ASSERT_EQ(w->WriteFile("abc", 3, &n, nullptr), 1);
   EXPECT_EQ(w->GetFileSize(nullptr), 1500u);
   EXPECT_EQ(w->CloseHandle(), 1);
-
   std::string expect = Pattern(0, 1500);
-  expect.replace(0, 100, head);
-  expect.replace(1490, 10, "0123456789");
-  expect.replace(1400, 3, "abc");
+  expect.replace(0, 100, std::string(100, 'H')).replace(1490, 10, "0123456789").replace(1400, 3, "abc");
   EXPECT_EQ(Content("m.dat"), expect);
-}
 
-TEST_F(WriterTest, UnmanagedSizesComeFromTheFileSystemAndReadBackSeesWrittenBlocks) {
-  FileExPtr w = MakeWriter(1);
-  ASSERT_TRUE(w);
+  // Unmanaged: sizes come from the file system; read-back sees what was written.
+  w = MakeWriter(1);
   ASSERT_NE(Create(*w, "u.dat", 1000), nullptr);
   ASSERT_EQ(Put(*w, 0, 2500), 1);
   EXPECT_EQ(w->GetFileSize(nullptr), 2000u);  // 500 bytes still staged
   EXPECT_EQ(w->SetFilePointer(0, nullptr, FILE_BEGIN), 0u);
   EXPECT_EQ(w->GetFileSize(nullptr), 2500u);
   char buf[2600] = {};
-  DWORD got = 0;
-  ASSERT_EQ(w->ReadFile(buf, sizeof buf, &got, nullptr), 1);
-  EXPECT_EQ(got, 2500u);
-  EXPECT_EQ(std::string(buf, got), Pattern(0, 2500));
+  ASSERT_EQ(w->ReadFile(buf, sizeof buf, &n, nullptr), 1);
+  EXPECT_EQ(std::string(buf, n), Pattern(0, 2500));
   EXPECT_EQ(w->CloseHandle(), 1);
 }
 
@@ -193,96 +162,61 @@ TEST_F(WriterTest, PositionsAbove4GiBUseTheHighPart) {
   for (int nOpMode : {1, 2}) {
     SCOPED_TRACE(nOpMode);
     FileExPtr w = MakeWriter(nOpMode);
-    ASSERT_TRUE(w);
     std::string name = "big" + std::to_string(nOpMode) + ".dat";
     ASSERT_NE(Create(*w, name, 4096), nullptr);
     LONG high = 1;
     EXPECT_EQ(w->SetFilePointer(10, &high, FILE_BEGIN), 10u);  // 4 GiB + 10
     EXPECT_EQ(high, 1);
     ASSERT_EQ(Put(*w, 0, 100), 1);
-    // A negative distance without a high part moves back.
-    EXPECT_EQ(w->SetFilePointer(-50, nullptr, FILE_CURRENT), 60u);
+    EXPECT_EQ(w->SetFilePointer(-50, nullptr, FILE_CURRENT), 60u);  // negative without a high part moves back
     ASSERT_EQ(Put(*w, 1000, 20), 1);
     DWORD sizeHigh = 0;
-    DWORD sizeLow = w->GetFileSize(&sizeHigh);
-    const uint64_t kEnd = (1ull << 32) + 110;
-    EXPECT_EQ(sizeLow, 110u);
+    EXPECT_EQ(w->GetFileSize(&sizeHigh), 110u);
     EXPECT_EQ(sizeHigh, 1u);
     EXPECT_EQ(w->CloseHandle(), 1);
+    const uint64_t kEnd = (1ull << 32) + 110;
     EXPECT_EQ(SizeOf(name), kEnd);
     std::ifstream in(m_dir.file(name), std::ios::binary);
     in.seekg(static_cast<std::streamoff>(kEnd - 100));
     std::string tail(100, '\0');
     in.read(tail.data(), 100);
-    std::string expect = Pattern(0, 100);
-    expect.replace(50, 20, Pattern(1000, 20));
-    EXPECT_EQ(tail, expect);
+    EXPECT_EQ(tail, Pattern(0, 100).replace(50, 20, Pattern(1000, 20)));
     std::filesystem::remove(m_dir.file(name));
   }
 }
 
-TEST_F(WriterTest, UserDataListModes) {
-  FileExPtr w = MakeWriter();
-  ASSERT_TRUE(w);
-  ASSERT_NE(Create(*w, "ud.dat", 1000), nullptr);
-  CArray<DWORD, DWORD> list;
-  list.Add(42);
-  EXPECT_EQ(w->GetUserDataList(list, 1), 0);  // none yet: untouched
-  ASSERT_EQ(list.GetSize(), 1);
-  ASSERT_EQ(Put(*w, 0, 10, 5), 1);  // recorded while still staged
-  ASSERT_EQ(Put(*w, 10, 10, 0), 1);
-  ASSERT_EQ(Put(*w, 20, 10, 9), 1);
-  struct Case {
-    int mode;
-    BOOL result;
-    std::vector<DWORD> values;
-  };
-  for (const Case& c : {Case{0, 1, {9}}, Case{1, 1, {5, 9}}, Case{2, 0, {}}}) {
-    EXPECT_EQ(w->GetUserDataList(list, c.mode), c.result) << c.mode;
-    std::vector<DWORD> got(list.GetData(), list.GetData() + list.GetSize());
-    EXPECT_EQ(got, c.values) << c.mode;
-  }
-  EXPECT_EQ(w->CloseHandle(), 1);
-  // Close clears the list; the next file starts empty.
-  ASSERT_NE(Create(*w, "ud2.dat", 1000), nullptr);
-  EXPECT_EQ(w->GetUserDataList(list, 1), 0);
-  EXPECT_EQ(w->CloseHandle(), 1);
-}
-
-TEST_F(WriterTest, AttachWritesTheHostsHandleAndReopensAfterClose) {
+TEST_F(WriterTest, AttachedHandleGetsBlocksAndKeepsUserData) {
   std::wstring path = m_dir.wpath("att.dat");
   ASSERT_TRUE(WriteWholeFile(m_dir.file("att.dat"), std::string(300, 'x')));
   QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), 256);
   HANDLE h = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   ASSERT_NE(h, INVALID_HANDLE_VALUE);
   FileExPtr w = MakeWriter(1);
-  ASSERT_TRUE(w);
   ASSERT_EQ(w->Attach(h, CComBSTR(path.c_str())), 1);
-  ScopedFault writes(Counter(qlt::fault::kWrite, L"*att.dat"));
-  ASSERT_EQ(Put(*w, 0, 600), 1);
-  EXPECT_EQ(writes.Fired(), 2);  // the registered 256-byte blocks
+  CArray<DWORD, DWORD> list;
+  list.Add(42);
+  EXPECT_EQ(w->GetUserDataList(list, 1), 0);  // none yet: untouched
+  ASSERT_EQ(list.GetSize(), 1);
+  ScopedFault writes(FaultRule(qlt::fault::kWrite, L"*att.dat"));
+  ASSERT_EQ(Put(*w, 0, 580, 5), 1);
+  ASSERT_EQ(Put(*w, 580, 10, 0), 1);
+  ASSERT_EQ(Put(*w, 590, 10, 9), 1);  // recorded while still staged
+  EXPECT_EQ(writes.Fired(), 2);       // the registered 256-byte blocks
+  const struct {
+    int mode;
+    BOOL result;
+    std::vector<DWORD> values;
+  } cases[] = {{0, 1, {9}}, {1, 1, {5, 9}}, {2, 0, {}}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(w->GetUserDataList(list, c.mode), c.result) << c.mode;
+    EXPECT_EQ(std::vector<DWORD>(list.GetData(), list.GetData() + list.GetSize()), c.values) << c.mode;
+  }
   EXPECT_EQ(w->CloseHandle(), 1);
   EXPECT_EQ(Content("att.dat"), Pattern(0, 600));
-  EXPECT_EQ(CloseHandle(h), 0);  // the writer closed the host's handle
-
-  // The same writer opens the next file.
-  ASSERT_NE(Create(*w, "next.dat", 100), nullptr);
-  ASSERT_EQ(Put(*w, 0, 150), 1);
+  EXPECT_EQ(CloseHandle(h), 0);                     // the writer closed the host's handle
+  ASSERT_NE(Create(*w, "ud2.dat", 1000), nullptr);  // close cleared the list
+  EXPECT_EQ(w->GetUserDataList(list, 1), 0);
   EXPECT_EQ(w->CloseHandle(), 1);
-  EXPECT_EQ(Content("next.dat"), Pattern(0, 150));
-}
-
-TEST_F(WriterTest, FailedCreateReturnsZeroAndLogsOneLine) {
-  FileExPtr w = MakeWriter();
-  ASSERT_TRUE(w);
-  HANDLE h = w->CreateKXFile(CComBSTR(m_dir.wpath("missing\\x.dat").c_str()), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                             0, nullptr);
-  EXPECT_EQ(h, nullptr);
-  EXPECT_EQ(w->WriteFile("a", 1, nullptr, nullptr), 0);  // no file: nothing forwarded
-  std::string log = ReadWholeFile(m_dir.file("logbook/QltLogBook/QltLogBook.log"));
-  EXPECT_TRUE(std::regex_search(
-      log, std::regex(R"(KxFileEx CreateFile error! lastError: [1-9]\d* fileName: .*missing.x\.dat)")))
-      << log;
 }
 
 }  // namespace

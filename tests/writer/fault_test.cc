@@ -18,56 +18,33 @@ namespace qlt::test {
 namespace {
 
 using qlt::fault::Action;
-using qlt::fault::Rule;
 using qlt::fault::ScopedFault;
 
-// The calling thread's last record in the utility library's register.
-struct LastCode {
-  int nCode = -1;
-  std::wstring strMessage;
-};
-LastCode ReadLastCode() {
-  LastCode out;
+// The calling thread's last record in the utility library's register: "code message".
+std::wstring LastCode() {
   HMODULE h = LoadLibraryW(QLT_UTILBASE_DLL);
-  if (!h) return out;
-  auto pfn = reinterpret_cast<PFN_GerLastErrorCodeInfo>(GetProcAddress(h, "GerLastErrorCodeInfo"));
+  auto pfn = h ? reinterpret_cast<PFN_GerLastErrorCodeInfo>(GetProcAddress(h, "GerLastErrorCodeInfo")) : nullptr;
   ErrorCodeRecord rec{};
-  if (pfn && pfn(&rec) == 1) {
-    out.nCode = rec.nErrorCode;
-    out.strMessage = rec.bstrMessage ? rec.bstrMessage : L"";
-    SysFreeString(rec.bstrMessage);
-  }
-  FreeLibrary(h);
+  std::wstring out = L"none";
+  if (pfn && pfn(&rec) == 1) out = std::to_wstring(rec.nErrorCode) + L" " + (rec.bstrMessage ? rec.bstrMessage : L"");
+  if (pfn) SysFreeString(rec.bstrMessage);
+  if (h) FreeLibrary(h);
   return out;
-}
-
-Rule Fault(unsigned ops, const std::wstring& pattern, int nth = 1, int times = 1, Action action = Action::kFail) {
-  Rule r;
-  r.ops = ops;
-  r.pathPattern = pattern;
-  r.nth = nth;
-  r.times = times;
-  r.action = action;
-  return r;
 }
 
 TEST_F(WriterTest, FailedBlockFailsTheWriteAndCloseAndIsLogged) {
   EnableErrorLog();
   FileExPtr w = MakeWriter();
-  ASSERT_TRUE(w);
   ASSERT_NE(Create(*w, "e.dat", 1000), nullptr);
   {
-    ScopedFault second(Fault(qlt::fault::kWrite, L"*e.dat", 2));
+    ScopedFault second(FaultRule(qlt::fault::kWrite, L"*e.dat", Action::kFail, 2, 1));
     EXPECT_EQ(Put(*w, 0, 2500), 0);  // written still says 2500 (checked in Put)
     EXPECT_EQ(second.Fired(), 1);
   }
-  LastCode code = ReadLastCode();
-  EXPECT_EQ(code.nCode, 200);
-  EXPECT_EQ(code.strMessage, L"");
+  EXPECT_EQ(LastCode(), L"200 ");
   EXPECT_EQ(Put(*w, 2500, 100), 1);   // later writes go on
   EXPECT_EQ(w->CloseHandle(), 0);     // the file is closed, but not everything reached it
   EXPECT_EQ(SizeOf("e.dat"), 1600u);  // the failed block was dropped, not kept
-
   std::vector<std::string> lines = ErrorLogLines();
   ASSERT_EQ(lines.size(), 3u);
   std::string path = QltWideToUtf8(m_dir.wpath("e.dat"));
@@ -81,52 +58,32 @@ TEST_F(WriterTest, FailedBlockFailsTheWriteAndCloseAndIsLogged) {
 
 TEST_F(WriterTest, EachFailingOperationWritesItsEntry) {
   EnableErrorLog();
-  struct Case {
-    const char* name;
-    const char* titleAndDetail;  // the entry's middle line
-  };
-  const Case cases[] = {
-      {"seek", "    seek file pos :   Mov pos :-5   new pos 0: "},
-      {"read", "    read file  :   To read bytes :10   readed bytes 0: "},
-      {"retryseek", "    seek file pos when writeretry:   Mov pos :0   new pos 0: "},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::filesystem::remove(m_dir.file("sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt"));
-    FileExPtr w = MakeWriter();
-    ASSERT_TRUE(w);
-    std::wstring path = m_dir.wpath(std::string(c.name) + ".dat");
-    ASSERT_NE(w->CreateKXFile(CComBSTR(path.c_str()), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr), nullptr);
-    std::string want = c.titleAndDetail;
-    if (want.find("seek file pos :") != std::string::npos) {
-      EXPECT_EQ(w->SetFilePointer(-5, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
-    } else if (want.find("read file") != std::string::npos) {
-      char buf[10];
-      DWORD got = 0;
-      EXPECT_EQ(w->ReadFile(buf, 10, &got, nullptr), 0);  // a write-only file
-    } else {
-      // The first attempt fails; the reopen works but its seek back fails.
-      SdkSettings.WriteRetryCount = 1;
-      ScopedFault write(Fault(qlt::fault::kWrite, L"*" + path.substr(path.rfind(L'\\') + 1)));
-      ScopedFault seek(Fault(qlt::fault::kSeek, L"*" + path.substr(path.rfind(L'\\') + 1)));
-      EXPECT_EQ(w->WriteFile("abc", 3, nullptr, nullptr), 1);
-      EXPECT_EQ(w->SetFilePointer(0, nullptr, FILE_CURRENT), 3u);  // writes "abc" out through the retry
-      want = "    write file  :   To write bytes :3   written bytes 0: ";
-      std::vector<std::string> lines = ErrorLogLines();
-      ASSERT_EQ(lines.size(), 6u);
-      EXPECT_EQ(lines[1], want);
-      EXPECT_EQ(lines[4], c.titleAndDetail);
-      SdkSettings.WriteRetryCount = 0;
-      EXPECT_EQ(w->CloseHandle(), 1);
-      EXPECT_EQ(ReadWholeFile(QltNativePath(path.c_str())), "abc");
-      continue;
-    }
-    std::vector<std::string> lines = ErrorLogLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1], want);
-    EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(GetLastError :  \d+)"))) << lines[2];
-    EXPECT_EQ(w->CloseHandle(), 1);
+  FileExPtr w = MakeWriter();
+  std::wstring path = m_dir.wpath("ops.dat");
+  ASSERT_NE(w->CreateKXFile(CComBSTR(path.c_str()), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr), nullptr);
+  EXPECT_EQ(w->SetFilePointer(-5, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
+  char buf[10];
+  DWORD got = 0;
+  EXPECT_EQ(w->ReadFile(buf, 10, &got, nullptr), 0);  // a write-only file
+  // A retry whose first attempt fails and whose seek back after the reopen fails too.
+  SdkSettings.WriteRetryCount = 1;
+  ScopedFault write(FaultRule(qlt::fault::kWrite, L"*ops.dat", Action::kFail, 1, 1));
+  ScopedFault seek(FaultRule(qlt::fault::kSeek, L"*ops.dat", Action::kFail, 1, 1));
+  EXPECT_EQ(w->WriteFile("abc", 3, nullptr, nullptr), 1);
+  EXPECT_EQ(w->SetFilePointer(0, nullptr, FILE_CURRENT), 3u);  // writes "abc" out through the retry
+  std::vector<std::string> lines = ErrorLogLines();
+  const char* middles[] = {
+      "    seek file pos :   Mov pos :-5   new pos 0: ", "    read file  :   To read bytes :10   readed bytes 0: ",
+      "    write file  :   To write bytes :3   written bytes 0: ",
+      "    seek file pos when writeretry:   Mov pos :0   new pos 0: "};
+  ASSERT_EQ(lines.size(), 12u);
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(lines[i * 3 + 1], middles[i]);
+    EXPECT_TRUE(std::regex_match(lines[i * 3 + 2], std::regex(R"(GetLastError :  \d+)"))) << lines[i * 3 + 2];
   }
+  SdkSettings.WriteRetryCount = 0;
+  EXPECT_EQ(w->CloseHandle(), 1);
+  EXPECT_EQ(ReadWholeFile(QltNativePath(path.c_str())), "abc");
 }
 
 TEST_F(WriterTest, RetryRewritesAFailedBlockFromTheLastGoodPosition) {
@@ -134,11 +91,10 @@ TEST_F(WriterTest, RetryRewritesAFailedBlockFromTheLastGoodPosition) {
   for (Action action : {Action::kShort, Action::kFail}) {
     SCOPED_TRACE(action == Action::kShort ? "short" : "fail");
     FileExPtr w = MakeWriter();
-    ASSERT_TRUE(w);
     ASSERT_NE(Create(*w, "r.dat", 1000), nullptr);
-    ScopedFault flushes(Counter(qlt::fault::kFlush, L"*r.dat"));
-    ScopedFault opens(Counter(qlt::fault::kOpen, L"*r.dat"));
-    Rule third = Fault(qlt::fault::kWrite, L"*r.dat", 3, 1, action);
+    ScopedFault flushes(FaultRule(qlt::fault::kFlush, L"*r.dat"));
+    ScopedFault opens(FaultRule(qlt::fault::kOpen, L"*r.dat"));
+    qlt::fault::Rule third = FaultRule(qlt::fault::kWrite, L"*r.dat", action, 3, 1);
     third.shortBytes = 300;
     ScopedFault fault(third);
     EXPECT_EQ(Put(*w, 0, 5000), 1);
@@ -147,8 +103,7 @@ TEST_F(WriterTest, RetryRewritesAFailedBlockFromTheLastGoodPosition) {
     EXPECT_GE(flushes.Fired(), 5);  // every block was flushed
     EXPECT_EQ(Put(*w, 5000, 700), 1);
     EXPECT_EQ(w->CloseHandle(), 1);
-    // Nothing lost, nothing duplicated: the partial bytes were overwritten.
-    EXPECT_EQ(Content("r.dat"), Pattern(0, 5700));
+    EXPECT_EQ(Content("r.dat"), Pattern(0, 5700));  // nothing lost or duplicated: partial bytes overwritten
   }
 }
 
@@ -156,26 +111,21 @@ TEST_F(WriterTest, ReopenThatKeepsFailingGivesUpCleanly) {
   SdkSettings.WriteRetryCount = 3;
   SdkSettings.WriteRetryTime = 1;
   FileExPtr w = MakeWriter(2);
-  ASSERT_TRUE(w);
   ASSERT_NE(Create(*w, "k.dat", 1000), nullptr);
   ASSERT_EQ(Put(*w, 0, 1500), 1);  // one good block, 500 staged
   {
-    ScopedFault write(Fault(qlt::fault::kWrite, L"*k.dat"));
-    ScopedFault opens(Fault(qlt::fault::kOpen, L"*k.dat", 1, -1));
+    ScopedFault write(FaultRule(qlt::fault::kWrite, L"*k.dat", Action::kFail, 1, 1));
+    ScopedFault opens(FaultRule(qlt::fault::kOpen, L"*k.dat", Action::kFail));
     LARGE_INTEGER zero{};
     EXPECT_EQ(w->SetFilePointerEx(zero, nullptr, FILE_BEGIN), 0);  // the staged bytes cannot go out
     EXPECT_EQ(opens.Fired(), 3);                                   // exactly WriteRetryCount attempts
-    LastCode code = ReadLastCode();
-    EXPECT_EQ(code.nCode, 200);
-    EXPECT_EQ(code.strMessage, L"write file error");
-    // Later calls fail at once on the lost handle and try to reopen again.
-    EXPECT_EQ(Put(*w, 1500, 600), 0);
+    EXPECT_EQ(LastCode(), L"200 write file error");
+    EXPECT_EQ(Put(*w, 1500, 600), 0);  // later calls fail at once and try to reopen again
     EXPECT_EQ(opens.Fired(), 6);
     EXPECT_EQ(w->CloseHandle(), 0);
   }
-  EXPECT_EQ(Content("k.dat"), Pattern(0, 1000));  // what reached the file is intact
-  // The writer itself is fine: the next file works.
-  ASSERT_NE(Create(*w, "k2.dat", 1000), nullptr);
+  EXPECT_EQ(Content("k.dat"), Pattern(0, 1000));   // what reached the file is intact
+  ASSERT_NE(Create(*w, "k2.dat", 1000), nullptr);  // the writer itself is fine
   ASSERT_EQ(Put(*w, 0, 1500), 1);
   EXPECT_EQ(w->CloseHandle(), 1);
   EXPECT_EQ(Content("k2.dat"), Pattern(0, 1500));
@@ -194,24 +144,18 @@ int FillUpInChild(const std::string& dir) {
   if (mount("none", dir.c_str(), "tmpfs", 0, "size=1m") != 0) return 77;
   std::wstring path = QltWindowsPath(dir + "/full.dat");
   QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), 65536);
-  QLCT_FileEx* w = QLCT_CreateFileExObj();
+  FileExPtr w(QLCT_CreateFileExObj());
   if (!w || !w->Initialize(nullptr)) return 1;
   if (!w->CreateKXFile(CComBSTR(path.c_str()), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr)) return 2;
   int nFailed = 0;
-  const size_t kSlice = 40000;
-  for (uint64_t at = 0; at < (2u << 20); at += kSlice) {
-    std::string data = Pattern(at, kSlice);
+  for (uint64_t at = 0; at < (2u << 20); at += 40000) {
+    std::string data = Pattern(at, 40000);
     DWORD n = 0;
-    if (!w->WriteFile(data.data(), kSlice, &n, nullptr)) ++nFailed;
+    nFailed += w->WriteFile(data.data(), 40000, &n, nullptr) ? 0 : 1;
   }
-  BOOL bClosed = w->CloseHandle();
-  QLCT_DeleteFileExObj(w);
-  if (nFailed == 0) return 3;
-  if (bClosed) return 4;
+  if (nFailed == 0 || w->CloseHandle()) return 3;  // both the writes and the close must fail
   std::string got = ReadWholeFile(dir + "/full.dat");
-  if (got.empty() || got.size() > (1u << 20)) return 5;
-  if (got != Pattern(0, got.size())) return 6;
-  return 0;
+  return !got.empty() && got.size() <= (1u << 20) && got == Pattern(0, got.size()) ? 0 : 4;
 }
 
 TEST_F(WriterTest, FullFileSystemFailsWritesAndCloseWithoutHoles) {

@@ -1,5 +1,6 @@
 // Shared pieces of the writer tests: a fixture with a temporary folder and
-// the settings restored afterwards, a byte pattern, and call counters.
+// the settings restored afterwards, a byte pattern, fault rules and the
+// utility library's last error record.
 #ifndef QLTFSDK_TESTS_WRITER_WRITER_TEST_UTIL_H
 #define QLTFSDK_TESTS_WRITER_WRITER_TEST_UTIL_H
 
@@ -20,10 +21,12 @@
 namespace qlt::test {
 
 // Byte i of the generated content: not periodic at block or page sizes.
-inline char PatternByte(uint64_t i) { return static_cast<char>((i * 131u + (i >> 11) * 7u + 3u) & 0xffu); }
 inline std::string Pattern(uint64_t from, size_t n) {
   std::string s(n, '\0');
-  for (size_t k = 0; k < n; ++k) s[k] = PatternByte(from + k);
+  for (size_t k = 0; k < n; ++k) {
+    uint64_t i = from + k;
+    s[k] = static_cast<char>((i * 131u + (i >> 11) * 7u + 3u) & 0xffu);
+  }
   return s;
 }
 
@@ -32,20 +35,16 @@ struct FileExDeleter {
 };
 using FileExPtr = std::unique_ptr<QLCT_FileEx, FileExDeleter>;
 
-// Counts the platform calls of the given kinds on files matching pattern
-// without changing them.
-inline qlt::fault::Rule Counter(unsigned ops, const std::wstring& pattern) {
+// A fault rule on files matching pattern; the default only counts the calls.
+inline qlt::fault::Rule FaultRule(unsigned ops, const std::wstring& pattern,
+                                  qlt::fault::Action action = qlt::fault::Action::kDelay, int nth = 1, int times = -1) {
   qlt::fault::Rule r;
-  r.ops = ops;
-  r.pathPattern = pattern;
-  r.action = qlt::fault::Action::kDelay;
-  r.delayMs = 0;
-  r.times = -1;
+  r.ops = ops, r.pathPattern = pattern, r.action = action, r.nth = nth, r.times = times;
   return r;
 }
 
 class WriterTest : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
     setenv("QLTFS_LOG_ROOT", m_dir.file("logbook").c_str(), 1);
     SetModuleDirectoryOverride(m_dir.wpath());
@@ -58,20 +57,18 @@ class WriterTest : public ::testing::Test {
     SetModuleDirectoryOverride(L"");
     unsetenv("QLTFS_LOG_ROOT");
   }
-
-  // A writer initialised with nOpMode; null on failure.
-  static FileExPtr MakeWriter(int nOpMode = 1) {
+  // A writer initialised with the given cache and operating modes; null on failure.
+  static FileExPtr MakeWriter(int nOpMode = 1, int nCacheMode = 0, DWORD nPoolBytes = 33554432) {
     FileExPtr w(QLCT_CreateFileExObj());
-    if (!w) return w;
-    QLCT_FIlEACCESSINFO_ST info{0, nOpMode, 0, 33554432, nullptr, 4194304, 16777216};
-    if (!w->Initialize(&info)) w.reset();
+    QLCT_FIlEACCESSINFO_ST info{nCacheMode, nOpMode, 0, nPoolBytes, nullptr, 4194304, nPoolBytes / 2};
+    if (w && !w->Initialize(&info)) w.reset();
     return w;
   }
   // Creates name in the test folder with block size nBlock registered.
-  HANDLE Create(QLCT_FileEx& w, const std::string& name, int nBlock, DWORD disposition = CREATE_ALWAYS) {
+  HANDLE Create(QLCT_FileEx& w, const std::string& name, int nBlock) {
     std::wstring path = m_dir.wpath(name);
     if (nBlock > 0) QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), nBlock);
-    return w.CreateKXFile(CComBSTR(path.c_str()), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, disposition,
+    return w.CreateKXFile(CComBSTR(path.c_str()), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                           FILE_ATTRIBUTE_NORMAL, nullptr);
   }
   // Writes n pattern bytes starting at pattern offset from; the call's result.
