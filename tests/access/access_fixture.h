@@ -4,22 +4,30 @@
 
 #include <dirent.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <thread>
 
 #include "tests/support/temp_dir.h"
 
-// Byte i of every pattern file: varies within a block and between blocks, so
-// a byte delivered from the wrong offset shows.
-inline unsigned char PatternByte(uint64_t i) { return static_cast<unsigned char>((i * 131u) ^ (i >> 12) ^ (i >> 20)); }
-
+// n bytes of the pattern file from offset on: bytes vary within a block and
+// between blocks, so a byte delivered from the wrong offset shows.
 inline std::string Pattern(uint64_t offset, size_t n) {
   std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(PatternByte(offset + i));
+  for (uint64_t i = offset; i < offset + n; ++i) s[i - offset] = static_cast<char>((i * 131u) ^ (i >> 12) ^ (i >> 20));
   return s;
 }
 
 inline bool WritePatternFile(const std::string& path, size_t n) { return WriteWholeFile(path, Pattern(0, n)); }
+
+// Some sanitizer runtimes start a helper thread of their own with the first
+// thread of the process; making (and joining) one at load moves that before
+// any count a test takes.
+inline const bool g_bFirstThreadMade = [] {
+  std::thread([] {}).join();
+  return true;
+}();
 
 // Threads of this process right now.
 inline int ThreadCount() {
@@ -30,6 +38,18 @@ inline int ThreadCount() {
     closedir(d);
   }
   return n;
+}
+
+// Waits (up to 2 s) until the process has at most n threads: a joined thread
+// leaves the kernel's list a moment after its join returns. Returns the count
+// seen last.
+inline int ThreadCountSettled(int n) {
+  int count = ThreadCount();
+  for (int i = 0; i < 200 && count > n; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    count = ThreadCount();
+  }
+  return count;
 }
 
 #endif  // QLTFSDK_TESTS_ACCESS_ACCESS_FIXTURE_H
