@@ -1,15 +1,7 @@
 // The exported accessor as a host uses it: which back-end each path form
 // gets, where the back-ends' results differ, that every source gives the
 // file's bytes, copies, and FileIsExist on every source.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-
-#include "diagnostics/module_paths.h"
-#include "diagnostics/sdk_settings.h"
 #include "diagnostics/web_plugin.h"
-#include "platform/faults.h"
 #include "platform/platform.h"
 #include "qltfsdk/qltfsdk.h"
 #include "tests/access/access_fixture.h"
@@ -152,9 +144,7 @@ TEST_F(FacadeTest, EachSourceGivesItsOwnResultsAndTheFilesBytes) {
 // The virtual storage's own results pass through; answers out of the
 // ordinary are logged.
 TEST_F(FacadeTest, VirtualStorageResultsAreTheStoragesOwnAndOddAnswersAreLogged) {
-  SetModuleDirectoryOverride(m_dir.wpath("lib"));
-  std::filesystem::create_directories(m_dir.file("lib/sdk-log/ErrorLog"));
-  SdkSettings.LogFileOn = 1;
+  ErrorLogCapture errorLog(m_dir);
   {
     QLCT_FileAccess f;
     ASSERT_NE(f.OpenFile(CComBSTR(L"qvf:\\small.bin"), 2), 0);
@@ -170,9 +160,7 @@ TEST_F(FacadeTest, VirtualStorageResultsAreTheStoragesOwnAndOddAnswersAreLogged)
     QLCT_FileAccess bad;
     EXPECT_EQ(bad.OpenFile(CComBSTR(L"qvf:\\..\\..\\escape.bin"), 1), 0);
   }
-  SdkSettings.LogFileOn = 0;
-  SetModuleDirectoryOverride(L"");
-  std::string log = ReadWholeFile(m_dir.file("lib/sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt"));
+  const std::string log = errorLog.Text();
   for (const char* line : {"qvf:\\small.bin", "    Get file size:   size :10   ",
                            "    read file :   size to read  :20  real size  :5  ", "    open file fail!   "})
     EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;

@@ -2,25 +2,28 @@
 // write path, access-mode rules, injected platform failures, and read-ahead
 // and write-behind (the same bytes as the synchronous path for any request
 // and ring size, closes in the middle of a transfer, no worker left behind).
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <random>
-#include <string>
-#include <vector>
-
 #include "access/kx_file_access_local.h"
-#include "diagnostics/module_paths.h"
-#include "diagnostics/sdk_settings.h"
-#include "platform/faults.h"
 #include "tests/access/access_fixture.h"
 
 namespace {
 
 constexpr __int64 kFileSize = 1000000;
 constexpr int kMiB = 1 << 20;
+
+// Restores the settings the tests change and checks that no worker outlives
+// its accessor.
+class AccessTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    SdkSettings.ReadBufSize = 262144;
+    SdkSettings.ReadMode = 1;
+    EXPECT_EQ(ThreadCountSettled(m_nThreads), m_nThreads) << "a worker outlived its accessor";
+  }
+  CComBSTR Path(const std::string& name) const { return CComBSTR(m_dir.wpath(name).c_str()); }
+
+  TempDir m_dir;
+  const int m_nThreads = ThreadCount();
+};
 
 // One read or skip (null buffer) and what it must deliver.
 struct Step {
@@ -31,23 +34,10 @@ struct Step {
   __int64 expectPos;  // GetPosition afterwards
 };
 
-class LocalAccessTest : public ::testing::TestWithParam<int> {
- protected:
-  void SetUp() override {
-    SdkSettings.ReadMode = GetParam();  // buffered and unbuffered opens
-    ASSERT_TRUE(WritePatternFile(m_dir.file("data.bin"), kFileSize));
-  }
-  void TearDown() override {
-    SdkSettings.ReadBufSize = 262144;
-    SdkSettings.ReadMode = 1;
-  }
-  CComBSTR Path(const std::string& name = "data.bin") const { return CComBSTR(m_dir.wpath(name).c_str()); }
-  TempDir m_dir;
-};
-
-// The same reads, skips and seeks for cache blocks of every shape: every
-// delivered byte is the file's.
-TEST_P(LocalAccessTest, ReadsSkipsAndSeeksAroundTheCacheBlockDeliverTheFileBytes) {
+// The same reads, skips and seeks for cache blocks of every shape, buffered
+// and unbuffered: every delivered byte is the file's.
+TEST_F(AccessTest, ReadsSkipsAndSeeksAroundTheCacheBlockDeliverTheFileBytes) {
+  ASSERT_TRUE(WritePatternFile(m_dir.file("data.bin"), kFileSize));
   const int B = 65536;
   const Step steps[] = {
       {-1, 100, false, 100, 100},                          // first fill
@@ -67,32 +57,36 @@ TEST_P(LocalAccessTest, ReadsSkipsAndSeeksAroundTheCacheBlockDeliverTheFileBytes
       {kFileSize + 5000, 10, false, 0, kFileSize + 5000},  // seek past the end
       {123456, 1, false, 1, 123457},
   };
-  for (int block : {B, 4096, 1000, 262144}) {
-    SdkSettings.ReadBufSize = block;
-    KxFileAccessLocal f;
-    ASSERT_EQ(f.OpenFile(Path(), 1), 1);
-    EXPECT_EQ(f.GetLength(), static_cast<ULONGLONG>(kFileSize));
-    __int64 pos = 0;
-    for (const Step& s : steps) {
-      SCOPED_TRACE("block " + std::to_string(block) + " step " + std::to_string(&s - steps));
-      if (s.seekTo >= 0) {
-        ASSERT_EQ(f.SetPosition(s.seekTo), 1);
-        pos = s.seekTo;
+  for (int mode : {0, 1}) {
+    for (int block : {B, 4096, 1000, 262144}) {
+      SdkSettings.ReadMode = mode;
+      SdkSettings.ReadBufSize = block;
+      KxFileAccessLocal f;
+      ASSERT_EQ(f.OpenFile(Path("data.bin"), 1), 1);
+      EXPECT_EQ(f.GetLength(), static_cast<ULONGLONG>(kFileSize));
+      __int64 pos = 0;
+      for (const Step& s : steps) {
+        SCOPED_TRACE("mode " + std::to_string(mode) + " block " + std::to_string(block) + " step " +
+                     std::to_string(&s - steps));
+        if (s.seekTo >= 0) {
+          ASSERT_EQ(f.SetPosition(s.seekTo), 1);
+          pos = s.seekTo;
+        }
+        std::string buf(s.count > 0 ? s.count : 0, '\0');
+        int n = f.Read(s.skip ? nullptr : reinterpret_cast<BYTE*>(buf.data()), s.count);
+        EXPECT_EQ(n, s.expected);
+        EXPECT_TRUE(s.skip || n <= 0 || buf.substr(0, n) == Pattern(pos, n)) << "bytes differ";
+        pos = s.expectPos;
+        EXPECT_EQ(f.GetPosition(), s.expectPos);
       }
-      std::string buf(s.count > 0 ? s.count : 0, '\0');
-      int n = f.Read(s.skip ? nullptr : reinterpret_cast<BYTE*>(buf.data()), s.count);
-      EXPECT_EQ(n, s.expected);
-      EXPECT_TRUE(s.skip || n <= 0 || buf.substr(0, n) == Pattern(pos, n)) << "bytes differ";
-      pos = s.expectPos;
-      EXPECT_EQ(f.GetPosition(), s.expectPos);
+      EXPECT_EQ(f.CloseFile(), 1);
     }
-    EXPECT_EQ(f.CloseFile(), 1);
   }
   // A second open never serves the first file's cache.
   ASSERT_TRUE(WriteWholeFile(m_dir.file("other.bin"), std::string(5000, 'x')));
   KxFileAccessLocal f;
   char buf[100];
-  ASSERT_EQ(f.OpenFile(Path(), 1), 1);
+  ASSERT_EQ(f.OpenFile(Path("data.bin"), 1), 1);
   ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 100), 100);
   ASSERT_EQ(f.OpenFile(Path("other.bin"), 1), 1);
   ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 100), 100);
@@ -100,41 +94,35 @@ TEST_P(LocalAccessTest, ReadsSkipsAndSeeksAroundTheCacheBlockDeliverTheFileBytes
 }
 
 // Reads and skips across the 4 GiB line of a sparse file land on the mark.
-TEST_P(LocalAccessTest, PositionsAboveFourGiBInASparseFile) {
+TEST_F(AccessTest, PositionsAboveFourGiBInASparseFile) {
   const __int64 kMarkAt = (5LL << 30) + 12345;
-  int fd = ::open(m_dir.file("sparse.bin").c_str(), O_CREAT | O_WRONLY, 0644);
-  ASSERT_GE(fd, 0);
   const std::string mark = Pattern(kMarkAt, 100);
-  ASSERT_EQ(::pwrite(fd, mark.data(), mark.size(), kMarkAt), 100);
-  ::close(fd);
-  KxFileAccessLocal f;
-  ASSERT_EQ(f.OpenFile(Path("sparse.bin"), 1), 1);
-  EXPECT_EQ(f.GetLength(), static_cast<ULONGLONG>(kMarkAt + 100));
-  char buf[200];
-  ASSERT_EQ(f.SetPosition(kMarkAt - 50), 1);
-  ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 200), 150);  // 50 zeros, the mark, the end
-  EXPECT_EQ(std::string(buf, 50), std::string(50, '\0'));
-  EXPECT_TRUE(std::string(buf + 50, 100) == mark);
-  ASSERT_EQ(f.SetPosition(0), 1);
-  for (int i = 0; i < 5; ++i) ASSERT_EQ(f.Read(nullptr, 1 << 30), 1 << 30);
-  ASSERT_EQ(f.Read(nullptr, 12345), 12345);
-  EXPECT_EQ(f.GetPosition(), kMarkAt);
-  ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 10), 10);
-  EXPECT_TRUE(std::string(buf, 10) == mark.substr(0, 10));
+  ASSERT_TRUE(WriteAt(m_dir.file("sparse.bin"), kMarkAt, mark));
+  for (int mode : {0, 1}) {
+    SdkSettings.ReadMode = mode;
+    KxFileAccessLocal f;
+    ASSERT_EQ(f.OpenFile(Path("sparse.bin"), 1), 1);
+    EXPECT_EQ(f.GetLength(), static_cast<ULONGLONG>(kMarkAt + 100));
+    char buf[200];
+    ASSERT_EQ(f.SetPosition(kMarkAt - 50), 1);
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 200), 150);  // 50 zeros, the mark, the end
+    EXPECT_EQ(std::string(buf, 50), std::string(50, '\0'));
+    EXPECT_TRUE(std::string(buf + 50, 100) == mark);
+    ASSERT_EQ(f.SetPosition(0), 1);
+    for (int i = 0; i < 5; ++i) ASSERT_EQ(f.Read(nullptr, 1 << 30), 1 << 30);
+    ASSERT_EQ(f.Read(nullptr, 12345), 12345);
+    EXPECT_EQ(f.GetPosition(), kMarkAt);
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 10), 10);
+    EXPECT_TRUE(std::string(buf, 10) == mark.substr(0, 10));
+  }
 }
 
-INSTANTIATE_TEST_SUITE_P(ReadModes, LocalAccessTest, ::testing::Values(0, 1),
-                         [](const auto& info) { return info.param ? "Unbuffered" : "Buffered"; });
-
-TEST(LocalAccessRulesTest, WritesModesBadArgumentsAndClosedFiles) {
-  TempDir dir;
-  auto path = [&](const char* name) { return CComBSTR(dir.wpath(name).c_str()); };
+TEST_F(AccessTest, WritesModesBadArgumentsAndClosedFiles) {
   // Write mode empties the file; an unaligned seek lands the next write
   // exactly there without overwriting what came before.
-  ASSERT_TRUE(WriteWholeFile(dir.file("out.bin"), std::string(9000, 'o')));
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("out.bin"), std::string(9000, 'o')));
   KxFileAccessLocal f;
-  DWORD mode;
-  ASSERT_EQ(f.OpenFile(path("out.bin"), 2), 1);
+  ASSERT_EQ(f.OpenFile(Path("out.bin"), 2), 1);
   EXPECT_EQ(f.GetLength(), 0u);
   std::string data = Pattern(0, 10000);
   EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>(data.data()), 10000), 10000);
@@ -143,7 +131,7 @@ TEST(LocalAccessRulesTest, WritesModesBadArgumentsAndClosedFiles) {
   EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>("ZZ"), 2), 2);
   EXPECT_EQ(f.Write(nullptr, 5), 0);
   EXPECT_EQ(f.CloseFile(), 1);
-  EXPECT_TRUE(ReadWholeFile(dir.file("out.bin")) == data.replace(5001, 2, "ZZ"));
+  EXPECT_TRUE(ReadWholeFile(m_dir.file("out.bin")) == data.replace(5001, 2, "ZZ"));
   // OpenFile, then GetAccessMode; a failed open keeps the mode it had.
   const struct {
     DWORD mode;
@@ -153,31 +141,26 @@ TEST(LocalAccessRulesTest, WritesModesBadArgumentsAndClosedFiles) {
       {1, "out.bin", 1, 1}, {2, "new.bin", 1, 1}, {3, "out.bin", 0, 0}, {0, "out.bin", 0, 0}, {1, "missing.bin", 0, 1}};
   for (const auto& c : opens) {
     SCOPED_TRACE(std::string(c.file) + " mode " + std::to_string(c.mode));
-    EXPECT_EQ(f.OpenFile(path(c.file), c.mode), c.open);
+    DWORD mode;
+    EXPECT_EQ(f.OpenFile(Path(c.file), c.mode), c.open);
     EXPECT_EQ(f.GetAccessMode(mode), c.accessResult);
     EXPECT_EQ(c.accessResult ? mode : c.mode, c.mode);
   }
   EXPECT_EQ(f.OpenFile(CComBSTR(L""), 1), 0);
-  // After CloseFile every call fails.
-  ASSERT_EQ(f.OpenFile(path("out.bin"), 1), 1);
+  // After CloseFile calls fail; the local back-end has no host to log in to.
+  ASSERT_EQ(f.OpenFile(Path("out.bin"), 1), 1);
   EXPECT_EQ(f.CloseFile(), 1);
-  BYTE buf[16];
-  EXPECT_EQ(f.CloseFile(), 0);
-  EXPECT_EQ(f.Read(buf, 16), 0);
-  EXPECT_EQ(f.SetPosition(10), 0);
+  EXPECT_EQ(f.Read(reinterpret_cast<BYTE*>(&data[0]), 16), 0);
   EXPECT_EQ(f.LogInHost(CComBSTR(L"h"), CComBSTR(L"u"), CComBSTR(L"p"), 21), 0);
 }
 
 // Injected read, write and seek failures: the call's result, recovery on the
 // next call, and the error-log entry.
-TEST(LocalAccessFaultTest, InjectedFailuresFailTheCallAndAreLogged) {
-  TempDir root;
-  SetModuleDirectoryOverride(root.wpath());
-  std::filesystem::create_directories(root.path() + "/sdk-log/ErrorLog");
-  SdkSettings.LogFileOn = 1;
+TEST_F(AccessTest, InjectedFailuresFailTheCallAndAreLogged) {
+  ErrorLogCapture errorLog(m_dir);
   SdkSettings.ReadMode = 0;
-  ASSERT_TRUE(WritePatternFile(root.file("in.bin"), 300000));
-  CComBSTR in(root.wpath("in.bin").c_str()), out(root.wpath("out.bin").c_str());
+  ASSERT_TRUE(WritePatternFile(m_dir.file("in.bin"), 300000));
+  CComBSTR in = Path("in.bin"), out = Path("out.bin");
   auto rule = [](unsigned ops, qlt::fault::Action action = qlt::fault::Action::kFail) {
     qlt::fault::Rule r;
     r.ops = ops;
@@ -227,10 +210,7 @@ TEST(LocalAccessFaultTest, InjectedFailuresFailTheCallAndAreLogged) {
     EXPECT_EQ(f.Read(nullptr, 100), 0);
   }
   EXPECT_EQ(f.Read(nullptr, -100000), 0);  // before the start
-  SdkSettings.LogFileOn = 0;
-  SdkSettings.ReadMode = 1;
-  SetModuleDirectoryOverride(L"");
-  const std::string log = ReadWholeFile(root.path() + "/sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt");
+  const std::string log = errorLog.Text();
   for (const char* line : {"    read file  :   To read bytes :262144   readed bytes 0: ",
                            "    write file  :   To write bytes :1000   written bytes 0: ",
                            "    seek file pos :   Mov pos :4096   new pos 0: ",
@@ -238,28 +218,14 @@ TEST(LocalAccessFaultTest, InjectedFailuresFailTheCallAndAreLogged) {
     EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
 }
 
-// Read-ahead and write-behind.
-
-class AsyncAccessTest : public ::testing::Test {
- protected:
-  void SetUp() override { SdkSettings.ReadMode = 0; }
-  void TearDown() override {
-    SdkSettings.ReadMode = 1;
-    EXPECT_EQ(ThreadCountSettled(m_nThreads), m_nThreads) << "a worker outlived its accessor";
-  }
-  CComBSTR Path(const std::string& name) const { return CComBSTR(m_dir.wpath(name).c_str()); }
-
-  TempDir m_dir;
-  const int m_nThreads = ThreadCount();
-};
-
 // Ring sizes around the worker's transfer (1.5 MiB) and far below it, with
 // request sizes up to and beyond the ring: every request must complete.
 const int kRingSizes[] = {4096, 1000000, 1572864, 1572864 + 4096, 3 * kMiB, 10 * kMiB};
 
-TEST_F(AsyncAccessTest, ReadAheadAndWriteBehindKeepEveryByteForAnyRequestAndRingSize) {
+TEST_F(AccessTest, ReadAheadAndWriteBehindKeepEveryByteForAnyRequestAndRingSize) {
   const size_t kSize = 7 * kMiB + 333;
   ASSERT_TRUE(WritePatternFile(m_dir.file("in.bin"), kSize));
+  SdkSettings.ReadMode = 0;
   std::mt19937 rng(7);
   std::vector<char> buf(12 * kMiB);
   for (int ring : kRingSizes) {
@@ -299,7 +265,8 @@ TEST_F(AsyncAccessTest, ReadAheadAndWriteBehindKeepEveryByteForAnyRequestAndRing
   }
 }
 
-TEST_F(AsyncAccessTest, CloseInTheMiddleOfATransferEndsTheWorkerAndLosesNoWrite) {
+TEST_F(AccessTest, CloseInTheMiddleOfATransferEndsTheWorkerAndLosesNoWrite) {
+  SdkSettings.ReadMode = 0;
   ASSERT_TRUE(WritePatternFile(m_dir.file("in.bin"), 24 * kMiB));
   const std::string data = Pattern(0, 20 * kMiB);
   for (int ring : {64 * 1024, 10 * kMiB}) {
@@ -334,38 +301,6 @@ TEST_F(AsyncAccessTest, CloseInTheMiddleOfATransferEndsTheWorkerAndLosesNoWrite)
   ASSERT_EQ(f.Write(reinterpret_cast<const BYTE*>(data.data()), 8 * kMiB), 8 * kMiB);
   EXPECT_EQ(f.CloseFile(), 0);
   EXPECT_GE(fault.Fired(), 1);
-}
-
-TEST_F(AsyncAccessTest, SeeksModeChangesAndReopensKeepTheByteStreamExact) {
-  ASSERT_TRUE(WritePatternFile(m_dir.file("in.bin"), 5 * kMiB));
-  KxFileAccessLocal f;
-  ASSERT_EQ(f.EnableAsyncRead(1, 64 * 1024), 1);
-  EXPECT_EQ(f.OpenFile(Path("missing.bin"), 1), 0);  // then a good open: no stale ring
-  std::vector<char> buf(kMiB);
-  ASSERT_EQ(f.OpenFile(Path("in.bin"), 1), 1);
-  auto expectRead = [&](int n, size_t at) {
-    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), n), n);
-    EXPECT_TRUE(std::string(buf.data(), n) == Pattern(at, n)) << "at " << at;
-  };
-  expectRead(100, 0);
-  expectRead(250, 100);
-  EXPECT_EQ(f.GetPosition(), 350);
-  EXPECT_EQ(f.EnableAsyncWrite(1, kMiB), 0);  // does not suit the open file; the ring stays
-  ASSERT_EQ(f.SetPosition(3000001), 1);       // forward, unaligned
-  expectRead(5000, 3000001);
-  ASSERT_EQ(f.SetPosition(17), 1);  // backwards
-  expectRead(70000, 17);
-  ASSERT_EQ(f.EnableAsyncRead(0, kMiB), 1);  // off: continues synchronously
-  expectRead(1000, 70017);
-  EXPECT_EQ(f.GetPosition(), 71017);
-  ASSERT_EQ(f.EnableAsyncRead(1, 3 * kMiB), 1);  // and on again, mid-file
-  expectRead(kMiB, 71017);
-  EXPECT_EQ(f.CloseFile(), 1);
-  // The mode survives the close: a reopen for writing gets write-behind.
-  ASSERT_EQ(f.OpenFile(Path("out.bin"), 2), 1);
-  ASSERT_EQ(f.Write(reinterpret_cast<const BYTE*>(buf.data()), 1000), 1000);
-  EXPECT_EQ(f.CloseFile(), 1);
-  EXPECT_EQ(ReadWholeFile(m_dir.file("out.bin")), std::string(buf.data(), 1000));
 }
 
 }  // namespace
