@@ -182,12 +182,9 @@ TEST_F(FacadeTest, FileIsExistAnswersForEverySourceAndWithoutTheLibraries) {
   for (const auto& p : absent) EXPECT_EQ(FileIsExist(CComBSTR(p.c_str())), 0) << std::string(p.begin(), p.end());
   QltResetWebPluginForTest(L"");  // the real plug-in's name, made unloadable below
 
-  qlt::fault::Rule rule;
-  rule.ops = qlt::fault::kLoadLibrary;
-  rule.times = -1;
-  rule.error = ERROR_MOD_NOT_FOUND;
+  qlt::fault::Rule rule{qlt::fault::kLoadLibrary,  L"*QVFVirtualFileU*", nullptr, 1, -1,
+                        qlt::fault::Action::kFail, ERROR_MOD_NOT_FOUND,  0,       0};
   {
-    rule.pathPattern = L"*QVFVirtualFileU*";
     qlt::fault::ScopedFault missing(rule);
     EXPECT_EQ(FileIsExist(CComBSTR(L"qvf:\\there.bin")), 0);
     QLCT_FileAccess f;  // and the virtual back-end fails its calls with 0

@@ -2,7 +2,6 @@
 // byte, paths, sizes and positions, the open/close lifecycle, the
 // asynchronous read-ahead and write-behind, and servers that misbehave.
 #include "access/kx_file_access_ftp.h"
-#include "qltfsdk/fileaccess.h"
 #include "tests/access/access_fixture.h"
 #include "tests/support/ftp_server.h"
 
@@ -209,18 +208,6 @@ TEST_F(FtpAccessTest, CloseEndsReadAheadAndCompletesWriteBehind) {
     EXPECT_EQ(baseline + 1, ThreadCountSettled(baseline + 1));
   }
   EXPECT_EQ(baseline, ThreadCountSettled(baseline));
-}
-
-// The way a host reaches the back-end: Initialize(16) on the exported facade.
-TEST_F(FtpAccessTest, FacadeInitializeSixteenSelectsTheFtpBackEnd) {
-  Put("facade.bin", Pattern(0, 70000));
-  QLCT_FileAccess facade;
-  EXPECT_EQ(1, facade.Initialize(16));
-  EXPECT_EQ(0, facade.OpenFile(CComBSTR(L"facade.bin"), ACCESS_MODE_READ)) << "not logged in yet";
-  ASSERT_EQ(1, facade.LogInHost(CComBSTR(L"127.0.0.1"), CComBSTR(L"qlt"), CComBSTR(L"s3cret"), Port()));
-  ASSERT_EQ(1, facade.OpenFile(CComBSTR(L"facade.bin"), ACCESS_MODE_READ));
-  EXPECT_EQ(70000u, facade.GetLength());
-  EXPECT_EQ(1, facade.CloseFile());
 }
 
 // What a fault breaks, and so which step must fail.

@@ -162,12 +162,7 @@ TEST_F(AccessTest, InjectedFailuresFailTheCallAndAreLogged) {
   ASSERT_TRUE(WritePatternFile(m_dir.file("in.bin"), 300000));
   CComBSTR in = Path("in.bin"), out = Path("out.bin");
   auto rule = [](unsigned ops, qlt::fault::Action action = qlt::fault::Action::kFail) {
-    qlt::fault::Rule r;
-    r.ops = ops;
-    r.pathPattern = L"*.bin";
-    r.action = action;
-    r.shortBytes = 10;
-    return r;
+    return qlt::fault::Rule{ops, L"*.bin", nullptr, 1, 1, action, 29, 10, 0};
   };
   // A small read (through the cache) and a large one (whole blocks straight
   // into the caller's buffer) fail alike and leave nothing stale behind.
@@ -293,11 +288,7 @@ TEST_F(AccessTest, CloseInTheMiddleOfATransferEndsTheWorkerAndLosesNoWrite) {
   KxFileAccessLocal f;
   ASSERT_EQ(f.OpenFile(Path("out.bin"), 2), 1);
   ASSERT_EQ(f.EnableAsyncWrite(1, kMiB), 1);
-  qlt::fault::Rule rule;
-  rule.ops = qlt::fault::kWrite;
-  rule.pathPattern = L"*out.bin";
-  rule.times = -1;
-  qlt::fault::ScopedFault fault(rule);
+  qlt::fault::ScopedFault fault({qlt::fault::kWrite, L"*out.bin", nullptr, 1, -1, qlt::fault::Action::kFail, 29, 0, 0});
   ASSERT_EQ(f.Write(reinterpret_cast<const BYTE*>(data.data()), 8 * kMiB), 8 * kMiB);
   EXPECT_EQ(f.CloseFile(), 0);
   EXPECT_GE(fault.Fired(), 1);
