@@ -1,25 +1,74 @@
-// Shared pieces of the file access tests: pattern files and thread counts.
+// Shared pieces of the file access tests: pattern and sparse files, thread
+// counts and the error log.
 #ifndef QLTFSDK_TESTS_ACCESS_ACCESS_FIXTURE_H
 #define QLTFSDK_TESTS_ACCESS_ACCESS_FIXTURE_H
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <random>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "diagnostics/module_paths.h"
+#include "diagnostics/sdk_settings.h"
+#include "platform/faults.h"
 #include "tests/support/temp_dir.h"
 
-// Byte i of every pattern file: varies within a block and between blocks, so
-// a byte delivered from the wrong offset shows.
-inline unsigned char PatternByte(uint64_t i) { return static_cast<unsigned char>((i * 131u) ^ (i >> 12) ^ (i >> 20)); }
-
+// n bytes of the pattern file from offset on: bytes vary within a block and
+// between blocks, so a byte delivered from the wrong offset shows.
 inline std::string Pattern(uint64_t offset, size_t n) {
   std::string s(n, '\0');
-  for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(PatternByte(offset + i));
+  for (uint64_t i = offset; i < offset + n; ++i) s[i - offset] = static_cast<char>((i * 131u) ^ (i >> 12) ^ (i >> 20));
   return s;
 }
 
 inline bool WritePatternFile(const std::string& path, size_t n) { return WriteWholeFile(path, Pattern(0, n)); }
+
+// Writes data at offset into path, leaving a hole before it.
+inline bool WriteAt(const std::string& path, int64_t offset, const std::string& data) {
+  int fd = ::open(path.c_str(), O_CREAT | O_WRONLY, 0644);
+  bool ok = fd >= 0 && ::pwrite(fd, data.data(), data.size(), offset) == static_cast<ssize_t>(data.size());
+  if (fd >= 0) ::close(fd);
+  return ok;
+}
+
+// Turns the error log on into dir's "sdk-log" for its lifetime.
+class ErrorLogCapture {
+ public:
+  explicit ErrorLogCapture(const TempDir& dir) : m_dir(dir) {
+    SetModuleDirectoryOverride(dir.wpath());
+    std::filesystem::create_directories(dir.file("sdk-log/ErrorLog"));
+    SdkSettings.LogFileOn = 1;
+  }
+  ~ErrorLogCapture() {
+    SdkSettings.LogFileOn = 0;
+    SetModuleDirectoryOverride(L"");
+  }
+  // Ends the logging and returns what was logged.
+  std::string Text() const {
+    SdkSettings.LogFileOn = 0;
+    return ReadWholeFile(m_dir.file("sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt"));
+  }
+
+ private:
+  const TempDir& m_dir;
+};
+
+// Some sanitizer runtimes start a helper thread of their own with the first
+// thread of the process; making (and joining) one at load moves that before
+// any count a test takes.
+inline const bool g_bFirstThreadMade = [] {
+  std::thread([] {}).join();
+  return true;
+}();
 
 // Threads of this process right now.
 inline int ThreadCount() {
@@ -30,6 +79,18 @@ inline int ThreadCount() {
     closedir(d);
   }
   return n;
+}
+
+// Waits (up to 2 s) until the process has at most n threads: a joined thread
+// leaves the kernel's list a moment after its join returns. Returns the count
+// seen last.
+inline int ThreadCountSettled(int n) {
+  int count = ThreadCount();
+  for (int i = 0; i < 200 && count > n; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    count = ThreadCount();
+  }
+  return count;
 }
 
 #endif  // QLTFSDK_TESTS_ACCESS_ACCESS_FIXTURE_H
