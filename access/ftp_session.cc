@@ -334,19 +334,24 @@ size_t CFtpSession::OnSend(char* buf, size_t size, size_t n, void* self) {
   return take;
 }
 
-BOOL CFtpSession::OpenRead(const std::wstring& path, ULONGLONG* pSize) {
+bool CFtpSession::PrepareOpen(const std::wstring& path) {
   StopTransfer();
   m_eMode = Mode::kNone;
   m_bAbort.store(false, std::memory_order_relaxed);
   if (!m_pMulti) {
     SetLastError(QLT_ERROR_FTP_CANNOT_CONNECT);
-    return FALSE;
+    return false;
   }
   if (path.empty() || path.back() == L'/' || path.back() == L'\\') {
     SetLastError(ERROR_INVALID_NAME);  // a directory, not a file
-    return FALSE;
+    return false;
   }
   m_strFileUrl = FileUrl(path);
+  return true;
+}
+
+BOOL CFtpSession::OpenRead(const std::wstring& path, ULONGLONG* pSize) {
+  if (!PrepareOpen(path)) return FALSE;
   if (!Start(m_strFileUrl, Mode::kRead, 0, false)) return FALSE;
   // The first bytes (kept in the spill) or the end prove that the file exists.
   Drive([this] { return m_spill.size() > m_nSpillPos; });
@@ -425,18 +430,7 @@ BOOL CFtpSession::Seek(ULONGLONG pos) {
 }
 
 BOOL CFtpSession::OpenWrite(const std::wstring& path) {
-  StopTransfer();
-  m_eMode = Mode::kNone;
-  m_bAbort.store(false, std::memory_order_relaxed);
-  if (!m_pMulti) {
-    SetLastError(QLT_ERROR_FTP_CANNOT_CONNECT);
-    return FALSE;
-  }
-  if (path.empty() || path.back() == L'/' || path.back() == L'\\') {
-    SetLastError(ERROR_INVALID_NAME);  // a directory, not a file
-    return FALSE;
-  }
-  m_strFileUrl = FileUrl(path);
+  if (!PrepareOpen(path)) return FALSE;
   if (!Start(m_strFileUrl, Mode::kWrite, 0, false)) return FALSE;
   // libcurl asks for the first bytes once the server has accepted the upload.
   Drive([this] { return m_bSendAsked; });

@@ -116,6 +116,10 @@ class CFtpSession {
   bool Start(const std::string& url, Mode mode, ULONGLONG offset, bool bNoBody);
   void Finish(CURLcode result);
   void StopTransfer();
+  // Common start of OpenRead and OpenWrite: ends any transfer, refuses a
+  // missing session (12029) or a directory path (ERROR_INVALID_NAME), and
+  // sets m_strFileUrl. False with the last error set.
+  bool PrepareOpen(const std::wstring& path);
   void FailWith(CURLcode result);
   std::string FileUrl(const std::wstring& path) const;
 

@@ -198,10 +198,10 @@ int KxFileTransfer::TransferFile(const wchar_t* pszSource, const wchar_t* pszDes
 
 int KxFileTransfer::Copy(const wchar_t* pszSource, const wchar_t* pszDestination, const Settings& settings) {
   CAutoHandle source(CreateFileW(pszSource, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                FILE_FLAG_NO_BUFFERING | FILE_ATTRIBUTE_NORMAL, nullptr));
+                                 FILE_FLAG_NO_BUFFERING | FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!source.IsValid()) return 0;
   CAutoHandle destination(CreateFileW(pszDestination, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                     CREATE_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr));
+                                      CREATE_ALWAYS, FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!destination.IsValid()) return 0;
 
   AlignedBuffer buffer;

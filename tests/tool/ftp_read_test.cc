@@ -23,8 +23,8 @@ class FtpReadCommandTest : public ::testing::Test {
   FtpReadCommandTest() : m_server(m_root.path()) {}
   // Runs qltfs read with the arguments and extra environment; returns the exit code.
   int Run(const std::string& args, const std::string& env = "") {
-    std::string line = env + " " + QLTFS_TOOL_PATH + " read " + args + " >" + m_dir.file("out.txt") + " 2>" +
-                       m_dir.file("err.txt");
+    std::string line =
+        env + " " + QLTFS_TOOL_PATH + " read " + args + " >" + m_dir.file("out.txt") + " 2>" + m_dir.file("err.txt");
     int status = std::system(("/bin/bash -c '" + line + "'").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
