@@ -228,18 +228,18 @@ bool KxFileEx::ApplyBlockSize(const CComBSTR& strName) {
   }
   int64_t nNeeded = static_cast<int64_t>(nBlock) + kStagingSlack;
   if (nNeeded > m_nStagingCapacity) {
-    // Staged bytes of an earlier file (none after a close) move along.
     BYTE* p = new (std::nothrow) BYTE[static_cast<size_t>(nNeeded)];
     if (!p) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       return false;
     }
-    if (m_nStaged > 0) std::memcpy(p, m_pStaging, static_cast<size_t>(m_nStaged));
     delete[] m_pStaging;
     m_pStaging = p;
     m_nStagingCapacity = nNeeded;
   }
   m_nBlockSize = nBlock;
+  // Bytes staged for a file that was never closed belong to no file now.
+  m_nStaged = 0;
   return true;
 }
 
