@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "diagnostics/sdk_settings.h"
 #include "platform/platform.h"
 #include "qltfsdk/qltfsdk.h"
@@ -52,20 +53,6 @@ fs::path BenchDir() {
 }
 
 CComBSTR Wide(const fs::path& p) { return CComBSTR(QltWindowsPath(p.string()).c_str()); }
-
-void MakeFile(const fs::path& path, long long nBytes) {
-  int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
-  std::vector<char> chunk(kMiB);
-  unsigned x = 7;
-  for (char& c : chunk) {
-    x = x * 1103515245u + 12345u;
-    c = static_cast<char>(x >> 16);
-  }
-  for (long long left = nBytes; left > 0; left -= kMiB)
-    if (::write(fd, chunk.data(), static_cast<size_t>(std::min<long long>(left, kMiB))) < 0) break;
-  ::fsync(fd);
-  ::close(fd);
-}
 
 void Evict(const fs::path& path) {
   int fd = ::open(path.c_str(), O_RDONLY);
@@ -205,7 +192,7 @@ int main() {
   if (const char* mb = std::getenv("QLTFS_ACCESS_BENCH_MB")) g_nBytes = std::max(16LL, std::atoll(mb)) << 20;
   g_dir = BenchDir();
   g_file = g_dir / "bench-access.dat";
-  MakeFile(g_file, g_nBytes);
+  MakePatternFile(g_file.string(), g_nBytes);
   SdkSettings.ReadMode = 0;  // the local back-end reads through the page cache
   bool pass = true;
   std::printf("file: %s, %lld MiB\n", g_file.c_str(), g_nBytes >> 20);
@@ -248,7 +235,7 @@ int main() {
   if (wanted("write")) {
     std::printf("\nwrites of 512 KiB to an existing file\n");
     const fs::path out = g_dir / "bench-access-out.dat";
-    MakeFile(out, kMiB);
+    MakePatternFile(out.string(), kMiB);
     auto settle = [&out] {
       std::system("sync");
       Evict(out);

@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "access/kx_file_access_ftp.h"
+#include "bench/bench_files.h"
 #include "tests/support/ftp_server.h"
 
 extern char** environ;
@@ -48,19 +49,6 @@ constexpr int kMiB = 1 << 20;
 long long EnvNumber(const char* name, long long fallback) {
   const char* v = std::getenv(name);
   return v && *v ? std::atoll(v) : fallback;
-}
-
-void MakeFile(const fs::path& path, long long nBytes) {
-  int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
-  std::vector<char> chunk(kMiB);
-  unsigned x = 7;
-  for (char& c : chunk) {
-    x = x * 1103515245u + 12345u;
-    c = static_cast<char>(x >> 16);
-  }
-  for (long long left = nBytes; left > 0; left -= kMiB)
-    if (::write(fd, chunk.data(), static_cast<size_t>(std::min<long long>(left, kMiB))) < 0) break;
-  ::close(fd);
 }
 
 // CPU seconds (user + system) a process has used so far.
@@ -174,10 +162,11 @@ int main() {
   const fs::path root = dir / "root";
   fs::remove_all(dir);
   fs::create_directories(root);
-  MakeFile(root / "src.bin", nBytes);
-  MakeFile(dir / "up.bin", nBytes);
+  MakePatternFile((root / "src.bin").string(), nBytes);
+  MakePatternFile((dir / "up.bin").string(), nBytes);
   // Uploads overwrite files of the final size, so no side pays for growing one.
-  for (const char* name : {"up_curl.bin", "up_sync.bin", "up_async.bin"}) MakeFile(root / name, nBytes);
+  for (const char* name : {"up_curl.bin", "up_sync.bin", "up_async.bin"})
+    MakePatternFile((root / name).string(), nBytes);
   ::chmod(root.c_str(), 0777);
 
   FtpTestServer server(root.string());

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "bench/ratio_reporter.h"
 #include "platform/platform.h"
 
@@ -35,15 +36,6 @@ const std::string& Prepare() {
     if (::write(fd, block.data(), kBlock) != static_cast<ssize_t>(kBlock)) std::abort();
   ::close(fd);
   return path;
-}
-
-// Writes back the file's dirty pages so that the next pass starts clean.
-void Settle(benchmark::State& state, const std::string& path) {
-  state.PauseTiming();
-  int fd = ::open(path.c_str(), O_WRONLY);
-  ::fdatasync(fd);
-  ::close(fd);
-  state.ResumeTiming();
 }
 
 void BM_PlatformWriteFile(benchmark::State& state) {

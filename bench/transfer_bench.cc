@@ -17,10 +17,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "platform/platform.h"
 #include "qltfsdk/qltfsdk.h"
 
@@ -37,19 +37,6 @@ fs::path BenchDir() {
   fs::path dir = fs::absolute((d && *d) ? d : "build");
   fs::create_directories(dir);
   return dir;
-}
-
-// A file of nBytes pseudo-random bytes.
-void MakeFile(const fs::path& path, long long nBytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  std::vector<char> chunk(1 << 20);
-  unsigned x = 7;
-  for (char& c : chunk) {
-    x = x * 1103515245u + 12345u;
-    c = static_cast<char>(x >> 16);
-  }
-  for (long long left = nBytes; left > 0; left -= static_cast<long long>(chunk.size()))
-    out.write(chunk.data(), static_cast<std::streamsize>(std::min<long long>(left, chunk.size())));
 }
 
 // Achieved rate of one transfer in bits per second (its own result).
@@ -90,7 +77,7 @@ int main() {
     // Whole blocks: the tail after the last block is copied without pacing,
     // which would lift a few-second file above its limit by tail / size.
     long long nBytes = static_cast<long long>(nLimit / 8 * kPacedSeconds) / 65536 * 65536;
-    MakeFile(src, nBytes);
+    MakePatternFile(src.string(), nBytes);
     double dRate = RunTransfer(src, dst, nLimit);
     double dRatio = dRate / nLimit;
     bool bOk = dRatio >= 0.97 && dRatio < 1.005;
@@ -101,7 +88,7 @@ int main() {
   }
 
   const int nFastLimit = 2000000000;
-  MakeFile(src, kFastFileBytes);
+  MakePatternFile(src.string(), kFastFileBytes);
   std::vector<double> transfer, dd;
   for (int i = 0; i < kFastRepetitions; ++i) {
     transfer.push_back(RunTransfer(src, dst, nFastLimit));

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_files.h"
 #include "bench/ratio_reporter.h"
 #include "qltfsdk/qltfsdk.h"
 
@@ -49,14 +50,6 @@ const std::string& Prepare() {
   ::fdatasync(fd);
   ::close(fd);
   return path;
-}
-
-void Settle(benchmark::State& state, const std::string& path) {
-  state.PauseTiming();
-  int fd = ::open(path.c_str(), O_WRONLY);
-  ::fdatasync(fd);
-  ::close(fd);
-  state.ResumeTiming();
 }
 
 // Writes one pass through QLCT_FileEx in host writes of nSlice bytes.
