@@ -5,17 +5,26 @@
 // 5 repetitions by default, and the medians are compared: goal >= 0.9x curl
 // both ways. Both sides use active data connections, the back-end's default.
 //
-// The server is the Python test server (tests/support/ftp_server.py); its CPU
-// share (CPU seconds / wall seconds) is printed beside each figure, because
-// near 100% the server, not the client, would set the pace (it serves
-// downloads with sendfile and stays far below that here).
+// The servers: the Python test server (tests/support/ftp_server.py), and
+// then vsftpd (when /usr/sbin/vsftpd is installed, see scripts/setup),
+// started here on 127.0.0.1 on a free port with anonymous access to a
+// temporary folder; it dies with this process. The server's CPU share (CPU
+// seconds of the server and its children / wall seconds) is printed beside
+// each figure: the machine has two cores, so a server near 100% takes one
+// of them from the client.
 //
 // Environment: QLTFS_FTP_BENCH_MB (file size, default 512), QLTFS_FTP_BENCH_REPS
 // (default 5), QLTFS_FTP_BENCH_BLOCK (host read size, default 1 MiB),
+// QLTFS_FTP_BENCH_SERVER (pyftpdlib or vsftpd: only that server),
 // QLTFS_BENCH_DIR (folder, default "build"). Exits non-zero when a goal is
 // missed. The machine's other load shows in the figures: run it idle.
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -51,39 +60,64 @@ long long EnvNumber(const char* name, long long fallback) {
   return v && *v ? std::atoll(v) : fallback;
 }
 
-// CPU seconds (user + system) a process has used so far.
+// The text of /proc/<pid>/stat; empty when the process has gone (a session
+// process of vsftpd may end while it is read).
+std::string ProcStat(const std::string& pid) {
+  try {
+    std::ifstream in("/proc/" + pid + "/stat");
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  } catch (...) {
+    return {};
+  }
+}
+
+// CPU seconds (user + system) a process and its reaped children have used
+// so far.
 double CpuSeconds(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string text = ProcStat(std::to_string(pid));
   size_t close = text.rfind(')');
   if (close == std::string::npos) return 0;
   std::istringstream fields(text.substr(close + 2));
   std::string f;
-  unsigned long long utime = 0, stime = 0;
-  for (int i = 3; i <= 15 && fields >> f; ++i) {
-    if (i == 14) utime = std::stoull(f);
-    if (i == 15) stime = std::stoull(f);
-  }
-  return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  unsigned long long ticks = 0;
+  for (int i = 3; i <= 17 && fields >> f; ++i)
+    if (i >= 14) ticks += std::stoull(f);  // utime, stime, cutime, cstime
+  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-// CPU seconds of pid and all its descendants that are still running.
+// CPU seconds of pid and all its descendants (vsftpd runs two processes per
+// session under its listener).
 double TreeCpuSeconds(pid_t pid) {
   double total = CpuSeconds(pid);
   for (const auto& entry : fs::directory_iterator("/proc")) {
     std::string name = entry.path().filename().string();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream in(entry.path() / "stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string text = ProcStat(name);
     size_t close = text.rfind(')');
     if (close == std::string::npos) continue;
     std::istringstream fields(text.substr(close + 2));
     std::string state;
     pid_t ppid = 0;
     fields >> state >> ppid;
-    if (ppid == pid) total += CpuSeconds(static_cast<pid_t>(std::stoi(name)));
+    if (ppid == pid) total += TreeCpuSeconds(static_cast<pid_t>(std::stoi(name)));
   }
   return total;
+}
+
+bool HasChildren(pid_t pid) {
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    std::string name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string text = ProcStat(name);
+    size_t close = text.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream fields(text.substr(close + 2));
+    std::string state;
+    pid_t ppid = 0;
+    fields >> state >> ppid;
+    if (ppid == pid) return true;
+  }
+  return false;
 }
 
 int RunCommand(const std::vector<std::string>& argv) {
@@ -98,13 +132,87 @@ int RunCommand(const std::vector<std::string>& argv) {
 }
 
 struct Server {
+  std::string name;
   std::string host = "127.0.0.1";
   int port = 0;
   std::string user, password;
   pid_t pid = -1;
+  std::string upDir;  // folder of the upload targets, relative to the login directory ("" or "up/")
   std::string Url(const std::string& path) const {
     return "ftp://" + user + ":" + password + "@" + host + ":" + std::to_string(port) + "/" + path;
   }
+};
+
+// A free loopback port (bound, then released for the server to take).
+int FreeLoopbackPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+    port = ntohs(a.sin_port);
+  ::close(fd);
+  return port;
+}
+
+bool Listening(int port) {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  ::close(fd);
+  return ok;
+}
+
+// vsftpd on 127.0.0.1, anonymous login (any password) into root, which must
+// not be writable by others (vsftpd refuses a writable anonymous root);
+// uploads go to root/up. The server is killed by the destructor, and by the
+// kernel when this process ends first.
+class Vsftpd {
+ public:
+  static constexpr const char* kBinary = "/usr/sbin/vsftpd";
+
+  Vsftpd(const fs::path& dir, const fs::path& root) {
+    m_nPort = FreeLoopbackPort();
+    fs::path conf = dir / "vsftpd.conf";
+    std::ofstream(conf) << "listen=YES\nlisten_ipv6=NO\nlisten_address=127.0.0.1\nlisten_port=" << m_nPort
+                        << "\nbackground=NO\nanonymous_enable=YES\nlocal_enable=NO\nno_anon_password=YES\n"
+                        << "anon_root=" << root.string()
+                        << "\nwrite_enable=YES\nanon_upload_enable=YES\nanon_other_write_enable=YES\n"
+                        << "anon_umask=022\nseccomp_sandbox=NO\nisolate=NO\nisolate_network=NO\n"
+                        << "connect_from_port_20=NO\nxferlog_enable=NO\n"
+                        << "secure_chroot_dir=/var/run/vsftpd/empty\npam_service_name=vsftpd\n";
+    pid_t parent = getpid();
+    m_pid = fork();
+    if (m_pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(1);
+      execl(kBinary, "vsftpd", conf.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    for (int i = 0; i < 100 && m_pid > 0 && !Listening(m_nPort); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ~Vsftpd() {
+    if (m_pid > 0) {
+      ::kill(m_pid, SIGTERM);
+      ::waitpid(m_pid, nullptr, 0);
+    }
+  }
+  Vsftpd(const Vsftpd&) = delete;
+  Vsftpd& operator=(const Vsftpd&) = delete;
+  bool Ok() const { return m_pid > 0 && Listening(m_nPort); }
+  int port() const { return m_nPort; }
+  pid_t pid() const { return m_pid; }
+
+ private:
+  int m_nPort = 0;
+  pid_t m_pid = -1;
 };
 
 bool AccessorDownload(const Server& s, bool async, long long nBytes) {
@@ -152,6 +260,73 @@ double Median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
+// Runs the download and upload variants against one server, prints the
+// medians, the server's CPU share and the ratios, and returns whether every
+// goal was met.
+bool RunSuite(const Server& s, const fs::path& up, long long nBytes, int reps) {
+  std::printf("\n%s on 127.0.0.1:%d, %lld MiB, %d repetitions\n", s.name.c_str(), s.port, nBytes / kMiB, reps);
+  std::fflush(stdout);
+  std::vector<Variant> down = {
+      {"download curl",
+       [&] {
+         return RunCommand({"curl", "-s", "-S", "-P", "-", "-o", "/dev/null", s.Url("src.bin")}) == 0;
+       }},
+      {"download sync", [&] { return AccessorDownload(s, false, nBytes); }},
+      {"download async", [&] { return AccessorDownload(s, true, nBytes); }},
+  };
+  std::vector<Variant> upl = {
+      {"upload curl",
+       [&] {
+         return RunCommand({"curl", "-s", "-S", "-P", "-", "-T", up.string(), s.Url(s.upDir + "up_curl.bin")}) == 0;
+       }},
+      {"upload sync", [&] { return AccessorUpload(s, false, up, s.upDir + "up_sync.bin"); }},
+      {"upload async", [&] { return AccessorUpload(s, true, up, s.upDir + "up_async.bin"); }},
+  };
+
+  bool allOk = true;
+  for (std::vector<Variant>* group : {&down, &upl}) {
+    for (int r = 0; r < reps; ++r) {
+      for (size_t k = 0; k < group->size(); ++k) {
+        Variant& v = (*group)[(k + static_cast<size_t>(r)) % group->size()];  // rotate the order
+        double cpu0 = TreeCpuSeconds(s.pid);
+        Clock::time_point t0 = Clock::now();
+        bool ok = v.run();
+        double secs = std::chrono::duration<double>(Clock::now() - t0).count();
+        // A vsftpd session's processes end and are reaped by the listener
+        // (which then counts their time) shortly after the transfer.
+        for (int i = 0; i < 100 && HasChildren(s.pid); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        double cpu = TreeCpuSeconds(s.pid) - cpu0;
+        if (!ok) {
+          std::printf("  %s failed\n", v.name.c_str());
+          allOk = false;
+          continue;
+        }
+        v.rates.push_back(static_cast<double>(nBytes) / kMiB / secs);
+        v.cpuShares.push_back(cpu / secs);
+      }
+    }
+  }
+  std::printf("%-16s %12s %12s %12s\n", "variant", "MiB/s (med)", "(min-max)", "server CPU");
+  for (std::vector<Variant>* group : {&down, &upl})
+    for (const Variant& v : *group) {
+      auto [lo, hi] = std::minmax_element(v.rates.begin(), v.rates.end());
+      std::printf("%-16s %12.1f %5.0f-%-6.0f %11.0f%%\n", v.name.c_str(), Median(v.rates), v.rates.empty() ? 0.0 : *lo,
+                  v.rates.empty() ? 0.0 : *hi, 100 * Median(v.cpuShares));
+    }
+  bool met = allOk;
+  for (std::vector<Variant>* group : {&down, &upl}) {
+    double base = Median((*group)[0].rates);
+    for (size_t k = 1; k < group->size(); ++k) {
+      double ratio = base > 0 ? Median((*group)[k].rates) / base : 0;
+      std::printf("ratio %-40s %.3f  (goal >= 0.90) %s\n", (s.name + " " + (*group)[k].name + " / curl").c_str(), ratio,
+                  ratio >= 0.9 ? "met" : "NOT MET");
+      met = met && ratio >= 0.9;
+    }
+  }
+  std::fflush(stdout);
+  return met;
+}
+
 }  // namespace
 
 int main() {
@@ -168,67 +343,50 @@ int main() {
   for (const char* name : {"up_curl.bin", "up_sync.bin", "up_async.bin"})
     MakePatternFile((root / name).string(), nBytes);
   ::chmod(root.c_str(), 0777);
+  const fs::path up = dir / "up.bin";
+  std::printf("FTP bench: %lld MiB, %d repetitions\n", nBytes / kMiB, reps);
 
-  FtpTestServer server(root.string());
-  Server s;
-  s.port = server.port();
-  s.pid = server.pid();
-  s.user = FtpTestServer::user();
-  s.password = FtpTestServer::password();
-  std::printf("FTP bench: %lld MiB, %d repetitions, pyftpdlib on 127.0.0.1:%d\n", nBytes / kMiB, reps, s.port);
-
-  const std::string up = (dir / "up.bin").string();
-  std::vector<Variant> down = {
-      {"download curl",
-       [&] {
-         return RunCommand({"curl", "-s", "-S", "-P", "-", "-o", "/dev/null", s.Url("src.bin")}) == 0;
-       }},
-      {"download sync", [&] { return AccessorDownload(s, false, nBytes); }},
-      {"download async", [&] { return AccessorDownload(s, true, nBytes); }},
-  };
-  std::vector<Variant> upl = {
-      {"upload curl",
-       [&] {
-         return RunCommand({"curl", "-s", "-S", "-P", "-", "-T", up, s.Url("up_curl.bin")}) == 0;
-       }},
-      {"upload sync", [&] { return AccessorUpload(s, false, up, "up_sync.bin"); }},
-      {"upload async", [&] { return AccessorUpload(s, true, up, "up_async.bin"); }},
-  };
-
-  bool allOk = true;
-  for (std::vector<Variant>* group : {&down, &upl}) {
-    for (int r = 0; r < reps; ++r) {
-      for (size_t k = 0; k < group->size(); ++k) {
-        Variant& v = (*group)[(k + static_cast<size_t>(r)) % group->size()];  // rotate the order
-        double cpu0 = TreeCpuSeconds(s.pid);
-        Clock::time_point t0 = Clock::now();
-        bool ok = v.run();
-        double secs = std::chrono::duration<double>(Clock::now() - t0).count();
-        double cpu = TreeCpuSeconds(s.pid) - cpu0;
-        if (!ok) {
-          std::printf("  %s failed\n", v.name.c_str());
-          allOk = false;
-          continue;
-        }
-        v.rates.push_back(static_cast<double>(nBytes) / kMiB / secs);
-        v.cpuShares.push_back(cpu / secs);
-      }
-    }
+  const char* only = std::getenv("QLTFS_FTP_BENCH_SERVER");
+  auto wanted = [only](const char* name) { return !only || !*only || std::string(only) == name; };
+  bool met = true;
+  if (wanted("pyftpdlib")) {
+    FtpTestServer server(root.string());
+    Server s;
+    s.name = "pyftpdlib";
+    s.port = server.port();
+    s.pid = server.pid();
+    s.user = FtpTestServer::user();
+    s.password = FtpTestServer::password();
+    met &= RunSuite(s, up, nBytes, reps);
   }
-  std::printf("\n%-16s %12s %12s\n", "variant", "MiB/s (med)", "server CPU");
-  for (std::vector<Variant>* group : {&down, &upl})
-    for (const Variant& v : *group)
-      std::printf("%-16s %12.1f %11.0f%%\n", v.name.c_str(), Median(v.rates), 100 * Median(v.cpuShares));
-  std::printf("\n");
-  bool met = allOk;
-  for (std::vector<Variant>* group : {&down, &upl}) {
-    double base = Median((*group)[0].rates);
-    for (size_t k = 1; k < group->size(); ++k) {
-      double ratio = base > 0 ? Median((*group)[k].rates) / base : 0;
-      std::printf("ratio %-32s %.3f  (goal >= 0.90) %s\n", ((*group)[k].name + " / curl").c_str(), ratio,
-                  ratio >= 0.9 ? "met" : "NOT MET");
-      met = met && ratio >= 0.9;
+
+  if (!wanted("vsftpd")) {
+  } else if (::access(Vsftpd::kBinary, X_OK) == 0) {
+    // The anonymous root must not be writable; its upload folder must be.
+    const fs::path vroot = dir / "vsroot";
+    fs::create_directories(vroot / "up");
+    fs::create_hard_link(root / "src.bin", vroot / "src.bin");
+    for (const char* name : {"up_curl.bin", "up_sync.bin", "up_async.bin"}) {
+      fs::rename(root / name, vroot / "up" / name);
+      ::chmod((vroot / "up" / name).c_str(), 0666);
     }
+    ::chmod(vroot.c_str(), 0755);
+    ::chmod((vroot / "up").c_str(), 0777);
+    Vsftpd server(dir, vroot);
+    if (server.Ok()) {
+      Server s;
+      s.name = "vsftpd";
+      s.port = server.port();
+      s.pid = server.pid();
+      s.user = "anonymous";
+      s.password = "bench";
+      s.upDir = "up/";
+      met &= RunSuite(s, up, nBytes, reps);
+    } else {
+      std::printf("\nvsftpd did not start; its comparison is skipped\n");
+    }
+  } else {
+    std::printf("\n%s is not installed (scripts/setup installs it); its comparison is skipped\n", Vsftpd::kBinary);
   }
   fs::remove_all(dir);
   return met ? 0 : 1;
