@@ -3,6 +3,7 @@
 #include "fifo/data_fifo_man.h"
 
 #include <algorithm>
+#include <climits>
 #include <memory>
 #include <new>
 
@@ -156,16 +157,28 @@ void CDataFifoMan::StopFifo() {
   m_nDiskState.store(0);
 }
 
-bool CDataFifoMan::WriteRecordToRing(const void* pPayload, LONG nLen) {
+bool CDataFifoMan::WriteRecordToRing(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
+  LONG nTotal = nLen + nRest;
   LONG nHead = 4;
-  m_pMemoryPool->WriteData(&nLen, nHead);  // native little-endian length
+  m_pMemoryPool->WriteData(&nTotal, nHead);  // native little-endian length
   if (!m_bRunning.load() || nHead != 4) return false;
   LONG nBody = nLen;
   m_pMemoryPool->WriteData(pPayload, nBody);
-  return m_bRunning.load() && nBody == nLen;
+  if (!m_bRunning.load() || nBody != nLen) return false;
+  if (nRest == 0) return true;
+  nBody = nRest;
+  m_pMemoryPool->WriteData(pRest, nBody);
+  return m_bRunning.load() && nBody == nRest;
 }
 
-BOOL CDataFifoMan::WriteBuffer(const void* pPayload, LONG nLen) {
+BOOL CDataFifoMan::WriteBuffer(const void* pPayload, LONG nLen) { return Write(pPayload, nLen, nullptr, 0); }
+
+BOOL CDataFifoMan::WriteBufferPieces(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
+  if (!pPayload || nRest < 0 || (nRest > 0 && !pRest) || nLen > LONG_MAX - nRest) return FALSE;
+  return Write(pPayload, nLen, pRest, nRest);
+}
+
+BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
   if (pPayload && nLen < 0) return FALSE;
   // Announce this producer before testing m_bRunning (see its comment).
   m_nProducersInside.fetch_add(1);
@@ -181,12 +194,13 @@ BOOL CDataFifoMan::WriteBuffer(const void* pPayload, LONG nLen) {
     MarkEndIfDrainedLocked();
     return TRUE;
   }
-  if (static_cast<DWORD>(nLen) > GetRingCapacity()) return FALSE;  // could never fit
+  if (static_cast<DWORD>(nLen) + static_cast<DWORD>(nRest) > GetRingCapacity()) return FALSE;  // could never fit
 
   if (m_nBufferingMode.load(std::memory_order_relaxed) == 0 && m_nDiskState.load(std::memory_order_acquire) == 0) {
-    WriteRecordToRing(pPayload, nLen);
+    WriteRecordToRing(pPayload, nLen, pRest, nRest);
     return TRUE;
   }
+  if (nRest > 0) return FALSE;  // the disk paths take one piece
   try {
     if (m_nDiskState.load(std::memory_order_acquire) == 0) {
       WriteMemoryFirst(pPayload, nLen);
@@ -209,13 +223,17 @@ BOOL CDataFifoMan::TryWriteBuffer(const void* pPayload, LONG nLen) {
     std::atomic<int>& n;
     ~Leave() { n.fetch_sub(1); }
   } leave{m_nProducersInside};
-  if (!m_bRunning.load() || m_nBufferingMode.load(std::memory_order_relaxed) != 0 ||
-      m_nDiskState.load(std::memory_order_acquire) != 0)
-    return FALSE;
   // The caller is the ring's only writer now, so the free space can only
   // grow between the test and the write: the write cannot wait.
-  if (m_pMemoryPool->FreeSpace() - 4 < nLen) return FALSE;
+  if (RecordRoomNow() < nLen) return FALSE;
   return WriteRecordToRing(pPayload, nLen) ? TRUE : FALSE;
+}
+
+LONG CDataFifoMan::RecordRoomNow() {
+  if (!m_bRunning.load() || m_nBufferingMode.load(std::memory_order_relaxed) != 0 ||
+      m_nDiskState.load(std::memory_order_acquire) != 0)
+    return -1;
+  return m_pMemoryPool->FreeSpace() - 4;
 }
 
 void CDataFifoMan::WriteMemoryFirst(const void* pPayload, LONG nLen) {
@@ -279,6 +297,10 @@ BOOL CDataFifoMan::ReadBuffer(void* pDst, LONG& nLen) {
     nLen = -1;
     return FALSE;
   }
+  return ReadRecord(nLen, &CRingStream::CopyPieces, pDst);
+}
+
+BOOL CDataFifoMan::ReadRecord(LONG& nLen, CRingStream::PieceVisitor pVisit, void* pContext) {
   CAutoLock lockRead(&m_csRead);
   if (!m_bRunning.load()) {
     nLen = -1;
@@ -304,8 +326,13 @@ BOOL CDataFifoMan::ReadBuffer(void* pDst, LONG& nLen) {
   } else {
     nResult = nStored;
     if (nStored > 0) {
+      // The payload is shown only when it is there whole: a stop can cut a
+      // record short, and half a record must not reach the consumer.
+      const DWORD nWant = static_cast<DWORD>(nStored);
       LONG nBody = nStored;
-      m_pMemoryPool->ReadData(pDst, nBody);
+      m_pMemoryPool->ReadInPlace(nBody, [=](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+        if (n1 + n2 == nWant) pVisit(pContext, p1, n1, p2, n2);
+      });
       if (!m_bRunning.load() || nBody != nStored) nResult = -1;  // stopped mid-record
     }
   }

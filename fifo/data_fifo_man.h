@@ -28,6 +28,7 @@
 #include <atomic>
 #include <deque>
 #include <string>
+#include <type_traits>
 
 #include "fifo/fifo_disk_file.h"
 #include "fifo/ring_stream.h"
@@ -88,12 +89,38 @@ class CDataFifoMan {
   // when queued, 0 otherwise (nothing written). Same caller as WriteBuffer;
   // the two are never called at once.
   BOOL TryWriteBuffer(const void* pPayload, LONG nLen);
+  // The longest payload that WriteBuffer would now put into the memory ring
+  // without waiting (mode 0, disk state 0); -1 when none would go there.
+  // Since the producer is the ring's only writer in that state, the room
+  // only grows until it writes. Producer thread.
+  LONG RecordRoomNow();
+  // Queues one record whose payload is given in two pieces (nLen bytes at
+  // pPayload, then nRest at pRest), as WriteBuffer queues one piece. Never
+  // the end of data: a null pPayload gives 0. The pieces go to the memory
+  // ring only: while records are going to disk (mode 1) with nRest above 0
+  // it returns 0 and queues nothing. Same caller as WriteBuffer.
+  BOOL WriteBufferPieces(const void* pPayload, LONG nLen, const void* pRest, LONG nRest);
   // Takes the next record into pDst, which must hold the longest record the
   // producer writes; waits until one is there. Returns 1 with the outcome in
   // nLen: L >= 0 a record of L bytes, -1 the end of the data or a stopped
   // manager, -2 a stored length below -1. A null pDst returns 0 with
   // nLen = -1 and consumes nothing. Consumer thread.
   BOOL ReadBuffer(void* pDst, LONG& nLen);
+  // Like ReadBuffer, but shows the record's payload to
+  // visit(p1, n1, p2, n2) where it lies in the memory ring (two pieces when
+  // it wraps; n2 is 0 otherwise) instead of copying it out; the record is
+  // consumed when visit returns. visit runs only for a record of at least
+  // one byte, without the ring's lock; if it throws, the record stays
+  // unread. Consumer thread.
+  template <class Visit>
+  BOOL ReadBufferInPlace(LONG& nLen, Visit&& visit) {
+    return ReadRecord(
+        nLen,
+        [](void* pVisit, const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+          (*static_cast<std::remove_reference_t<Visit>*>(pVisit))(p1, n1, p2, n2);
+        },
+        &visit);
+  }
 
   // True while the consumer waits in ReadBuffer for bytes that are not in
   // the memory ring yet (a hint for tests and diagnostics). Any thread
@@ -107,12 +134,17 @@ class CDataFifoMan {
 
  private:
   BOOL StartRun();  // StartFifo without the exception guard
+  // The one read path behind ReadBuffer and ReadBufferInPlace.
+  BOOL ReadRecord(LONG& nLen, CRingStream::PieceVisitor pVisit, void* pContext);
   BOOL SetDiskPathOrThrow(const std::wstring& strFolder);
   // Creates the work event and starts the mover (controlling thread).
   BOOL StartMover();
   void MoverLoop();
-  // Writes one whole record into the ring; false when StopFifo cut it short.
-  bool WriteRecordToRing(const void* pPayload, LONG nLen);
+  // WriteBuffer and WriteBufferPieces (nRest is 0 for one piece).
+  BOOL Write(const void* pPayload, LONG nLen, const void* pRest, LONG nRest);
+  // Writes one whole record, its payload in one or two pieces, into the
+  // ring; false when StopFifo cut it short.
+  bool WriteRecordToRing(const void* pPayload, LONG nLen, const void* pRest = nullptr, LONG nRest = 0);
   void WriteMemoryFirst(const void* pPayload, LONG nLen);
   void WriteToDisk(const void* pPayload, LONG nLen);
   CFifoDiskFile* OpenNewDiskFile();

@@ -153,6 +153,20 @@ void KxDataFifoPool::CacheLoop() {
       continue;
     }
     if (m_cacheThread.StopRequested() || nHead != 4 || nLen < 0) break;
+    if (nLen > 0 && m_fifoMan.RecordRoomNow() >= nLen) {
+      // Room in the memory ring: the record goes across from where it lies
+      // in the write cache, one copy instead of two. (Only while the ring
+      // is full does a record wait in the staging buffer.)
+      CAutoLock lock(&m_csForward);
+      LONG nBody = nLen;
+      m_pWriteCache->ReadInPlace(nBody, [&](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+        if (n1 + n2 == static_cast<DWORD>(nLen))
+          m_fifoMan.WriteBufferPieces(p1, static_cast<LONG>(n1), p2, static_cast<LONG>(n2));
+      });
+      if (nBody != nLen || m_cacheThread.StopRequested()) break;
+      m_nQueued.fetch_sub(1);
+      continue;
+    }
     if (static_cast<DWORD>(nLen) > m_nStagingSize) {
       BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
       if (!pBigger) {

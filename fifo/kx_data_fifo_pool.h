@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <string>
+#include <utility>
 
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_stream.h"
@@ -66,6 +67,13 @@ class KxDataFifoPool {
   // corrupt stored length. A null pData gives 0 and nLen = -1, consuming
   // nothing. Consumer thread.
   LONG ReadBuffer(void* pData, LONG& nLen);
+  // Like ReadBuffer, but shows the payload where it lies in the memory ring
+  // (see CDataFifoMan::ReadBufferInPlace) instead of copying it. Consumer
+  // thread.
+  template <class Visit>
+  LONG ReadBufferInPlace(LONG& nLen, Visit&& visit) {
+    return m_fifoMan.ReadBufferInPlace(nLen, std::forward<Visit>(visit));
+  }
   // Stops the pool, discarding whatever is still queued, and frees both
   // rings. Releases a producer or consumer that waits. 1.
   LONG StopFifo();

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <new>
 
+#include "fifo/ring_memory.h"
+
 namespace {
 
 // An auto-reset event, or null when the platform cannot make one (InitStream
@@ -36,8 +38,10 @@ CRingStream::~CRingStream() { DeleteCriticalSection(&m_csStream); }
 HRESULT CRingStream::InitStream(DWORD nSize) {
   if (nSize > kMaxCapacity) return E_INVALIDARG;  // refused before anything changes
   if (!m_hDataWritten || !m_hSpaceFreed || !m_hEndMarked || !m_hStopWriting) return E_FAIL;  // no waits possible
-  delete[] m_pBuffer;
-  m_pBuffer = new (std::nothrow) BYTE[nSize == 0 ? 1 : nSize];
+  qlt::fifo::FreeRingMemory(m_pBuffer, m_nBufferSize);
+  m_pBuffer = nullptr;
+  m_nBufferSize = 0;
+  m_pBuffer = qlt::fifo::AllocRingMemory(nSize);
   if (!m_pBuffer) {
     OutputDebugStringW(L"InitStream ：内存不够 \n");
     return E_FAIL;
@@ -71,16 +75,6 @@ void CRingStream::CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen) {
     std::memcpy(m_pBuffer, pSrc + nFirst, nLen - nFirst);
   } else {
     std::memcpy(m_pBuffer + nPos, pSrc, nLen);
-  }
-}
-
-void CRingStream::CopyOut(DWORD nPos, BYTE* pDst, DWORD nLen) const {
-  DWORD nFirst = m_nBufferSize - nPos;
-  if (nLen > nFirst) {
-    std::memcpy(pDst, m_pBuffer + nPos, nFirst);
-    std::memcpy(pDst + nFirst, m_pBuffer, nLen - nFirst);
-  } else {
-    std::memcpy(pDst, m_pBuffer + nPos, nLen);
   }
 }
 
@@ -144,6 +138,20 @@ bool CRingStream::ReadData(void* pDst, LONG& nLen, bool bDiscard) {
     nLen = 0;
     return false;
   }
+  return ReadPieces(nLen, bDiscard ? nullptr : &CopyPieces, pDst);
+}
+
+void CRingStream::CopyPieces(void* pContext, const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+  BYTE* pOut = static_cast<BYTE*>(pContext);
+  std::memcpy(pOut, p1, n1);
+  if (n2 > 0) std::memcpy(pOut + n1, p2, n2);
+}
+
+bool CRingStream::ReadPieces(LONG& nLen, PieceVisitor pVisit, void* pContext) {
+  if (nLen < 0) {
+    nLen = 0;
+    return false;
+  }
   // Ended for this reader: the end is marked and no write is in flight, so
   // nothing can be added any more.
   auto bEnded = [this] { return (m_byState & (RS_END_OF_STREAM | RS_WRITING)) == RS_END_OF_STREAM; };
@@ -171,7 +179,11 @@ bool CRingStream::ReadData(void* pDst, LONG& nLen, bool bDiscard) {
   LeaveCriticalSection(&m_csStream);
 
   // The region after nPos holds data that only this consumer reads.
-  if (nLen > 0 && !bDiscard) CopyOut(nPos, static_cast<BYTE*>(pDst), static_cast<DWORD>(nLen));
+  if (nLen > 0 && pVisit) {
+    const DWORD nWant = static_cast<DWORD>(nLen);
+    const DWORD nFirst = m_nBufferSize - nPos < nWant ? m_nBufferSize - nPos : nWant;
+    pVisit(pContext, m_pBuffer + nPos, nFirst, m_pBuffer, nWant - nFirst);
+  }
 
   CAutoLock lock(&m_csStream);
   if (nLen > 0) {
@@ -238,7 +250,7 @@ void CRingStream::UninitStream() {
     *ph = nullptr;
   }
   m_hReaderWait[0] = m_hReaderWait[1] = m_hWriterWait[0] = m_hWriterWait[1] = nullptr;
-  delete[] m_pBuffer;
+  qlt::fifo::FreeRingMemory(m_pBuffer, m_nBufferSize);
   m_pBuffer = nullptr;
   m_nBufferSize = 0;
   ResetStream();

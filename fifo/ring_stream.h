@@ -31,6 +31,7 @@
 
 #include <atomic>
 #include <string>
+#include <type_traits>
 
 #include "platform/platform.h"
 
@@ -80,6 +81,31 @@ class CRingStream {
   // consumed. Consumer thread only.
   bool ReadData(void* pDst, LONG& nLen, bool bDiscard = false);
 
+  // Like ReadData, but hands the bytes to visit(p1, n1, p2, n2) where they
+  // lie in the ring instead of copying them out: the first piece and, when
+  // they wrap around the end of the buffer, the rest (otherwise n2 is 0).
+  // The bytes are consumed once visit returns; it runs without the ring's
+  // lock and must not call back into this ring's consumer side. If it
+  // throws, the bytes stay unread and the exception propagates.
+  // visit is not called when nLen comes back 0. Same result and waits as
+  // ReadData. Consumer thread only.
+  // The untyped form: pVisit(pContext, p1, n1, p2, n2); a null pVisit
+  // discards the bytes.
+  using PieceVisitor = void (*)(void* pContext, const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2);
+  bool ReadPieces(LONG& nLen, PieceVisitor pVisit, void* pContext);
+  // A PieceVisitor that copies the pieces, in order, to pContext (a byte
+  // buffer).
+  static void CopyPieces(void* pContext, const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2);
+  template <class Visit>
+  bool ReadInPlace(LONG& nLen, Visit&& visit) {
+    return ReadPieces(
+        nLen,
+        [](void* pVisit, const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+          (*static_cast<std::remove_reference_t<Visit>*>(pVisit))(p1, n1, p2, n2);
+        },
+        &visit);
+  }
+
   // Ends the stream (see the top of this file): wakes a waiting reader and
   // releases a writer waiting for space with nothing written. Never waits.
   // Any thread.
@@ -113,7 +139,6 @@ class CRingStream {
  private:
   void MarkEndLocked();
   void CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen);
-  void CopyOut(DWORD nPos, BYTE* pDst, DWORD nLen) const;
 
   const std::wstring m_strName;  // label; immutable
   BYTE m_byState = 0;            // guarded by m_csStream

@@ -45,6 +45,8 @@ struct SYSTEMTIME {
   WORD wMilliseconds;
 };
 
+typedef size_t SIZE_T;
+
 struct FILETIME {
   DWORD dwLowDateTime;
   DWORD dwHighDateTime;
@@ -85,6 +87,11 @@ typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 #define THREAD_PRIORITY_ABOVE_NORMAL 1
 #define THREAD_PRIORITY_HIGHEST 2
 #define THREAD_PRIORITY_TIME_CRITICAL 15
+
+#define MEM_COMMIT 0x00001000u
+#define MEM_RESERVE 0x00002000u
+#define MEM_RELEASE 0x00008000u
+#define PAGE_READWRITE 0x04u
 
 #define DRIVE_UNKNOWN 0
 #define DRIVE_NO_ROOT_DIR 1
@@ -187,6 +194,19 @@ QLTPLATFORM_API void DeleteCriticalSection(LPCRITICAL_SECTION cs);
 QLTPLATFORM_API void EnterCriticalSection(LPCRITICAL_SECTION cs);
 QLTPLATFORM_API void LeaveCriticalSection(LPCRITICAL_SECTION cs);
 
+// ---- Memory ------------------------------------------------------------------------
+// Whole committed regions for large buffers (rings, caches). VirtualAlloc
+// supports what the library uses: a null address, MEM_COMMIT | MEM_RESERVE
+// and PAGE_READWRITE; it returns zero-filled memory aligned to at least a
+// page, or null with ERROR_NOT_ENOUGH_MEMORY (ERROR_INVALID_PARAMETER for
+// other arguments or a size of 0). Regions of 2 MiB or more are backed by
+// large pages where the system offers them, which makes first touches and
+// address translation cheaper. VirtualFree(p, 0, MEM_RELEASE) releases a
+// whole region (any other call: FALSE, ERROR_INVALID_PARAMETER). Any
+// thread.
+QLTPLATFORM_API LPVOID VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationType, DWORD dwProtect);
+QLTPLATFORM_API BOOL VirtualFree(LPVOID pAddress, SIZE_T nSize, DWORD dwFreeType);
+
 // ---- Time --------------------------------------------------------------------------
 // Monotonic counter and its frequency (counts per second).
 QLTPLATFORM_API BOOL QueryPerformanceCounter(LARGE_INTEGER* pCount);
@@ -279,6 +299,8 @@ using qlt::win::SetFilePointer;
 using qlt::win::SetFilePointerEx;
 using qlt::win::SetThreadPriority;
 using qlt::win::Sleep;
+using qlt::win::VirtualAlloc;
+using qlt::win::VirtualFree;
 using qlt::win::WaitForMultipleObjects;
 using qlt::win::WaitForSingleObject;
 using qlt::win::WriteFile;

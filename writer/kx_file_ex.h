@@ -25,8 +25,8 @@
 #include "companions/webfile/web_file_api.h"
 #include "diagnostics/error_code_register.h"
 #include "diagnostics/log_file_writer2.h"
+#include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
-#include "qltfsdk/datafifopool.h"
 #include "qltfsdk/fileex.h"
 
 // The writer's status, as the registry of files being written reads it
@@ -170,11 +170,13 @@ class KxFileEx {
   // them. While the thread runs it alone makes the block writes and seeks,
   // so m_hFile, m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its
   // own until CacheStop has joined it.
-  QLCT_DataFifoPool* m_pPool = nullptr;  // owned; null: no cache
-  HANDLE m_hCacheIdle = nullptr;         // manual reset; set while no cache thread runs
-  HANDLE m_hCacheThread = nullptr;       // the running cache thread, joined by CacheStop
-  uint32_t m_nCacheFileTag = 0;          // the handle when the cache started, for the record headers
-  int m_nCacheRecordMax = 0;             // the longest record the pool takes
+  // The pool's implementation object rather than its exported facade: the
+  // cache thread reads records in place through it.
+  KxDataFifoPool* m_pPool = nullptr;  // owned; null: no cache
+  HANDLE m_hCacheIdle = nullptr;      // manual reset; set while no cache thread runs
+  HANDLE m_hCacheThread = nullptr;    // the running cache thread, joined by CacheStop
+  uint32_t m_nCacheFileTag = 0;       // the handle when the cache started, for the record headers
+  int m_nCacheRecordMax = 0;          // the longest record the pool takes
 
   // Status.
   KxWriterStatus m_status;        // guarded by m_csStatus

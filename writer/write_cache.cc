@@ -78,16 +78,20 @@ int KxFileEx::SetUpCache() {
   SysFreeString(m_info.bstrDiskPoolPath);
   m_info.bstrDiskPoolPath = bstrFolder;
 
-  m_pPool = new (std::nothrow) QLCT_DataFifoPool;
+  m_pPool = new (std::nothrow) KxDataFifoPool;
   if (!m_pPool) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
   // Every step runs even after one has failed; any failure fails the set-up.
-  if (m_pPool->Initialize() < 1) result = 0;
   if (m_info.nCacheMode != 1) {
     if (m_pPool->SetBufferingMode(1) < 1) result = 0;
-    if (m_pPool->SetDiskPoolProps(CComBSTR(folder.c_str()), m_info.dwDiskPoolSize) <= 0) result = 0;
+    try {
+      if (m_pPool->SetDiskPoolProps(folder, m_info.dwDiskPoolSize) <= 0) result = 0;
+    } catch (const std::bad_alloc&) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      result = 0;
+    }
   } else if (m_pPool->SetBufferingMode(0) <= 0) {
     result = 0;
   }
@@ -184,8 +188,18 @@ DWORD KxFileEx::RunCacheThread() {
           buffer.resize(static_cast<size_t>(header.nLength) + kGrowSlack);
         }
         if (header.nLength > 0) {
-          if (!m_pPool->ReadBuffer(buffer.data(), nLength) || nLength < 0) break;
-          BlockWrite(m_hFile, buffer.data(), nLength);
+          // The data is written from where it lies in the pool; only a
+          // record that wraps round the pool's end is put together in the
+          // buffer first, so each record is still one block write.
+          m_pPool->ReadBufferInPlace(nLength, [&](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+            if (n2 == 0) {
+              BlockWrite(m_hFile, p1, n1);
+            } else if (n1 + n2 <= buffer.size()) {
+              CRingStream::CopyPieces(buffer.data(), p1, n1, p2, n2);
+              BlockWrite(m_hFile, buffer.data(), n1 + n2);
+            }
+          });
+          if (nLength < 0) break;
         }
         if (header.dwUserData != 0) {
           CAutoLock lock(&m_csUserData);

@@ -1,12 +1,14 @@
 // The ring, the worker type and the FIFO manager, used directly.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "fifo/data_fifo_man.h"
+#include "fifo/ring_memory.h"
 #include "fifo/ring_stream.h"
 #include "fifo/worker_thread.h"
 #include "tests/fifo/fifo_test_util.h"
@@ -111,6 +113,82 @@ TEST_F(RingStreamTest, EndMarkedDuringAWriteIsFinalOnceAReaderHasSeenTheRingDrai
     ASSERT_FALSE(m_ring.HasData()) << round;
     ASSERT_EQ(nRead, nWritten) << round;
   }
+}
+
+// An in-place read shows the bytes where they lie: in two pieces when they
+// wrap round the buffer's end. They are consumed only once the visit has
+// returned, and one that throws leaves them unread.
+TEST_F(RingStreamTest, InPlaceReadsShowWrappedBytesInTwoPiecesAndConsumeThemAfterTheVisit) {
+  Write("0123456");
+  EXPECT_EQ(Read(5), "01234");
+  Write("789ab");  // "56789ab" now runs from position 5 round to position 2
+  std::vector<std::string> pieces;
+  auto collect = [&](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+    pieces = {std::string(reinterpret_cast<const char*>(p1), n1), std::string(reinterpret_cast<const char*>(p2), n2)};
+  };
+  LONG n = 7;
+  EXPECT_THROW(m_ring.ReadInPlace(n, [](const BYTE*, DWORD, const BYTE*, DWORD) { throw std::runtime_error("x"); }),
+               std::runtime_error);
+  EXPECT_TRUE(m_ring.ReadInPlace(n, collect));
+  EXPECT_EQ(n, 7);
+  EXPECT_EQ(pieces, (std::vector<std::string>{"56789", "ab"}));
+  Write("cd");
+  n = 2;
+  m_ring.ReadInPlace(n, collect);
+  EXPECT_EQ(pieces, (std::vector<std::string>{"cd", ""}));  // contiguous: one piece
+  m_ring.SetEndOfStream();
+  n = 4;
+  pieces.clear();
+  EXPECT_FALSE(m_ring.ReadInPlace(n, collect));  // ended and empty: no visit
+  EXPECT_EQ(n, 0);
+  EXPECT_TRUE(pieces.empty());
+}
+
+// Ring memory of a region's size comes back from the store, newest first,
+// when a ring of the same size is made again; the store holds a bounded
+// number of regions, and fresh memory is zero-filled, so a byte marked
+// before release tells reused from fresh.
+TEST(RingMemoryTest, ReleasedRegionsAreReusedForTheSameSizeWithinTheStoreBounds) {
+  qlt::fifo::ReleaseKeptRingMemory();
+  const size_t kSize = qlt::fifo::kRegionFrom;
+  const size_t kMany = qlt::fifo::kKeptRegions + 1;
+  for (size_t i = 0; i < kMany; ++i) {
+    BYTE* p = qlt::fifo::AllocRingMemory(kSize);
+    ASSERT_NE(p, nullptr);
+    p[0] = static_cast<BYTE>(i + 1);
+    p[kSize - 1] = 1;  // writable to the end
+    qlt::fifo::FreeRingMemory(p, kSize);
+  }
+  std::vector<BYTE*> held;
+  std::vector<int> marks;
+  for (size_t i = 0; i < 2; ++i) {  // the first allocations take kept regions
+    held.push_back(qlt::fifo::AllocRingMemory(kSize));
+    marks.push_back(held.back()[0]);
+  }
+  // Every release above went into the store and each next allocation of the
+  // size took the region just released, so one region went round.
+  EXPECT_EQ(marks, (std::vector<int>{static_cast<int>(kMany), 0}));
+  for (BYTE* p : held) qlt::fifo::FreeRingMemory(p, kSize);
+  held.clear();
+  marks.clear();
+  BYTE* pOther = qlt::fifo::AllocRingMemory(2 * kSize);  // another size: fresh memory
+  EXPECT_EQ(pOther[0], 0);
+  qlt::fifo::FreeRingMemory(pOther, 2 * kSize);
+  for (size_t i = 0; i < kMany; ++i) {
+    held.push_back(qlt::fifo::AllocRingMemory(kSize));
+    held.back()[0] = 9;
+  }
+  for (BYTE* p : held) qlt::fifo::FreeRingMemory(p, kSize);  // more than the store holds
+  for (size_t i = 0; i < kMany; ++i) {
+    held[i] = qlt::fifo::AllocRingMemory(kSize);
+    marks.push_back(held[i][0]);
+  }
+  EXPECT_EQ(std::count(marks.begin(), marks.end(), 9), static_cast<long>(qlt::fifo::kKeptRegions));
+  for (BYTE* p : held) qlt::fifo::FreeRingMemory(p, kSize);
+  BYTE* pSmall = qlt::fifo::AllocRingMemory(64);  // from the heap
+  ASSERT_NE(pSmall, nullptr);
+  qlt::fifo::FreeRingMemory(pSmall, 64);
+  qlt::fifo::ReleaseKeptRingMemory();
 }
 
 // A stop request reaches a body that waits on the stop event, as the
@@ -224,8 +302,12 @@ TEST_F(DataFifoManTest, MemoryModeRunsNoMoverUntilDiskModeIsSwitchedOnAndBadSett
   EXPECT_FALSE(m_man.IsMoverRunning());
   EXPECT_EQ(m_man.SetBufferingMode(1), FALSE);                           // ring too small to move files back
   EXPECT_EQ(m_man.WriteBuffer(std::string(65, 'b').data(), 65), FALSE);  // refused, not a hang
+  EXPECT_EQ(m_man.WriteBufferPieces("x", 1, nullptr, 60), FALSE);
+  EXPECT_EQ(m_man.WriteBufferPieces(nullptr, 0, "x", 1), FALSE);  // never the end of data
   Write("ok");
   EXPECT_EQ(Read(), "ok");
+  EXPECT_EQ(m_man.WriteBufferPieces("pie", 3, "ces", 3), TRUE);  // one record from two pieces
+  EXPECT_EQ(Read(), "pieces");
   EXPECT_TRUE(fifotest::DirEntries(drive.path()).empty());
 
   m_man.StopFifo();

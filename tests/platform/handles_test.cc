@@ -178,6 +178,12 @@ TEST(PlatformHandlesTest, OutOfMemoryAtEveryStepFailsCleanly) {
          return h != nullptr && WaitForSingleObject(h, 10000) == WAIT_OBJECT_0 && CloseHandle(h);
        }},
       {"WaitForSingleObject", [&] { return WaitForSingleObject(unset, 1) == WAIT_TIMEOUT; }},
+      {"VirtualAlloc",
+       [&] {
+         const SIZE_T n = 4 << 20;
+         BYTE* p = static_cast<BYTE*>(VirtualAlloc(nullptr, n, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+         return p != nullptr && p[0] == 0 && p[n - 1] == 0 && VirtualFree(p, 0, MEM_RELEASE);
+       }},
   };
   for (const auto& c : calls) {
     SCOPED_TRACE(c.name);
@@ -205,6 +211,13 @@ TEST(PlatformHandlesTest, OutOfMemoryAtEveryStepFailsCleanly) {
   EXPECT_NE(h, INVALID_HANDLE_VALUE);
   CloseHandle(h);
   CloseHandle(unset);
+  // Regions: what the layer does not do is refused, not half done.
+  EXPECT_EQ(VirtualAlloc(nullptr, 0, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE), nullptr);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  EXPECT_EQ(VirtualAlloc(nullptr, 4096, MEM_RESERVE, PAGE_READWRITE), nullptr);
+  int nNotARegion = 0;
+  EXPECT_FALSE(VirtualFree(&nNotARegion, 0, MEM_RELEASE));
+  EXPECT_FALSE(VirtualFree(nullptr, 0, MEM_RELEASE));
 }
 
 TEST(PlatformHandlesTest, ThreadThatCannotStartFailsWithoutRunning) {
