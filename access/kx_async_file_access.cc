@@ -126,11 +126,13 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
   int nPiece = static_cast<int>(std::max<DWORD>(1, nCapacity / 2));
   int nTransfer = bRead ? m_nReadAheadChunk : std::min(kWriteBehindChunk, nPiece);
   CRingStream_Wd* pRing = new (std::nothrow) CRingStream_Wd(L"input Buffering");
-  // Aligned, so that the local back-end can read whole blocks straight into
-  // it, also without system buffering.
+  // Read-ahead only: write-behind writes from the ring itself. Aligned, so
+  // that the local back-end can read whole blocks straight into it, also
+  // without system buffering.
   BYTE* pTransfer =
-      static_cast<BYTE*>(::operator new(static_cast<size_t>(nTransfer), std::align_val_t(4096), std::nothrow));
-  if (!pRing || !pTransfer || pRing->InitStream(nCapacity) != 0) {
+      bRead ? static_cast<BYTE*>(::operator new(static_cast<size_t>(nTransfer), std::align_val_t(4096), std::nothrow))
+            : nullptr;
+  if (!pRing || (bRead && !pTransfer) || pRing->InitStream(nCapacity) != 0) {
     if (pRing) pRing->UninitStream();
     delete pRing;
     FreeTransfer(pTransfer);
@@ -219,10 +221,15 @@ void KxAsyncFileAccess::ReadAheadLoop() {
 }
 
 void KxAsyncFileAccess::WriteBehindLoop() {
+  // The bytes are written from where they lie in the ring (two pieces when
+  // they wrap) and leave it only after the write: no copy on this side.
+  auto write = [this](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+    if (n1 > 0) WorkerWrite(p1, static_cast<int>(n1));
+    if (n2 > 0) WorkerWrite(p2, static_cast<int>(n2));
+  };
   while (!m_pRing->IsEndOfStream() || m_pRing->HasData()) {
     LONG nLen = m_nTransferSize;
-    m_pRing->ReadData(m_pTransfer, nLen);
-    if (nLen > 0) WorkerWrite(m_pTransfer, nLen);
+    m_pRing->ReadInPlace(nLen, write);
   }
 }
 

@@ -143,9 +143,9 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   bool m_bWorkerReads = false;                    // direction of m_pRing; caller thread, fixed while a worker runs
   bool m_bOpenSignalled = false;                  // m_hFileOpened is set for an open file; caller thread
   CWorkerThread m_worker{L"file access worker"};  // started and joined by the caller thread
-  BYTE* m_pTransfer = nullptr;                    // worker's buffer; allocated before the worker
-                                                  // starts, freed after it is joined
-  int m_nTransferSize = 0;                        // bytes of m_pTransfer; fixed while a worker runs
+  BYTE* m_pTransfer = nullptr;                    // read-ahead worker's buffer (null for write-behind);
+                                                  // allocated before the worker starts, freed after it is joined
+  int m_nTransferSize = 0;                        // bytes per worker transfer; fixed while a worker runs
   int m_nRingPiece = 1;                           // max bytes per ring call; fixed while a worker runs
   __int64 m_nAsyncBase = 0;                       // file position where the read-ahead began; caller thread
   __int64 m_nAsyncConsumed = 0;                   // bytes taken from the read-ahead ring; caller thread
