@@ -161,8 +161,8 @@ class CFtpSession {
   // libcurl still holds.
   std::vector<char> m_spill;
   size_t m_nSpillPos = 0;
-  char* m_pDst = nullptr;  // current Read's destination (null: discard)
-  size_t m_nNeed = 0;      // bytes the current Read still waits for
+  char* m_pDst = nullptr;       // current Read's destination (null: discard)
+  size_t m_nNeed = 0;           // bytes the current Read still waits for
   const Put* m_pPut = nullptr;  // current ReadTo's taker (non-null: no spill, no pause)
   ULONGLONG m_nPutDone = 0;     // bytes the current ReadTo handed over
 

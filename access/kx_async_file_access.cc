@@ -4,11 +4,17 @@
 #include <algorithm>
 #include <new>
 
+#include "fifo/ring_memory.h"
+
 namespace {
 
-void FreeTransfer(BYTE* p) {
-  if (p) ::operator delete(p, std::align_val_t(4096));
-}
+// The read-ahead worker's buffer comes from the rings' memory store: a
+// region (page-aligned, so the local back-end can read whole blocks straight
+// into it, also without system buffering) that the next read-ahead takes
+// again instead of touching fresh pages. A buffer that is not aligned would
+// still work: the local back-end then reads through its cache.
+BYTE* NewTransfer(int nSize) { return qlt::fifo::AllocRingMemory(static_cast<size_t>(nSize)); }
+void FreeTransfer(BYTE* p, int nSize) { qlt::fifo::FreeRingMemory(p, static_cast<size_t>(nSize)); }
 
 }  // namespace
 
@@ -97,7 +103,7 @@ __int64 KxAsyncFileAccess::AsyncStop() {
   m_pRing->UninitStream();
   delete m_pRing;
   m_pRing = nullptr;
-  FreeTransfer(m_pTransfer);
+  FreeTransfer(m_pTransfer, m_nTransferSize);
   m_pTransfer = nullptr;
   m_nTransferSize = 0;
   m_bStopWorker.store(0);
@@ -126,16 +132,12 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
   int nPiece = static_cast<int>(std::max<DWORD>(1, nCapacity / 2));
   int nTransfer = bRead ? m_nReadAheadChunk : std::min(kWriteBehindChunk, nPiece);
   CRingStream_Wd* pRing = new (std::nothrow) CRingStream_Wd(L"input Buffering");
-  // Read-ahead only: write-behind writes from the ring itself. Aligned, so
-  // that the local back-end can read whole blocks straight into it, also
-  // without system buffering.
-  BYTE* pTransfer =
-      bRead ? static_cast<BYTE*>(::operator new(static_cast<size_t>(nTransfer), std::align_val_t(4096), std::nothrow))
-            : nullptr;
+  // Read-ahead only: write-behind writes from the ring itself.
+  BYTE* pTransfer = bRead ? NewTransfer(nTransfer) : nullptr;
   if (!pRing || (bRead && !pTransfer) || pRing->InitStream(nCapacity) != 0) {
     if (pRing) pRing->UninitStream();
     delete pRing;
-    FreeTransfer(pTransfer);
+    FreeTransfer(pTransfer, nTransfer);
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return false;
   }
@@ -154,7 +156,7 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
     m_pRing->UninitStream();
     delete m_pRing;
     m_pRing = nullptr;
-    FreeTransfer(m_pTransfer);
+    FreeTransfer(m_pTransfer, m_nTransferSize);
     m_pTransfer = nullptr;
     return false;
   }
