@@ -288,14 +288,6 @@ void CFtpSession::Abort() {
 size_t CFtpSession::OnData(char* data, size_t size, size_t n, void* self) {
   auto* s = static_cast<CFtpSession*>(self);
   size_t len = size * n;
-  if (s->m_pPut) {
-    // Straight from libcurl's buffer to the taker; a refusal ends the
-    // transfer (libcurl reports a write error).
-    if (!(*s->m_pPut)(reinterpret_cast<const BYTE*>(data), len)) return 0;
-    s->m_nPutDone += len;
-    s->m_nMoved += len;
-    return len;
-  }
   size_t unread = s->m_spill.size() - s->m_nSpillPos;
   if (s->m_nNeed == 0 && unread >= kSpillLimit) {
     s->m_bPaused = true;  // enough is waiting: keep these bytes in libcurl
@@ -410,37 +402,6 @@ LONG CFtpSession::Read(void* dst, LONG count) {
   }
   m_nPos += got;
   return static_cast<LONG>(got);
-}
-
-long long CFtpSession::ReadTo(LONG count, const Put& put) {
-  if (m_eMode != Mode::kRead || count < 0) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return -1;
-  }
-  ULONGLONG handed = 0;
-  size_t unread = m_spill.size() - m_nSpillPos;
-  if (unread > 0) {
-    // Bytes that came before (the open's first ones) go first.
-    bool ok = put(reinterpret_cast<const BYTE*>(m_spill.data() + m_nSpillPos), unread);
-    m_spill.clear();
-    m_nSpillPos = 0;
-    if (!ok) return 0;
-    handed = unread;
-  }
-  if (handed < static_cast<ULONGLONG>(count) && !m_bDone) {
-    m_pPut = &put;
-    m_nPutDone = handed;
-    if (m_bPaused) {
-      m_bPaused = false;
-      curl_easy_pause(m_pEasy, CURLPAUSE_CONT);
-    }
-    Drive([this, count] { return m_nPutDone >= static_cast<ULONGLONG>(count); });
-    handed = m_nPutDone;
-    m_pPut = nullptr;
-  }
-  m_nPos += handed;
-  if (handed < static_cast<ULONGLONG>(count) && m_bDone && m_eResult != CURLE_OK) FailWith(m_eResult);
-  return static_cast<long long>(handed);
 }
 
 BOOL CFtpSession::Seek(ULONGLONG pos) {

@@ -19,8 +19,6 @@
 #include <curl/curl.h>
 
 #include <atomic>
-#include <cstddef>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -85,16 +83,6 @@ class CFtpSession {
   // Returns the bytes delivered, or -1 (last error set) when the transfer
   // failed before count bytes came; the position then stays where it was.
   LONG Read(void* dst, LONG count);
-  // Takes downloaded bytes, in order; false refuses them (the download then
-  // fails).
-  using Put = std::function<bool(const BYTE* pData, size_t nLen)>;
-  // Like Read, but hands the bytes to put where they arrive (libcurl's
-  // buffer) instead of copying them into a destination, whole arrivals at a
-  // time, so it may hand over more than count. Returns the bytes handed
-  // over, fewer than count only at the end of the file, when put refused, or
-  // when the transfer failed (last error set); the position counts every
-  // byte handed over.
-  long long ReadTo(LONG count, const Put& put);
   // Moves the read position to pos: a short step forward reads and discards,
   // anything else restarts the download at pos. Positions at or past the end
   // read nothing. FALSE when no download is open.
@@ -161,10 +149,8 @@ class CFtpSession {
   // libcurl still holds.
   std::vector<char> m_spill;
   size_t m_nSpillPos = 0;
-  char* m_pDst = nullptr;       // current Read's destination (null: discard)
-  size_t m_nNeed = 0;           // bytes the current Read still waits for
-  const Put* m_pPut = nullptr;  // current ReadTo's taker (non-null: no spill, no pause)
-  ULONGLONG m_nPutDone = 0;     // bytes the current ReadTo handed over
+  char* m_pDst = nullptr;  // current Read's destination (null: discard)
+  size_t m_nNeed = 0;      // bytes the current Read still waits for
 
   // Upload: the current Write's bytes not yet taken by libcurl.
   const char* m_pSrc = nullptr;

@@ -187,38 +187,22 @@ void KxAsyncFileAccess::WorkerMain() {
   SetEvent(self->m_hWorkerDone);
 }
 
-long long KxAsyncFileAccess::WorkerReadTo(int nCount, const ReadAheadPut& put) {
-  int nRead = WorkerRead(m_pTransfer, std::min(nCount, m_nTransferSize));
-  if (nRead > 0 && !put(m_pTransfer, static_cast<size_t>(nRead))) return 0;
-  return nRead;
-}
-
 void KxAsyncFileAccess::ReadAheadLoop() {
-  bool bCut = false;
-  // Hands bytes over in pieces that always fit beside what the caller is
-  // waiting for (see CallerPiece).
-  ReadAheadPut put = [this, &bCut](const BYTE* pData, size_t nLen) {
-    while (nLen > 0) {
-      if (m_bStopWorker.load()) {
-        bCut = true;
-        return false;
-      }
-      LONG nPiece = static_cast<LONG>(std::min<size_t>(nLen, static_cast<size_t>(m_nRingPiece)));
-      LONG nAsked = nPiece;
-      m_pRing->WriteData(pData, nPiece);
-      if (nPiece < nAsked) {  // the stream was ended or closed meanwhile
-        bCut = true;
-        return false;
-      }
-      pData += nPiece;
-      nLen -= static_cast<size_t>(nPiece);
-    }
-    return true;
-  };
   for (;;) {
     if (m_bStopWorker.load()) return;
-    long long nRead = WorkerReadTo(m_nTransferSize, put);
-    if (bCut || nRead < m_nTransferSize) return;  // stopped, end of file or a failed read
+    int nRead = WorkerRead(m_pTransfer, m_nTransferSize);
+    int nDone = 0;
+    // Hand the chunk over in pieces that always fit beside what the caller
+    // is waiting for (see CallerPiece).
+    while (nDone < nRead) {
+      if (m_bStopWorker.load()) return;
+      LONG nLen = std::min(nRead - nDone, m_nRingPiece);
+      LONG nAsked = nLen;
+      m_pRing->WriteData(m_pTransfer + nDone, nLen);
+      if (nLen < nAsked) return;  // StopWriting cut the wait short
+      nDone += nLen;
+    }
+    if (nRead < m_nTransferSize) return;  // end of file or a failed read
   }
 }
 

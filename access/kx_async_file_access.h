@@ -30,8 +30,6 @@
 #define QLTFSDK_ACCESS_KX_ASYNC_FILE_ACCESS_H
 
 #include <atomic>
-#include <cstddef>
-#include <functional>
 
 #include "access/kx_file_access_base.h"
 #include "fifo/ring_stream.h"
@@ -59,19 +57,6 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   virtual int WorkerRead(BYTE* pBuffer, int nCount) = 0;
   // Worker thread: write nCount bytes; return the bytes written.
   virtual int WorkerWrite(const BYTE* pBuffer, int nCount) = 0;
-
-  // Takes bytes for the read-ahead ring, in file order; false once the ring
-  // no longer takes any (the worker is being stopped): the back-end then
-  // stops reading.
-  using ReadAheadPut = std::function<bool(const BYTE* pData, size_t nLen)>;
-  // Worker thread: read at least nCount bytes at the file's read position
-  // (more is allowed) and hand them to put as they come; return the bytes
-  // handed over, fewer than nCount only at the end of the file, on a
-  // failure, or when put refused. The default reads into the worker's
-  // transfer buffer with WorkerRead and hands that over; a back-end whose
-  // bytes arrive in a buffer of its own (a network library's) overrides it to
-  // hand that buffer over directly, which saves one copy per byte.
-  virtual long long WorkerReadTo(int nCount, const ReadAheadPut& put);
   // Caller thread, no worker running: a read-ahead worker was stopped while
   // the file stays open (enabling again, or turning the mode off); the
   // back-end moves its read position to nFilePos, the next byte the caller

@@ -135,11 +135,6 @@ int KxFileAccessFtp::WorkerRead(BYTE* pBuffer, int nCount) {
   return got < 0 ? 0 : static_cast<int>(got);
 }
 
-long long KxFileAccessFtp::WorkerReadTo(int nCount, const ReadAheadPut& put) {
-  long long got = m_session.ReadTo(nCount, put);
-  return got < 0 ? 0 : got;
-}
-
 int KxFileAccessFtp::Read(BYTE* pBuffer, int nCount) {
   if (!m_bFileOpen) return 0;
   try {

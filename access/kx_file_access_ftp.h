@@ -83,9 +83,6 @@ class KxFileAccessFtp : public KxAsyncFileAccess {
 
  protected:
   int WorkerRead(BYTE* pBuffer, int nCount) override;
-  // Hands libcurl's buffer straight to the read-ahead ring (no transfer
-  // buffer, no spill).
-  long long WorkerReadTo(int nCount, const ReadAheadPut& put) override;
   int WorkerWrite(const BYTE* pBuffer, int nCount) override;
   void ResumeAt(__int64 nFilePos) override;
 
