@@ -47,7 +47,7 @@ class KxAsyncFileAccess : public KxFileAccessBase {
 
  protected:
   // nReadAheadChunk: bytes the read-ahead worker asks of WorkerRead at a time
-  // (1,572,864 local, 40,960 FTP). Creates the two events.
+  // (3 MiB local, 1 MiB FTP). Creates the two events.
   explicit KxAsyncFileAccess(int nReadAheadChunk);
   ~KxAsyncFileAccess() override;
 

@@ -26,8 +26,9 @@
 
 class KxFileAccessLocal : public KxAsyncFileAccess {
  public:
-  // Transfer size of the read-ahead worker.
-  static constexpr int kReadAheadChunk = 0x180000;
+  // Transfer size of the read-ahead worker: 3 MiB, a whole number of
+  // blocks; unbuffered, 3 MiB reads ran about a third faster than 1.5 MiB.
+  static constexpr int kReadAheadChunk = 0x300000;
 
   KxFileAccessLocal();
   // Closes the file (joining any worker) and frees the cache.
