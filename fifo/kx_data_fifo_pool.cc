@@ -48,9 +48,7 @@ LONG KxDataFifoPool::StartRun() {
   StopFifo();
   if (m_nWriteCacheSize < 4) return 0;             // not even a record's length would fit
   m_pWriteCache = new CRingStream(L"WriteCache");  // bad_alloc: see StartFifo
-  m_pStaging = new (std::nothrow) BYTE[kStagingSize];
-  m_nStagingSize = kStagingSize;
-  if (!m_pWriteCache || !m_pStaging || m_pWriteCache->InitStream(m_nWriteCacheSize) != S_OK) {
+  if (!m_pWriteCache || m_pWriteCache->InitStream(m_nWriteCacheSize, kHoldRoom) != S_OK) {
     StopFifo();
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
@@ -153,12 +151,16 @@ void KxDataFifoPool::CacheLoop() {
       continue;
     }
     if (m_cacheThread.StopRequested() || nHead != 4 || nLen < 0) break;
-    if (nLen > 0 && m_fifoMan.RecordRoomNow() >= nLen) {
-      // Room in the memory ring: the record goes across from where it lies
-      // in the write cache, one copy instead of two. (Only while the ring
-      // is full does a record wait in the staging buffer.)
-      CAutoLock lock(&m_csForward);
+    const bool bRoomNow = nLen > 0 && m_fifoMan.RecordRoomNow() >= nLen;
+    if (bRoomNow || (nLen > 0 && static_cast<DWORD>(nLen) <= kHoldRoom)) {
+      // The record goes across from where it lies in the write cache, one
+      // copy. While the memory ring is full it waits there, held: its room
+      // counts free for the producer, exactly as if it had been taken out
+      // into a staging buffer, so the producer waits no sooner.
       LONG nBody = nLen;
+      if (!bRoomNow && (!m_pWriteCache->HoldData(nBody) || m_cacheThread.StopRequested())) break;
+      CAutoLock lock(&m_csForward);
+      nBody = nLen;
       m_pWriteCache->ReadInPlace(nBody, [&](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
         if (n1 + n2 == static_cast<DWORD>(nLen))
           m_fifoMan.WriteBufferPieces(p1, static_cast<LONG>(n1), p2, static_cast<LONG>(n2));
@@ -167,6 +169,8 @@ void KxDataFifoPool::CacheLoop() {
       m_nQueued.fetch_sub(1);
       continue;
     }
+    // A record longer than the hold room (or an empty one) is taken out
+    // into the staging buffer.
     if (static_cast<DWORD>(nLen) > m_nStagingSize) {
       BYTE* pBigger = new (std::nothrow) BYTE[static_cast<DWORD>(nLen)];
       if (!pBigger) {
@@ -185,10 +189,11 @@ void KxDataFifoPool::CacheLoop() {
     LONG nBody = nLen;
     if (nLen > 0) m_pWriteCache->ReadData(m_pStaging, nBody);
     if (nBody != nLen || m_cacheThread.StopRequested()) break;
-    // An empty record is forwarded like any other: the staging buffer is
-    // never null here, so it cannot be mistaken for the end of data.
+    // An empty record is forwarded like any other, from a payload that is
+    // never null, so it cannot be mistaken for the end of data.
+    static const BYTE kEmpty = 0;
     CAutoLock lock(&m_csForward);
-    m_fifoMan.WriteBuffer(m_pStaging, nLen);
+    m_fifoMan.WriteBuffer(nLen > 0 ? m_pStaging : &kEmpty, nLen);
     m_nQueued.fetch_sub(1);
   }
 }

@@ -27,7 +27,10 @@
 class KxDataFifoPool {
  public:
   static constexpr DWORD kDefaultWriteCacheSize = 0x1000000;  // 16 MiB
-  static constexpr DWORD kStagingSize = 0x100000;             // cache thread's buffer
+  // Room beyond the write cache's capacity in which the cache thread holds
+  // a record of up to this size while the memory ring is full; longer
+  // records are taken out into a staging buffer made for them.
+  static constexpr DWORD kHoldRoom = 0x100000;
   static constexpr DWORD kEndResignalMs = 300;
 
   // Stopped; the manager is set to buffering mode 0.
@@ -90,7 +93,7 @@ class KxDataFifoPool {
   // thread). Its stop event also cuts the end-of-data pause short.
   CWorkerThread m_cacheThread{L"FIFO write cache"};
   DWORD m_nWriteCacheSize = kDefaultWriteCacheSize;  // controlling thread only
-  BYTE* m_pStaging = nullptr;                        // cache thread's buffer while it runs
+  BYTE* m_pStaging = nullptr;                        // cache thread's buffer for long records; made on demand
   DWORD m_nStagingSize = 0;                          // its size
   // WriteBuffer is open. Sequentially consistent, paired with
   // m_nProducersInside the same way as the manager's m_bRunning: either a

@@ -35,18 +35,21 @@ CRingStream::CRingStream(const std::wstring& strName)
 
 CRingStream::~CRingStream() { DeleteCriticalSection(&m_csStream); }
 
-HRESULT CRingStream::InitStream(DWORD nSize) {
-  if (nSize > kMaxCapacity) return E_INVALIDARG;  // refused before anything changes
+HRESULT CRingStream::InitStream(DWORD nSize, DWORD nHoldRoom) {
+  // Refused before anything changes.
+  if (nSize > kMaxCapacity || nHoldRoom > kMaxCapacity - nSize) return E_INVALIDARG;
   if (!m_hDataWritten || !m_hSpaceFreed || !m_hEndMarked || !m_hStopWriting) return E_FAIL;  // no waits possible
-  qlt::fifo::FreeRingMemory(m_pBuffer, m_nBufferSize);
+  qlt::fifo::FreeRingMemory(m_pBuffer, m_nSpan);
   m_pBuffer = nullptr;
-  m_nBufferSize = 0;
-  m_pBuffer = qlt::fifo::AllocRingMemory(nSize);
+  m_nBufferSize = m_nSpan = m_nHoldRoom = 0;
+  m_pBuffer = qlt::fifo::AllocRingMemory(nSize + nHoldRoom);
   if (!m_pBuffer) {
     OutputDebugStringW(L"InitStream ：内存不够 \n");
     return E_FAIL;
   }
   m_nBufferSize = nSize;
+  m_nHoldRoom = nHoldRoom;
+  m_nSpan = nSize + nHoldRoom;
   {
     CAutoLock lock(&m_csStream);
     m_byState = 0;  // reopens a closed ring
@@ -64,12 +67,13 @@ void CRingStream::ResetStream() {
   m_nWritePos = 0;
   m_nDataLen.store(0, std::memory_order_relaxed);
   m_nFreeLen = static_cast<LONG>(m_nBufferSize);
+  m_nHeld = 0;
   // A closed ring stays ended; everything else starts afresh.
   m_byState = (m_byState & RS_CLOSED) ? static_cast<BYTE>(RS_CLOSED | RS_END_OF_STREAM) : 0;
 }
 
 void CRingStream::CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen) {
-  DWORD nFirst = m_nBufferSize - nPos;
+  DWORD nFirst = m_nSpan - nPos;
   if (nLen > nFirst) {
     std::memcpy(m_pBuffer + nPos, pSrc, nFirst);
     std::memcpy(m_pBuffer, pSrc + nFirst, nLen - nFirst);
@@ -117,10 +121,10 @@ BOOL CRingStream::WriteData(const void* pSrc, LONG& nLen) {
 
   CAutoLock lock(&m_csStream);
   if (nLen > 0) {
-    // nPos < m_nBufferSize and nLen <= m_nBufferSize, both at most
-    // kMaxCapacity: the sum fits a DWORD.
+    // nPos < m_nSpan and nLen <= m_nSpan, both at most kMaxCapacity: the
+    // sum fits a DWORD.
     DWORD nEnd = nPos + static_cast<DWORD>(nLen);
-    m_nWritePos = nEnd >= m_nBufferSize ? nEnd - m_nBufferSize : nEnd;
+    m_nWritePos = nEnd >= m_nSpan ? nEnd - m_nSpan : nEnd;
     m_nDataLen.fetch_add(nLen, std::memory_order_relaxed);
     m_nFreeLen -= nLen;
     m_byState &= static_cast<BYTE>(~RS_WRITING);
@@ -147,30 +151,44 @@ void CRingStream::CopyPieces(void* pContext, const BYTE* p1, DWORD n1, const BYT
   if (n2 > 0) std::memcpy(pOut + n1, p2, n2);
 }
 
-bool CRingStream::ReadPieces(LONG& nLen, PieceVisitor pVisit, void* pContext) {
-  if (nLen < 0) {
-    nLen = 0;
-    return false;
-  }
+bool CRingStream::EndedLocked() const {
   // Ended for this reader: the end is marked and no write is in flight, so
   // nothing can be added any more.
-  auto bEnded = [this] { return (m_byState & (RS_END_OF_STREAM | RS_WRITING)) == RS_END_OF_STREAM; };
-  EnterCriticalSection(&m_csStream);
+  return (m_byState & (RS_END_OF_STREAM | RS_WRITING)) == RS_END_OF_STREAM;
+}
+
+bool CRingStream::WaitForDataLocked(LONG& nLen) {
   for (;;) {
     LONG nData = m_nDataLen.load(std::memory_order_relaxed);
-    if (nData >= nLen) break;
-    if (bEnded()) {
+    if (nData >= nLen) return true;
+    if (EndedLocked()) {
       nLen = nData;
-      break;
+      return true;
     }
     m_byState |= RS_READER_WAITING;
     LeaveCriticalSection(&m_csStream);
     DWORD nWait = WaitForMultipleObjects(2, m_hReaderWait, FALSE, INFINITE);
     EnterCriticalSection(&m_csStream);
-    m_byState &= static_cast<BYTE>(~RS_READER_WAITING);                  // set again if this reader waits again
-    if (nWait == WAIT_OBJECT_0 || nWait == WAIT_OBJECT_0 + 1) continue;  // data or end: test again
-    // The wait itself failed: consume nothing.
-    bool bMore = !(m_nDataLen.load(std::memory_order_relaxed) == 0 && bEnded());
+    m_byState &= static_cast<BYTE>(~RS_READER_WAITING);                      // set again if this reader waits again
+    if (nWait != WAIT_OBJECT_0 && nWait != WAIT_OBJECT_0 + 1) return false;  // data or end: test again
+  }
+}
+
+void CRingStream::WakeWriterLocked() {
+  if (m_byState & RS_WRITER_WAITING) {
+    m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
+    SetEvent(m_hSpaceFreed);
+  }
+}
+
+bool CRingStream::ReadPieces(LONG& nLen, PieceVisitor pVisit, void* pContext) {
+  if (nLen < 0) {
+    nLen = 0;
+    return false;
+  }
+  EnterCriticalSection(&m_csStream);
+  if (!WaitForDataLocked(nLen)) {  // the wait itself failed: consume nothing
+    bool bMore = !(m_nDataLen.load(std::memory_order_relaxed) == 0 && EndedLocked());
     LeaveCriticalSection(&m_csStream);
     nLen = 0;
     return bMore;
@@ -181,22 +199,37 @@ bool CRingStream::ReadPieces(LONG& nLen, PieceVisitor pVisit, void* pContext) {
   // The region after nPos holds data that only this consumer reads.
   if (nLen > 0 && pVisit) {
     const DWORD nWant = static_cast<DWORD>(nLen);
-    const DWORD nFirst = m_nBufferSize - nPos < nWant ? m_nBufferSize - nPos : nWant;
+    const DWORD nFirst = m_nSpan - nPos < nWant ? m_nSpan - nPos : nWant;
     pVisit(pContext, m_pBuffer + nPos, nFirst, m_pBuffer, nWant - nFirst);
   }
 
   CAutoLock lock(&m_csStream);
   if (nLen > 0) {
     DWORD nEnd = nPos + static_cast<DWORD>(nLen);
-    m_nReadPos = nEnd >= m_nBufferSize ? nEnd - m_nBufferSize : nEnd;
+    m_nReadPos = nEnd >= m_nSpan ? nEnd - m_nSpan : nEnd;
     m_nDataLen.fetch_sub(nLen, std::memory_order_relaxed);
-    m_nFreeLen += nLen;
-    if (m_byState & RS_WRITER_WAITING) {
-      m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
-      SetEvent(m_hSpaceFreed);
-    }
+    // Held bytes lie first at the read position and were counted free when
+    // they were held.
+    LONG nWasHeld = nLen < m_nHeld ? nLen : m_nHeld;
+    m_nHeld -= nWasHeld;
+    m_nFreeLen += nLen - nWasHeld;
+    WakeWriterLocked();
   }
-  return !(m_nDataLen.load(std::memory_order_relaxed) == 0 && bEnded());
+  return !(m_nDataLen.load(std::memory_order_relaxed) == 0 && EndedLocked());
+}
+
+bool CRingStream::HoldData(LONG& nLen) {
+  CAutoLock lock(&m_csStream);
+  if (nLen < 0 || m_nHeld != 0 || nLen > static_cast<LONG>(m_nHoldRoom)) {
+    nLen = 0;
+    return false;
+  }
+  const LONG nWant = nLen;
+  if (!WaitForDataLocked(nLen) || nLen != nWant) return false;
+  m_nHeld = nLen;
+  m_nFreeLen += nLen;
+  WakeWriterLocked();
+  return true;
 }
 
 void CRingStream::MarkEndLocked() {
@@ -250,8 +283,8 @@ void CRingStream::UninitStream() {
     *ph = nullptr;
   }
   m_hReaderWait[0] = m_hReaderWait[1] = m_hWriterWait[0] = m_hWriterWait[1] = nullptr;
-  qlt::fifo::FreeRingMemory(m_pBuffer, m_nBufferSize);
+  qlt::fifo::FreeRingMemory(m_pBuffer, m_nSpan);
   m_pBuffer = nullptr;
-  m_nBufferSize = 0;
+  m_nBufferSize = m_nSpan = m_nHoldRoom = 0;
   ResetStream();
 }

@@ -58,11 +58,13 @@ class CRingStream {
   CRingStream& operator=(const CRingStream&) = delete;
 
   // Replaces the buffer by one of nSize bytes, empties the ring and clears
-  // Close. Returns 0; E_INVALIDARG for nSize above kMaxCapacity, before
-  // anything is allocated or changed; E_FAIL (0x80004005) when the buffer
-  // (or, at construction, an event) cannot be allocated (the ring then has
-  // no buffer until a later InitStream succeeds).
-  HRESULT InitStream(DWORD nSize);
+  // Close. nHoldRoom bytes more are allocated for HoldData; the capacity a
+  // writer sees stays nSize. Returns 0; E_INVALIDARG when nSize plus
+  // nHoldRoom exceeds kMaxCapacity, before anything is allocated or
+  // changed; E_FAIL (0x80004005) when the buffer (or, at construction, an
+  // event) cannot be allocated (the ring then has no buffer until a later
+  // InitStream succeeds).
+  HRESULT InitStream(DWORD nSize, DWORD nHoldRoom = 0);
 
   // Copies nLen bytes from pSrc into the ring, waiting until all of them fit.
   // On return nLen holds the bytes written: fewer only when StopWriting cut
@@ -89,6 +91,15 @@ class CRingStream {
   // throws, the bytes stay unread and the exception propagates.
   // visit is not called when nLen comes back 0. Same result and waits as
   // ReadData. Consumer thread only.
+  // Waits, as ReadData does, until nLen bytes are buffered, then counts them
+  // as free space for the writer while they stay where they are: the next
+  // read (usually in place) takes them, and only then may the writer use
+  // their bytes. So the consumer can keep one pending record out of the
+  // ring's capacity without copying it out. At most nHoldRoom bytes, one
+  // hold at a time. Returns true when held; false with nLen the bytes
+  // buffered when the stream ended first, or nLen = 0 for a negative length,
+  // one above the hold room, or a hold still pending. Consumer thread only.
+  bool HoldData(LONG& nLen);
   // The untyped form: pVisit(pContext, p1, n1, p2, n2); a null pVisit
   // discards the bytes.
   using PieceVisitor = void (*)(void* pContext, const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2);
@@ -137,6 +148,10 @@ class CRingStream {
   void UninitStream();
 
  private:
+  // The three below require m_csStream.
+  bool EndedLocked() const;            // ended for the reader: marked, no write in flight
+  bool WaitForDataLocked(LONG& nLen);  // false when a wait failed; nLen cut at the end
+  void WakeWriterLocked();
   void MarkEndLocked();
   void CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen);
 
@@ -144,6 +159,8 @@ class CRingStream {
   BYTE m_byState = 0;            // guarded by m_csStream
   BYTE* m_pBuffer = nullptr;     // owned; replaced only by Init/UninitStream
   DWORD m_nBufferSize = 0;       // capacity <= kMaxCapacity; changed only by InitStream
+  DWORD m_nHoldRoom = 0;         // bytes beyond the capacity for HoldData; as m_nBufferSize
+  DWORD m_nSpan = 0;             // allocated bytes: m_nBufferSize + m_nHoldRoom; as m_nBufferSize
   HANDLE m_hDataWritten;         // writer -> waiting reader
   HANDLE m_hSpaceFreed;          // reader -> waiting writer
   HANDLE m_hEndMarked;           // SetEndOfStream -> waiting reader
@@ -162,13 +179,16 @@ class CRingStream {
   // RS_WRITING marks the time between the two holds of a write: the end is
   // not reported to a reader while it is set, and a write that finds the end
   // marked at its first hold copies nothing.
-  // Invariant: m_nDataLen + m_nFreeLen == m_nBufferSize; unread bytes run
-  // from m_nReadPos forward, wrapping, to m_nWritePos.
+  // Invariant: m_nDataLen - m_nHeld + m_nFreeLen == m_nBufferSize, and
+  // m_nHeld <= m_nHoldRoom, so a writer that fits m_nFreeLen never reaches
+  // held bytes within the m_nSpan bytes allocated; unread bytes (held ones
+  // first) run from m_nReadPos forward, wrapping at m_nSpan, to m_nWritePos.
   DWORD m_nReadPos = 0;             // guarded by m_csStream
   DWORD m_nWritePos = 0;            // guarded by m_csStream
   std::atomic<LONG> m_nDataLen{0};  // written under m_csStream; HasData reads it
                                     // without the lock (relaxed: a hint only)
-  LONG m_nFreeLen = 0;              // guarded by m_csStream
+  LONG m_nFreeLen = 0;              // guarded by m_csStream; what a writer may write now
+  LONG m_nHeld = 0;                 // guarded by m_csStream; unread bytes counted free
 };
 
 // The file access back-ends' name for the same ring.

@@ -144,6 +144,34 @@ TEST_F(RingStreamTest, InPlaceReadsShowWrappedBytesInTwoPiecesAndConsumeThemAfte
   EXPECT_TRUE(pieces.empty());
 }
 
+// Held bytes count as free for the writer but stay readable where they are:
+// with a 10-byte ring and 4 bytes of hold room, 4 held bytes let the writer
+// put 10 more in, and the next read still starts with the held ones.
+TEST_F(RingStreamTest, HeldBytesMakeRoomForTheWriterAndAreStillReadFirst) {
+  ASSERT_EQ(m_ring.InitStream(10, 4), S_OK);
+  EXPECT_EQ(m_ring.GetBufferSize(), 10u);
+  Write("held");
+  LONG n = 5;
+  EXPECT_FALSE(m_ring.HoldData(n));  // more than the hold room
+  EXPECT_EQ(n, 0);
+  n = 4;
+  ASSERT_TRUE(m_ring.HoldData(n));
+  n = 1;
+  EXPECT_FALSE(m_ring.HoldData(n));  // one hold at a time
+  EXPECT_EQ(m_ring.FreeSpace(), 10);
+  EXPECT_EQ(Write("0123456789"), 10);
+  n = 1;
+  auto release = [&] {
+    EXPECT_EQ(Read(4), "held");  // their room was given already
+    EXPECT_EQ(m_ring.FreeSpace(), 0);
+    EXPECT_EQ(Read(1), "0");
+  };
+  EXPECT_TRUE(fifotest::BlocksUntil([&] { m_ring.WriteData("X", n); }, release, [&] { m_ring.Close(); }));
+  EXPECT_EQ(n, 1);
+  EXPECT_EQ(Read(10), "123456789X");
+  EXPECT_EQ(m_ring.InitStream(0x7FFFFFF0u, 0x10u), E_INVALIDARG);  // together beyond what a ring counts
+}
+
 // Ring memory of a region's size comes back from the store, newest first,
 // when a ring of the same size is made again; the store holds a bounded
 // number of regions, and fresh memory is zero-filled, so a byte marked
