@@ -97,6 +97,7 @@ BOOL CRingStream::WriteData(const void* pSrc, LONG& nLen) {
     }
     if (nLen <= m_nFreeLen) break;
     m_byState |= RS_WRITER_WAITING;
+    m_nWriterNeeds = nLen;
     LeaveCriticalSection(&m_csStream);
     DWORD nWait = WaitForMultipleObjects(2, m_hWriterWait, FALSE, INFINITE);
     EnterCriticalSection(&m_csStream);
@@ -128,7 +129,10 @@ BOOL CRingStream::WriteData(const void* pSrc, LONG& nLen) {
     m_nDataLen.fetch_add(nLen, std::memory_order_relaxed);
     m_nFreeLen -= nLen;
     m_byState &= static_cast<BYTE>(~RS_WRITING);
-    if (m_byState & RS_READER_WAITING) {
+    // A waiting reader is woken once what it waits for is there, or once
+    // the end it saw marked is final with this write done.
+    if ((m_byState & RS_READER_WAITING) &&
+        (m_nDataLen.load(std::memory_order_relaxed) >= m_nReaderNeeds || (m_byState & RS_END_OF_STREAM))) {
       m_byState &= static_cast<BYTE>(~RS_READER_WAITING);
       SetEvent(m_hDataWritten);
     }
@@ -166,6 +170,7 @@ bool CRingStream::WaitForDataLocked(LONG& nLen) {
       return true;
     }
     m_byState |= RS_READER_WAITING;
+    m_nReaderNeeds = nLen;
     LeaveCriticalSection(&m_csStream);
     DWORD nWait = WaitForMultipleObjects(2, m_hReaderWait, FALSE, INFINITE);
     EnterCriticalSection(&m_csStream);
@@ -175,7 +180,9 @@ bool CRingStream::WaitForDataLocked(LONG& nLen) {
 }
 
 void CRingStream::WakeWriterLocked() {
-  if (m_byState & RS_WRITER_WAITING) {
+  // Only once the room it waits for is there: a writer woken for less
+  // would only wait again (one wake-up per read instead of per write).
+  if ((m_byState & RS_WRITER_WAITING) && m_nFreeLen >= m_nWriterNeeds) {
     m_byState &= static_cast<BYTE>(~RS_WRITER_WAITING);
     SetEvent(m_hSpaceFreed);
   }

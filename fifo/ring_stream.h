@@ -189,6 +189,10 @@ class CRingStream {
                                     // without the lock (relaxed: a hint only)
   LONG m_nFreeLen = 0;              // guarded by m_csStream; what a writer may write now
   LONG m_nHeld = 0;                 // guarded by m_csStream; unread bytes counted free
+  // What a waiting side waits for (valid while its RS_*_WAITING flag is
+  // set): the other side signals only once that much is there.
+  LONG m_nReaderNeeds = 0;  // guarded by m_csStream; bytes of data
+  LONG m_nWriterNeeds = 0;  // guarded by m_csStream; bytes of free space
 };
 
 // The file access back-ends' name for the same ring.
