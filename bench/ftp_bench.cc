@@ -85,40 +85,33 @@ double CpuSeconds(pid_t pid) {
   return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
+// The processes whose parent is pid.
+std::vector<pid_t> ChildrenOf(pid_t pid) {
+  std::vector<pid_t> children;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    std::string name = entry.path().filename().string();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::string text = ProcStat(name);
+    size_t close = text.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream fields(text.substr(close + 2));
+    std::string state;
+    pid_t ppid = 0;
+    fields >> state >> ppid;
+    if (ppid == pid) children.push_back(static_cast<pid_t>(std::stoi(name)));
+  }
+  return children;
+}
+
 // CPU seconds of pid and all its descendants (vsftpd runs two processes per
 // session under its listener).
 double TreeCpuSeconds(pid_t pid) {
   double total = CpuSeconds(pid);
-  for (const auto& entry : fs::directory_iterator("/proc")) {
-    std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::string text = ProcStat(name);
-    size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream fields(text.substr(close + 2));
-    std::string state;
-    pid_t ppid = 0;
-    fields >> state >> ppid;
-    if (ppid == pid) total += TreeCpuSeconds(static_cast<pid_t>(std::stoi(name)));
-  }
+  for (pid_t child : ChildrenOf(pid)) total += TreeCpuSeconds(child);
   return total;
 }
 
-bool HasChildren(pid_t pid) {
-  for (const auto& entry : fs::directory_iterator("/proc")) {
-    std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::string text = ProcStat(name);
-    size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream fields(text.substr(close + 2));
-    std::string state;
-    pid_t ppid = 0;
-    fields >> state >> ppid;
-    if (ppid == pid) return true;
-  }
-  return false;
-}
+bool HasChildren(pid_t pid) { return !ChildrenOf(pid).empty(); }
 
 int RunCommand(const std::vector<std::string>& argv) {
   std::vector<char*> args;
