@@ -10,9 +10,9 @@
 // loopback port, serving root for one user with a password, optionally with a
 // fault (see the script for the modes: "greet421", "login530", "retr550",
 // "stor552", "retrdrop", "retrshort", "retrstall", "stordrop", "storstall",
-// "silent"). The constructor waits (bounded) until the server listens and
-// throws std::runtime_error when it cannot start. The server ends when the
-// object is destroyed, and by itself when this process goes away.
+// "silent", "slow"). The constructor waits (bounded) until the server
+// listens and throws std::runtime_error when it cannot start. The server ends
+// when the object is destroyed, and by itself when this process goes away.
 // Not thread-safe; one owner.
 class FtpTestServer {
  public:

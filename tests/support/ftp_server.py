@@ -19,6 +19,7 @@ Fault modes (one per server):
   stordrop   takes 256 KiB of an upload, then drops the data connection (426)
   storstall  takes 256 KiB of an upload, then stops answering altogether
   silent     accepts connections and never says anything
+  slow       sends every download at 64 KiB/s
 """
 
 import argparse
@@ -29,10 +30,11 @@ import threading
 import time
 
 from pyftpdlib.authorizers import DummyAuthorizer
-from pyftpdlib.handlers import FTPHandler
+from pyftpdlib.handlers import FTPHandler, ThrottledDTPHandler
 from pyftpdlib.servers import FTPServer
 
 STALL_SECONDS = 3600
+SLOW_BYTES_PER_SECOND = 64 * 1024
 
 
 class _HalfReader(object):
@@ -142,6 +144,11 @@ def make_handler(fault):
                     self._in_dtp_queue = (_LimitedWriter(fd, fault), cmd)
             return result
 
+    if fault == "slow":
+        class SlowDTPHandler(ThrottledDTPHandler):
+            write_limit = SLOW_BYTES_PER_SECOND
+
+        Handler.dtp_handler = SlowDTPHandler
     return Handler
 
 
