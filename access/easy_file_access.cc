@@ -35,7 +35,14 @@ int CEasyFileAccess::Read(BYTE* pBuffer, int nCount) { return m_pEasyFile ? m_pE
 
 __int64 CEasyFileAccess::GetPosition() { return m_pEasyFile ? m_pEasyFile->GetPos() : 0; }
 
-int CEasyFileAccess::SetPosition(__int64 nPos) { return m_pEasyFile ? m_pEasyFile->SetPos(nPos, 0) : 0; }
+int CEasyFileAccess::SetPosition(__int64 nPos) {
+  if (!m_pEasyFile) return 0;
+  if (nPos < 0) {  // before the file's start: refused, nothing moves
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return 0;
+  }
+  return m_pEasyFile->SetPos(nPos, 0);
+}
 
 int CEasyFileAccess::CloseFile() {
   if (!m_pEasyFile) return 0;

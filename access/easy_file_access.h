@@ -33,6 +33,8 @@ class CEasyFileAccess : public KxFileAccessBase {
   int SetReadBufferSize(DWORD nSize) override;
   int Read(BYTE* pBuffer, int nCount) override;
   __int64 GetPosition() override;
+  // The reader's SetPos result; 0 with no reader, and 0 with
+  // ERROR_NEGATIVE_SEEK (nothing moved) for a negative position.
   int SetPosition(__int64 nPos) override;
   int Write(const BYTE* pBuffer, int nCount) override { return 0; }
   // The reader's Close result; 0 with no reader.

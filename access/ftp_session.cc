@@ -404,6 +404,38 @@ LONG CFtpSession::Read(void* dst, LONG count) {
   return static_cast<LONG>(got);
 }
 
+LONG CFtpSession::ReadSome(void* dst, LONG count) {
+  if (m_eMode != Mode::kRead || count < 0 || !dst) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return -1;
+  }
+  auto want = static_cast<size_t>(count);
+  size_t got = std::min(want, m_spill.size() - m_nSpillPos);
+  if (got > 0) {
+    std::memcpy(dst, m_spill.data() + m_nSpillPos, got);
+    m_nSpillPos += got;
+  } else if (want > 0 && !m_bDone) {
+    m_pDst = static_cast<char*>(dst);
+    m_nNeed = want;
+    if (m_bPaused) {
+      m_bPaused = false;
+      curl_easy_pause(m_pEasy, CURLPAUSE_CONT);
+    }
+    // Until a receive delivered something: each receive's bytes are handed
+    // over whole, never byte by byte.
+    Drive([this, want] { return m_nNeed < want; });
+    got = want - m_nNeed;
+    m_pDst = nullptr;
+    m_nNeed = 0;
+  }
+  if (got == 0 && want > 0 && m_bDone && m_eResult != CURLE_OK) {
+    FailWith(m_eResult);
+    return -1;
+  }
+  m_nPos += got;
+  return static_cast<LONG>(got);
+}
+
 BOOL CFtpSession::Seek(ULONGLONG pos) {
   if (m_eMode != Mode::kRead) {
     SetLastError(ERROR_INVALID_PARAMETER);

@@ -83,6 +83,13 @@ class CFtpSession {
   // Returns the bytes delivered, or -1 (last error set) when the transfer
   // failed before count bytes came; the position then stays where it was.
   LONG Read(void* dst, LONG count);
+  // Delivers up to count bytes into dst (not null) as soon as any are there:
+  // what is buffered, or else what the next receive brings. Returns the
+  // bytes delivered (0 only at the end of the file), or -1 (last error set)
+  // when the transfer failed before any byte of this call came; bytes that
+  // came before a failure are delivered, and the failure shows at the next
+  // call.
+  LONG ReadSome(void* dst, LONG count);
   // Moves the read position to pos: a short step forward reads and discards,
   // anything else restarts the download at pos. Positions at or past the end
   // read nothing. FALSE when no download is open.

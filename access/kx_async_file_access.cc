@@ -31,22 +31,34 @@ KxAsyncFileAccess::~KxAsyncFileAccess() {
   if (m_hWorkerDone) CloseHandle(m_hWorkerDone);
 }
 
-int KxAsyncFileAccess::AsyncEnable(bool bRead, int bEnable, int nCapacity, bool bFileOpen, DWORD nOpenMode,
-                                   __int64 nFilePos) {
-  if (nCapacity < 1) return 0;
+int KxAsyncFileAccess::AsyncEnable(bool bRead, int bEnable, int nCapacity, bool bFileOpen, DWORD nOpenMode) {
+  // Every check comes before any change: a refused call leaves the running
+  // transfer exactly as it was.
+  if (nCapacity < kMinAsyncBufferSize) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
   // A ring serves one direction; a file open for the other one keeps its
   // direct path rather than racing a worker on the same handle.
-  if (bEnable && bFileOpen && nOpenMode != (bRead ? 1u : 2u)) return 0;
+  if (bEnable && bFileOpen && nOpenMode != (bRead ? 1u : 2u)) {
+    SetLastError(ERROR_INVALID_FUNCTION);
+    return 0;
+  }
   m_bAsync = bEnable;
   m_nAsyncBufferSize = nCapacity;
+  // A write-behind serving an open file is never drained here (on a slow or
+  // stalled server that could take minutes): turned off, it goes on until
+  // CloseFile writes out what it queued; enabled again, it is replaced only
+  // when it holds nothing (the caller is its only producer, so an empty
+  // ring stays empty and its worker ends at once).
+  if (IsAsyncWrite() && bFileOpen && (!bEnable || m_pRing->HasData())) return 1;
   if (m_pRing) {
     __int64 nResume = AsyncStop();
-    if (nResume >= 0 && bFileOpen) {
-      ResumeAt(nResume);
-      nFilePos = nResume;
-    }
+    if (nResume >= 0 && bFileOpen) ResumeAt(nResume);
   }
   if (!bEnable) return 1;
+  // No worker runs now, so the back-end's position is the caller's to read.
+  __int64 nFilePos = bFileOpen ? CurrentReadPosition() : 0;
   if (bRead) m_nAsyncPosition = 0;
   if (!StartWorker(bRead, static_cast<DWORD>(nCapacity), nFilePos)) {
     m_bAsync = 0;
@@ -94,6 +106,10 @@ __int64 KxAsyncFileAccess::AsyncStop() {
     m_bStopWorker.store(1);
     m_worker.RequestStop();
     m_pRing->Close();
+    // A released worker may be blocked inside a transfer call of the
+    // back-end; one still waiting for an open is not, and the back-end may
+    // just have opened a file that must not be disturbed.
+    if (m_bOpenSignalled) InterruptWorker();
   } else {
     m_pRing->SetEndOfStream();
   }
@@ -190,9 +206,12 @@ void KxAsyncFileAccess::WorkerMain() {
 void KxAsyncFileAccess::ReadAheadLoop() {
   for (;;) {
     if (m_bStopWorker.load()) return;
+    // Whatever arrived is handed on at once: the chunk bounds one transfer
+    // call, it is not a unit to wait for.
     int nRead = WorkerRead(m_pTransfer, m_nTransferSize);
+    if (nRead <= 0) return;  // end of file or a failed read
     int nDone = 0;
-    // Hand the chunk over in pieces that always fit beside what the caller
+    // Hand the bytes over in pieces that always fit beside what the caller
     // is waiting for (see CallerPiece).
     while (nDone < nRead) {
       if (m_bStopWorker.load()) return;
@@ -202,7 +221,6 @@ void KxAsyncFileAccess::ReadAheadLoop() {
       if (nLen < nAsked) return;  // StopWriting cut the wait short
       nDone += nLen;
     }
-    if (nRead < m_nTransferSize) return;  // end of file or a failed read
   }
 }
 

@@ -44,6 +44,9 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   static constexpr int kMaxCallerPiece = 2097152;
   // Transfer size of the write-behind worker.
   static constexpr int kWriteBehindChunk = 0x180000;
+  // Smallest ring an enabling call accepts: below it every transfer is a
+  // thread hand-over of a few bytes, and the transfer crawls.
+  static constexpr int kMinAsyncBufferSize = 65536;
 
  protected:
   // nReadAheadChunk: bytes the read-ahead worker asks of WorkerRead at a time
@@ -52,8 +55,9 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   ~KxAsyncFileAccess() override;
 
   // Worker thread: read up to nCount bytes at the file's read position into
-  // pBuffer; return the bytes read (fewer than asked only at the end of the
-  // file or on a failure).
+  // pBuffer; return the bytes read, 0 at the end of the file or on a
+  // failure (which ends the read-ahead). It may return fewer than asked
+  // whenever that is what has arrived: the worker hands them on at once.
   virtual int WorkerRead(BYTE* pBuffer, int nCount) = 0;
   // Worker thread: write nCount bytes; return the bytes written.
   virtual int WorkerWrite(const BYTE* pBuffer, int nCount) = 0;
@@ -62,15 +66,31 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   // back-end moves its read position to nFilePos, the next byte the caller
   // had not taken, so that nothing is skipped. The base does nothing.
   virtual void ResumeAt(__int64 nFilePos) {}
+  // Caller thread, no worker running: the file position of the next byte a
+  // read-ahead started now would deliver. The base returns 0.
+  virtual __int64 CurrentReadPosition() { return 0; }
+  // Caller thread, while a released read-ahead worker runs: end a transfer
+  // call the worker may be blocked in (the back-end's WorkerRead then
+  // returns soon). Called by AsyncStop before it waits for the worker. The
+  // base does nothing.
+  virtual void InterruptWorker() {}
 
-  // EnableAsyncRead (bRead) or EnableAsyncWrite. Returns 0 and changes
-  // nothing for a capacity below 1, or when a file is open (bFileOpen) in the
-  // other direction's mode (nOpenMode). Otherwise stores the flag and the
-  // capacity; enable 0 stops a running worker (as AsyncStop) and returns 1;
-  // enable 1 replaces any worker by a new one over a new ring (starting at
-  // once when a file is open, else at the next open) and returns 1, or 0 with
-  // asynchronous mode off when the ring or the thread cannot be made.
-  int AsyncEnable(bool bRead, int bEnable, int nCapacity, bool bFileOpen, DWORD nOpenMode, __int64 nFilePos);
+  // EnableAsyncRead (bRead) or EnableAsyncWrite. Checks first and changes
+  // nothing when it refuses: 0 with ERROR_INVALID_PARAMETER for a capacity
+  // below kMinAsyncBufferSize, 0 with ERROR_INVALID_FUNCTION when enabling
+  // while a file is open (bFileOpen) in the other direction's mode
+  // (nOpenMode). Otherwise stores the flag and the capacity and returns 1:
+  // - enable 0 ends a read-ahead (reads go on synchronously from the next
+  //   byte not yet delivered); a write-behind serving an open file keeps
+  //   running until CloseFile writes out what it queued;
+  // - enable 1 replaces any worker by a new one over a new ring (starting at
+  //   once when a file is open, else at the next open), except that a
+  //   write-behind serving an open file with bytes still queued goes on with
+  //   its ring; 0 with asynchronous mode off when the ring or the thread
+  //   cannot be made.
+  // Neither waits for a transfer to finish: a read-ahead is interrupted
+  // (InterruptWorker) and write-behind is never drained here.
+  int AsyncEnable(bool bRead, int bEnable, int nCapacity, bool bFileOpen, DWORD nOpenMode);
 
   // End of a successful or failed open in mode nMode: empties a ring made
   // before the open (or replaces it when its direction does not suit the
@@ -79,8 +99,9 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   void AsyncOnOpen(DWORD nMode);
 
   // Stops the worker and destroys the ring: a read-ahead worker is told to
-  // stop and its buffered bytes are dropped; a write-behind worker first
-  // writes every queued byte. Returns only after the worker thread has ended.
+  // stop (and interrupted when it was released) and its buffered bytes are
+  // dropped; a write-behind worker first writes every queued byte. Returns
+  // only after the worker thread has ended.
   // Returns the file position of the next byte the caller had not yet taken
   // from a read-ahead ring (-1 for a write-behind ring or no ring).
   __int64 AsyncStop();

@@ -56,10 +56,13 @@ class KxFileAccessBase {
   virtual ULONGLONG GetLength() { return m_nFileLength; }
 
   // Slot 4. Turns write-behind on (bEnable non-zero) with a ring of
-  // nBufferSize bytes, or off. 0 for a capacity below 1.
+  // nBufferSize bytes, or off. A back-end that takes a capacity refuses one
+  // below 65,536 bytes (0, ERROR_INVALID_PARAMETER) and changes nothing.
+  // Returns promptly: it never waits for a transfer to finish.
   virtual int EnableAsyncWrite(int bEnable, int nBufferSize) = 0;
 
-  // Slot 5. Turns read-ahead on with a ring of nBufferSize bytes, or off.
+  // Slot 5. Turns read-ahead on with a ring of nBufferSize bytes, or off;
+  // capacity and promptness as slot 4.
   virtual int EnableAsyncRead(int bEnable, int nBufferSize) = 0;
 
   // Slot 6. Reports the access mode of the open file in nMode.
@@ -75,7 +78,8 @@ class KxFileAccessBase {
   // Slot 9. Current position in bytes from the file's start.
   virtual __int64 GetPosition() = 0;
 
-  // Slot 10. Moves to nPos bytes from the file's start.
+  // Slot 10. Moves to nPos bytes from the file's start. A negative nPos is
+  // refused: 0, ERROR_NEGATIVE_SEEK, nothing moved.
   virtual int SetPosition(__int64 nPos) = 0;
 
   // Slot 11. Writes nCount bytes from pBuffer. Returns the back-end's result

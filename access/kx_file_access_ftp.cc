@@ -27,10 +27,12 @@ void KxFileAccessFtp::Disconnect() {
 }
 
 void KxFileAccessFtp::StopWorker() {
-  // A read-ahead worker may be blocked in a remote read: end that first.
-  if (IsAsyncRead()) m_session.Abort();
+  // A released read-ahead worker blocked in a remote read is aborted by
+  // InterruptWorker.
   AsyncStop();
 }
+
+void KxFileAccessFtp::InterruptWorker() { m_session.Abort(); }
 
 int KxFileAccessFtp::LogInHost(CComBSTR strHost, CComBSTR strUser, CComBSTR strPassword, int nPort) {
   try {
@@ -84,8 +86,7 @@ int KxFileAccessFtp::OpenFile(CComBSTR strPath, DWORD nMode) {
 
 int KxFileAccessFtp::EnableAsyncWrite(int bEnable, int nBufferSize) {
   try {
-    return AsyncEnable(false, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode,
-                       static_cast<__int64>(m_session.Position()));
+    return AsyncEnable(false, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
@@ -94,9 +95,7 @@ int KxFileAccessFtp::EnableAsyncWrite(int bEnable, int nBufferSize) {
 
 int KxFileAccessFtp::EnableAsyncRead(int bEnable, int nBufferSize) {
   try {
-    if (IsAsyncRead()) m_session.Abort();  // AsyncEnable stops the running worker
-    return AsyncEnable(true, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode,
-                       static_cast<__int64>(m_session.Position()));
+    return AsyncEnable(true, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
@@ -130,8 +129,10 @@ int KxFileAccessFtp::DirectRead(BYTE* pBuffer, int nCount) {
 }
 
 int KxFileAccessFtp::WorkerRead(BYTE* pBuffer, int nCount) {
-  // The session waits for the whole chunk unless the file ends or fails.
-  LONG got = m_session.Read(pBuffer, nCount);
+  // What the server has sent so far, as soon as there is any: the first
+  // bytes reach the caller without waiting for the whole chunk, and bytes
+  // received before a failure are kept.
+  LONG got = m_session.ReadSome(pBuffer, nCount);
   return got < 0 ? 0 : static_cast<int>(got);
 }
 
@@ -158,6 +159,10 @@ __int64 KxFileAccessFtp::GetPosition() {
 
 int KxFileAccessFtp::SetPosition(__int64 nPos) {
   if (!m_bFileOpen) return 0;
+  if (nPos < 0) {  // refused whatever its low 32 bits say
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return 0;
+  }
   auto offset = static_cast<LONG>(static_cast<DWORD>(nPos));  // only the low 32 bits reach the seek
   if (offset < 0 || m_nAccessMode != 1) {
     SetLastError(offset < 0 ? ERROR_NEGATIVE_SEEK : ERROR_INVALID_FUNCTION);

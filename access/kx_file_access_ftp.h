@@ -50,8 +50,11 @@ class KxFileAccessFtp : public KxAsyncFileAccess {
   // other modes open nothing and return 1. 0 when not connected or the
   // server refuses.
   int OpenFile(CComBSTR strPath, DWORD nMode) override;
-  // The asynchronous scheme of KxAsyncFileAccess; 0 for a capacity below 1
-  // or a file open in the other direction.
+  // The asynchronous scheme of KxAsyncFileAccess::AsyncEnable; 0 (nothing
+  // changed) for a capacity below kMinAsyncBufferSize or a file open in the
+  // other direction. Returns promptly whatever the server does: a
+  // read-ahead blocked in a remote read is aborted, and reading resumes
+  // from the next byte not yet delivered.
   int EnableAsyncWrite(int bEnable, int nBufferSize) override;
   int EnableAsyncRead(int bEnable, int nBufferSize) override;
   // The mode and 1 with a file open; 0xFFFFFFFF and 0 without.
@@ -64,8 +67,8 @@ class KxFileAccessFtp : public KxAsyncFileAccess {
   int Read(BYTE* pBuffer, int nCount) override;
   __int64 GetPosition() override;
   // Seeks to the low 32 bits of nPos taken as a signed value; returns the low
-  // 32 bits of the new position, 0 when the seek fails (negative, not open
-  // for reading, server failure). In read-ahead mode the worker is stopped,
+  // 32 bits of the new position, 0 when the seek fails (a negative request
+  // or low half: ERROR_NEGATIVE_SEEK; not open for reading, server failure). In read-ahead mode the worker is stopped,
   // its buffered bytes dropped, and it starts again at the new position.
   int SetPosition(__int64 nPos) override;
   // nCount on success; 0 on failure, after which the object is disconnected
@@ -85,6 +88,8 @@ class KxFileAccessFtp : public KxAsyncFileAccess {
   int WorkerRead(BYTE* pBuffer, int nCount) override;
   int WorkerWrite(const BYTE* pBuffer, int nCount) override;
   void ResumeAt(__int64 nFilePos) override;
+  __int64 CurrentReadPosition() override { return static_cast<__int64>(m_session.Position()); }
+  void InterruptWorker() override;
 
  private:
   int DirectRead(BYTE* pBuffer, int nCount);

@@ -101,7 +101,7 @@ int KxFileAccessLocal::OpenFile(CComBSTR strPath, DWORD nMode) {
 
 int KxFileAccessLocal::EnableAsyncWrite(int bEnable, int nBufferSize) {
   try {
-    return AsyncEnable(false, bEnable, nBufferSize, HasFile(), m_nAccessMode, m_nLogicalPos);
+    return AsyncEnable(false, bEnable, nBufferSize, HasFile(), m_nAccessMode);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
@@ -110,14 +110,14 @@ int KxFileAccessLocal::EnableAsyncWrite(int bEnable, int nBufferSize) {
 
 int KxFileAccessLocal::EnableAsyncRead(int bEnable, int nBufferSize) {
   try {
-    return AsyncEnable(true, bEnable, nBufferSize, HasFile(), m_nAccessMode, m_nLogicalPos);
+    return AsyncEnable(true, bEnable, nBufferSize, HasFile(), m_nAccessMode);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
 }
 
-void KxFileAccessLocal::ResumeAt(__int64 nFilePos) { SyncSetPosition(nFilePos); }
+void KxFileAccessLocal::ResumeAt(__int64 nFilePos) { SyncSetPosition(nFilePos, false); }
 
 int KxFileAccessLocal::GetAccessMode(DWORD& nMode) {
   if (m_hFile != nullptr) {
@@ -164,14 +164,16 @@ bool KxFileAccessLocal::MovePointer(__int64 nPos, __int64* pNewPos) {
   return ok != FALSE;
 }
 
-int KxFileAccessLocal::SyncSetPosition(__int64 nPos) {
+int KxFileAccessLocal::SyncSetPosition(__int64 nPos, bool bAsyncEntry) {
   m_nLogicalPos = nPos;
   // The block cache wants 4,096-aligned fills; a writer wants its next byte
   // exactly where it asked, so nothing before it is overwritten.
   m_nDiskPos = m_nAccessMode == 2 ? nPos : AlignDown(nPos);
   __int64 nNew = 0;
   if (!MovePointer(m_nDiskPos, &nNew)) {
-    LogEntry(kSeekTitle, MoveDetail(m_nDiskPos, nNew).c_str());
+    // A seek asked for in asynchronous mode names the caller's position; a
+    // synchronous one the aligned position the pointer was sent to.
+    LogEntry(kSeekTitle, MoveDetail(bAsyncEntry ? nPos : m_nDiskPos, nNew).c_str());
     return 0;
   }
   return 1;
@@ -179,6 +181,12 @@ int KxFileAccessLocal::SyncSetPosition(__int64 nPos) {
 
 int KxFileAccessLocal::SetPosition(__int64 nPos) {
   if (!HasFile()) return 0;
+  if (nPos < 0) {
+    // Refused before anything moves: no position before the file's start
+    // reaches the cache arithmetic or the worker.
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return 0;
+  }
   try {
     if (IsAsyncActive()) {
       // Deterministic seek: end the worker (queued writes land at the old
@@ -186,12 +194,12 @@ int KxFileAccessLocal::SetPosition(__int64 nPos) {
       bool bRead = IsAsyncRead();
       DWORD nCapacity = AsyncCapacity();
       AsyncStop();
-      int r = SyncSetPosition(nPos);
+      int r = SyncSetPosition(nPos, true);
       m_nAsyncPosition = nPos;
       AsyncRestart(bRead, nCapacity, nPos);
       return r;
     }
-    return SyncSetPosition(nPos);
+    return SyncSetPosition(nPos, false);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     LogEntry(kSeekExceptionTitle, MoveDetail(nPos, 0).c_str());
@@ -235,28 +243,32 @@ bool KxFileAccessLocal::GrowCache(__int64 nNeed) {
 int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
   if (!HasFile()) return 0;
   if (!pBuffer) {
-    // Skip: no bytes are copied; the cache is emptied and the next fill
-    // starts at the aligned block below the new position.
+    // Skip: no bytes are copied; the cache is emptied and the pointer goes
+    // exactly to the new position (a write after a skip lands there; a
+    // fill that needs an aligned start realigns itself).
     __int64 nTarget = m_nLogicalPos + nCount;
-    __int64 nDisk = AlignDown(nTarget);
     __int64 nNew = 0;
-    if (nTarget < 0 || !MovePointer(nDisk, &nNew)) {
+    if (nTarget < 0 || !MovePointer(nTarget, &nNew)) {
       if (nTarget < 0) SetLastError(ERROR_NEGATIVE_SEEK);
       LogEntry(kSeekWhenReadTitle, MoveDetail(nTarget, nNew).c_str());
       return 0;
     }
     m_nLogicalPos = nTarget;
-    m_nDiskPos = m_nReadCacheStart = nDisk;
+    m_nDiskPos = m_nReadCacheStart = nTarget;
     m_nReadCacheLen = 0;
     __int64 nAbs = nCount < 0 ? -static_cast<__int64>(nCount) : nCount;
     return static_cast<int>(std::min<__int64>(nAbs, INT_MAX));
   }
   if (nCount <= 0) return 0;
+  if (m_nLogicalPos < 0) {  // never set so; kept out of the copies below
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return 0;
+  }
 
   __int64 nRemainder = nCount;
   if (m_nReadCacheStart < m_nLogicalPos) {
     __int64 nAvailable = m_nReadCacheStart + m_nReadCacheLen - m_nLogicalPos;
-    if (nAvailable > 0) {
+    if (nAvailable > 0 && m_nReadCacheStart >= 0) {
       __int64 nTake = std::min<__int64>(nAvailable, nCount);
       std::memcpy(pBuffer, m_pReadCache + (m_nLogicalPos - m_nReadCacheStart), static_cast<size_t>(nTake));
       m_nLogicalPos += nTake;
@@ -293,7 +305,8 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     // One platform read for all the blocks: a large request lets the
     // system read ahead as far as the caller wants.
     if (!ReadFile(m_hFile, pDest, static_cast<DWORD>(nDirect), &nRead, nullptr)) {
-      LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nDirect, nRead).c_str());
+      // The entry names the block size, as every failed read does.
+      LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nBlock, nRead).c_str());
       m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
       m_nReadCacheLen = 0;
       MovePointer(m_nDiskPos, nullptr);  // where the next read retries
@@ -308,7 +321,8 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     if (bEnd || nRemainder <= 0) return static_cast<int>(nCount - nRemainder);
   }
 
-  __int64 nGap = m_nLogicalPos - m_nDiskPos;
+  __int64 nGap = m_nLogicalPos - m_nDiskPos;  // 0 or more: the pointer was moved back above otherwise
+  if (nGap < 0) return static_cast<int>(nCount - nRemainder);
   __int64 nNeed = nGap + nRemainder;
   if (nNeed % kAlign != 0) nNeed += kAlign - nNeed % kAlign;
   if (nNeed <= nBlock)

@@ -35,14 +35,18 @@ class KxFileAccessLocal : public KxAsyncFileAccess {
   ~KxFileAccessLocal() override;
 
   int OpenFile(CComBSTR strPath, DWORD nMode) override;
+  // Read-ahead and write-behind (KxAsyncFileAccess::AsyncEnable): 0 with
+  // ERROR_INVALID_PARAMETER for a capacity below kMinAsyncBufferSize, and
+  // nothing changes then.
   int EnableAsyncWrite(int bEnable, int nBufferSize) override;
-  // 0 for a capacity below 1 (a ring needs at least one byte).
   int EnableAsyncRead(int bEnable, int nBufferSize) override;
   int GetAccessMode(DWORD& nMode) override;
   // Sets ReadBufSize for the whole process; 0 for size 0 or above 1 GiB.
   int SetReadBufferSize(DWORD nSize) override;
   int Read(BYTE* pBuffer, int nCount) override;
   __int64 GetPosition() override;
+  // 1 when moved; 0 when the move failed, and 0 with ERROR_NEGATIVE_SEEK,
+  // nothing changed, for a negative position.
   int SetPosition(__int64 nPos) override;
   int Write(const BYTE* pBuffer, int nCount) override;
   int CloseFile() override;
@@ -51,12 +55,15 @@ class KxFileAccessLocal : public KxAsyncFileAccess {
   int WorkerRead(BYTE* pBuffer, int nCount) override { return DirectRead(pBuffer, nCount); }
   int WorkerWrite(const BYTE* pBuffer, int nCount) override { return DirectWrite(pBuffer, nCount); }
   void ResumeAt(__int64 nFilePos) override;
+  __int64 CurrentReadPosition() override { return m_nLogicalPos; }
 
  private:
   bool HasFile() const { return m_hFile != nullptr && m_hFile != INVALID_HANDLE_VALUE; }
   int DirectRead(BYTE* pBuffer, int nCount);
   int DirectWrite(const BYTE* pBuffer, int nCount);
-  int SyncSetPosition(__int64 nPos);
+  // Moves the read position (and the pointer) to nPos; bAsyncEntry names
+  // nPos itself, not the aligned position, in a failure's log entry.
+  int SyncSetPosition(__int64 nPos, bool bAsyncEntry);
   bool MovePointer(__int64 nPos, __int64* pNewPos);
   bool GrowCache(__int64 nNeed);
   void LogEntry(const char* title, const wchar_t* detail);

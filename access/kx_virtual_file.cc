@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "access/kx_async_file_access.h"
 #include "diagnostics/error_log.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/virtual_storage.h"
@@ -13,6 +14,15 @@ kxVirtualFile::~kxVirtualFile() { QltDeleteVirtualFile(m_pVirtualFile); }
 
 void kxVirtualFile::LogEntry(const char* title, const wchar_t* detail) {
   if (SdkSettings.LogFileOn != 0) WriteErrorLogEntry(m_errorLog, m_strPath, title, detail);
+}
+
+int kxVirtualFile::EnableAsync(int nBufferSize) {
+  if (!m_pVirtualFile) return 0;
+  if (nBufferSize < KxAsyncFileAccess::kMinAsyncBufferSize) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  return 1;
 }
 
 int kxVirtualFile::OpenFile(CComBSTR strPath, DWORD nMode) {
@@ -58,6 +68,10 @@ __int64 kxVirtualFile::GetPosition() { return m_pVirtualFile ? m_pVirtualFile->G
 
 int kxVirtualFile::SetPosition(__int64 nPos) {
   if (!m_pVirtualFile) return 0;
+  if (nPos < 0) {
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return 0;
+  }
   __int64 nDistance = nPos;
   __int64 nNew = m_pVirtualFile->Seek(&nDistance, 0, 1);
   if (nNew != nPos) {
@@ -71,8 +85,11 @@ int kxVirtualFile::SetPosition(__int64 nPos) {
 
 int kxVirtualFile::Write(const BYTE* pBuffer, int nCount) {
   if (!m_pVirtualFile) return 0;
-  if (pBuffer && nCount > 0) m_pVirtualFile->Write(pBuffer, static_cast<DWORD>(nCount));
-  return 1;
+  if (!pBuffer || nCount <= 0) return 1;
+  // The storage reports the bytes it wrote; fewer than asked (a full disk
+  // included) is a failed write, and its last error is left for the caller.
+  int nWritten = m_pVirtualFile->Write(pBuffer, static_cast<DWORD>(nCount));
+  return nWritten == nCount ? 1 : 0;
 }
 
 int kxVirtualFile::CloseFile() {

@@ -7,10 +7,14 @@
 // Read the storage's byte count (0 for a negative count); GetLength the
 // storage's size (0 when it reports none); SetPosition the low 32 bits of the
 // position the storage reached (-1 when the storage refuses the move, e.g. with
-// no file open); Write, CloseFile, EnableAsyncRead/Write,
-// SetReadBufferSize and GetAccessMode (which leaves its argument alone)
-// return 1. When the library cannot be loaded or its object cannot be made,
-// every operation returns 0 instead. A failed open, a short read, a seek
+// no file open; 0 with ERROR_NEGATIVE_SEEK for a negative position, which is
+// not passed on); Write 1 when the storage took every byte, 0 when it took
+// fewer (a full disk, a failed write: the storage's last error stays);
+// EnableAsyncRead/Write 1 (0 with ERROR_INVALID_PARAMETER for a capacity
+// below KxAsyncFileAccess::kMinAsyncBufferSize, as on the other back-ends);
+// CloseFile, SetReadBufferSize and GetAccessMode (which leaves its argument
+// alone) return 1. When the library cannot be loaded or its object cannot be
+// made, every operation returns 0 instead. A failed open, a short read, a seek
 // that lands elsewhere and a size below 64 bytes write an error-log entry
 // while LogFileOn is set.
 //
@@ -34,8 +38,8 @@ class kxVirtualFile : public KxFileAccessBase {
 
   int OpenFile(CComBSTR strPath, DWORD nMode) override;
   ULONGLONG GetLength() override;
-  int EnableAsyncWrite(int bEnable, int nBufferSize) override { return m_pVirtualFile ? 1 : 0; }
-  int EnableAsyncRead(int bEnable, int nBufferSize) override { return m_pVirtualFile ? 1 : 0; }
+  int EnableAsyncWrite(int bEnable, int nBufferSize) override { return EnableAsync(nBufferSize); }
+  int EnableAsyncRead(int bEnable, int nBufferSize) override { return EnableAsync(nBufferSize); }
   int GetAccessMode(DWORD& nMode) override { return m_pVirtualFile ? 1 : 0; }
   int SetReadBufferSize(DWORD nSize) override { return m_pVirtualFile ? 1 : 0; }
   int Read(BYTE* pBuffer, int nCount) override;
@@ -46,6 +50,8 @@ class kxVirtualFile : public KxFileAccessBase {
 
  private:
   void LogEntry(const char* title, const wchar_t* detail);
+  // Reads and writes stay synchronous; only the capacity is checked.
+  int EnableAsync(int nBufferSize);
 
   CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; null when it could not be made
   CLogFileWriter2 m_errorLog;

@@ -27,22 +27,27 @@ class KxFileAccessBase;
 // Results: every operation returns the back-end's result unchanged (non-zero
 // = success for the status results). With no back-end every operation
 // returns 0. Where the back-ends differ:
-//   - EnableAsyncRead/Write: local and FTP 1 (0 for a capacity below 1, or
-//     for the direction that does not suit a file already open); virtual
-//     storage 1 and nothing happens; easy-file 0.
+//   - EnableAsyncRead/Write: local and FTP 1 (0 for the direction that
+//     does not suit a file already open); virtual storage 1 and nothing
+//     happens; easy-file 0. A capacity below 65,536 bytes is refused (0,
+//     last error ERROR_INVALID_PARAMETER) and changes nothing. The calls
+//     return promptly whatever a server does.
 //   - GetAccessMode: local and FTP the mode and 1, or 0xFFFFFFFF and 0 with
 //     no file; virtual storage and easy-file 1, argument left untouched.
 //   - SetReadBufferSize: local sets the process-wide block size (0 for 0);
 //     FTP 0; virtual storage 1; easy-file the reader's result.
 //   - SetPosition: local 1 or 0; FTP and virtual storage the low 32 bits of
 //     the new position (virtual storage: -1 when the move is refused, e.g.
-//     with no file open); easy-file the reader's result.
+//     with no file open); easy-file the reader's result. A negative
+//     position is refused on every back-end: 0, last error
+//     ERROR_NEGATIVE_SEEK, nothing moved.
 //   - Read: bytes delivered; a null buffer skips the count on the local and
 //     FTP back-ends (a negative count skips backwards on the local one and
 //     reports the distance); a negative count with a buffer gives 0 (the
 //     easy-file reader gives -1 for bad arguments and a failed open).
 //   - Write: local and FTP the bytes written (0 on failure); virtual
-//     storage 1 always; easy-file 0 always.
+//     storage 1, or 0 when the storage wrote fewer bytes than asked (a full
+//     disk: last error ERROR_DISK_FULL); easy-file 0 always.
 //   - CloseFile: local 1, or 0 when no file was open or a write came up
 //     short; FTP 1 or 0; virtual storage 1; easy-file the reader's result.
 // In asynchronous mode (local, FTP) GetPosition reports the bytes Read

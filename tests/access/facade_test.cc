@@ -105,6 +105,10 @@ TEST_F(FacadeTest, EachSourceGivesItsOwnResultsAndTheFilesBytes) {
     EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>("0123456789"), 10), c.write);
     EXPECT_EQ(f.EnableAsyncRead(1, 1 << 20), c.asyncRead);
     EXPECT_EQ(f.EnableAsyncWrite(1, 1 << 20), c.asyncWrite);
+    for (int size : {0, 1, 65535}) {  // too small to work anywhere
+      EXPECT_EQ(f.EnableAsyncWrite(1, size), 0) << size;
+      EXPECT_EQ(f.EnableAsyncRead(1, size), 0) << size;
+    }
     EXPECT_EQ(f.CloseFile(), 1);
   }
   const std::string kData = Pattern(0, 300000);
@@ -135,6 +139,11 @@ TEST_F(FacadeTest, EachSourceGivesItsOwnResultsAndTheFilesBytes) {
     EXPECT_TRUE(got == kData);
     EXPECT_EQ(f.GetPosition(), 300000);
     EXPECT_NE(f.SetPosition(1234), 0);
+    for (__int64 pos : {-1LL, -(1LL << 40)}) {  // refused; the position stays
+      SetLastError(0);
+      EXPECT_EQ(f.SetPosition(pos), 0) << pos;
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NEGATIVE_SEEK));
+    }
     ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(&got[0]), 10), 10);
     EXPECT_TRUE(got.substr(0, 10) == kData.substr(1234, 10));
     f.CloseFile();
@@ -164,6 +173,27 @@ TEST_F(FacadeTest, VirtualStorageResultsAreTheStoragesOwnAndOddAnswersAreLogged)
   for (const char* line : {"qvf:\\small.bin", "    Get file size:   size :10   ",
                            "    read file :   size to read  :20  real size  :5  ", "    open file fail!   "})
     EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+}
+
+// A write the storage cannot complete (a full disk, a short write) fails
+// the call with the storage's error; the next write that fits succeeds.
+TEST_F(FacadeTest, VirtualStorageWriteFailuresFailTheWrite) {
+  for (auto action : {qlt::fault::Action::kFail, qlt::fault::Action::kShort}) {
+    QLCT_FileAccess f;
+    ASSERT_NE(f.OpenFile(CComBSTR(L"qvf:\\full.bin"), 2), 0);
+    const std::string data(100000, 'd');
+    {
+      qlt::fault::ScopedFault full({qlt::fault::kWrite, L"*full.bin", nullptr, 1, 1, action, ERROR_DISK_FULL, 10, 0});
+      SetLastError(0);
+      EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>(data.data()), 100000), 0);
+      EXPECT_EQ(full.Fired(), 1);
+      if (action == qlt::fault::Action::kFail) {
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DISK_FULL));
+      }
+    }
+    EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>(data.data()), 100000), 1);
+    EXPECT_EQ(f.CloseFile(), 1);
+  }
 }
 
 TEST_F(FacadeTest, FileIsExistAnswersForEverySourceAndWithoutTheLibraries) {

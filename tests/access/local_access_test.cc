@@ -2,6 +2,8 @@
 // write path, access-mode rules, injected platform failures, and read-ahead
 // and write-behind (the same bytes as the synchronous path for any request
 // and ring size, closes in the middle of a transfer, no worker left behind).
+#include <climits>
+
 #include "access/kx_file_access_local.h"
 #include "tests/access/access_fixture.h"
 
@@ -117,6 +119,28 @@ TEST_F(AccessTest, PositionsAboveFourGiBInASparseFile) {
   }
 }
 
+// A position before the file's start is refused and changes nothing, sync
+// and async: the next read delivers the bytes after the last good position.
+TEST_F(AccessTest, NegativePositionsAreRefusedAndChangeNothing) {
+  ASSERT_TRUE(WritePatternFile(m_dir.file("data.bin"), kFileSize));
+  for (bool async : {false, true}) {
+    SCOPED_TRACE(async ? "async" : "sync");
+    KxFileAccessLocal f;
+    ASSERT_EQ(f.EnableAsyncRead(async, kMiB), 1);
+    ASSERT_EQ(f.OpenFile(Path("data.bin"), 1), 1);
+    char buf[100];
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 100), 100);
+    for (__int64 pos : {-1LL, -4096LL, -(1LL << 40), LLONG_MIN}) {
+      SetLastError(0);
+      EXPECT_EQ(f.SetPosition(pos), 0) << pos;
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NEGATIVE_SEEK));
+      EXPECT_EQ(f.GetPosition(), 100);
+    }
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf), 100), 100);
+    EXPECT_TRUE(std::string(buf, 100) == Pattern(100, 100));
+  }
+}
+
 TEST_F(AccessTest, WritesModesBadArgumentsAndClosedFiles) {
   // Write mode empties the file; an unaligned seek lands the next write
   // exactly there without overwriting what came before.
@@ -132,6 +156,14 @@ TEST_F(AccessTest, WritesModesBadArgumentsAndClosedFiles) {
   EXPECT_EQ(f.Write(nullptr, 5), 0);
   EXPECT_EQ(f.CloseFile(), 1);
   EXPECT_TRUE(ReadWholeFile(m_dir.file("out.bin")) == data.replace(5001, 2, "ZZ"));
+  // A skip moves the next write exactly, not to a block boundary.
+  ASSERT_EQ(f.OpenFile(Path("skip.bin"), 2), 1);
+  const std::string as(10000, 'A');
+  ASSERT_EQ(f.Write(reinterpret_cast<const BYTE*>(as.data()), 10000), 10000);
+  EXPECT_EQ(f.Read(nullptr, 5000), 5000);
+  EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>("BBBB"), 4), 4);
+  EXPECT_EQ(f.CloseFile(), 1);
+  EXPECT_EQ(ReadWholeFile(m_dir.file("skip.bin")), std::string(as).replace(5000, 4, "BBBB"));
   // OpenFile, then GetAccessMode; a failed open keeps the mode it had.
   const struct {
     DWORD mode;
@@ -144,7 +176,7 @@ TEST_F(AccessTest, WritesModesBadArgumentsAndClosedFiles) {
     DWORD mode;
     EXPECT_EQ(f.OpenFile(Path(c.file), c.mode), c.open);
     EXPECT_EQ(f.GetAccessMode(mode), c.accessResult);
-    EXPECT_EQ(c.accessResult ? mode : c.mode, c.mode);
+    EXPECT_EQ(mode, c.accessResult ? c.mode : 0xFFFFFFFFu);
   }
   EXPECT_EQ(f.OpenFile(CComBSTR(L""), 1), 0);
   // After CloseFile calls fail; the local back-end has no host to log in to.
@@ -180,6 +212,41 @@ TEST_F(AccessTest, InjectedFailuresFailTheCallAndAreLogged) {
     ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), count), n);
     EXPECT_TRUE(buf.substr(0, n) == Pattern(0, n));
   }
+  // A fill whose second block fails leaves neither stale cache bytes nor a
+  // pointer past the fill's start: served from the cache afterwards, or
+  // read again at once, the bytes are the file's.
+  ASSERT_TRUE(WritePatternFile(m_dir.file("big.bin"), kFileSize));
+  for (__int64 next : {50LL, -1LL /* read again at once */}) {
+    SCOPED_TRACE(next);
+    KxFileAccessLocal f;
+    ASSERT_EQ(f.OpenFile(Path("big.bin"), 1), 1);
+    std::string buf(262144, '\0');
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), 100), 100);  // caches the first block
+    ASSERT_EQ(f.SetPosition(262144 + 4000), 1);
+    {
+      qlt::fault::Rule second = rule(qlt::fault::kRead);
+      second.nth = 2;
+      qlt::fault::ScopedFault fault(second);
+      EXPECT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), 262044), 0);  // a two-block fill
+      EXPECT_EQ(fault.Fired(), 1);
+    }
+    if (next >= 0) {
+      ASSERT_EQ(f.SetPosition(next), 1);
+    }
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), 1000), 1000);
+    EXPECT_TRUE(buf.substr(0, 1000) == Pattern(next >= 0 ? next : 262144 + 4000, 1000));
+  }
+  // A failed seek in read-ahead mode names the position asked for.
+  {
+    KxFileAccessLocal f;
+    ASSERT_EQ(f.EnableAsyncRead(1, kMiB), 1);
+    ASSERT_EQ(f.OpenFile(in, 1), 1);
+    std::string buf(300000, '\0');
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), 300000), 300000);
+    ASSERT_EQ(f.Read(reinterpret_cast<BYTE*>(buf.data()), 1), 0);  // the worker has ended
+    qlt::fault::ScopedFault fault(rule(qlt::fault::kSeek));
+    EXPECT_EQ(f.SetPosition(5000), 0);
+  }
   // A failed and a short write fail that write and the close.
   for (auto [action, expected] : {std::pair{qlt::fault::Action::kFail, 0}, std::pair{qlt::fault::Action::kShort, 10}}) {
     KxFileAccessLocal f;
@@ -209,13 +276,16 @@ TEST_F(AccessTest, InjectedFailuresFailTheCallAndAreLogged) {
   for (const char* line : {"    read file  :   To read bytes :262144   readed bytes 0: ",
                            "    write file  :   To write bytes :1000   written bytes 0: ",
                            "    seek file pos :   Mov pos :4096   new pos 0: ",
+                           "    seek file pos :   Mov pos :5000   new pos 0: ",
                            "    seek file pos when read:   Mov pos :5100   new pos 0: "})
     EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+  // A failed read names the block size, never the size of a direct read.
+  EXPECT_EQ(log.find("To read bytes :524288"), std::string::npos) << log;
 }
 
 // Ring sizes around the worker's transfer (1.5 MiB) and far below it, with
 // request sizes up to and beyond the ring: every request must complete.
-const int kRingSizes[] = {4096, 1000000, 1572864, 1572864 + 4096, 3 * kMiB, 10 * kMiB};
+const int kRingSizes[] = {65536, 1000000, 1572864, 1572864 + 4096, 3 * kMiB, 10 * kMiB};
 
 TEST_F(AccessTest, ReadAheadAndWriteBehindKeepEveryByteForAnyRequestAndRingSize) {
   const size_t kSize = 7 * kMiB + 333;
@@ -280,6 +350,37 @@ TEST_F(AccessTest, CloseInTheMiddleOfATransferEndsTheWorkerAndLosesNoWrite) {
     EXPECT_EQ(f.CloseFile(), 1);
     EXPECT_EQ(ThreadCountSettled(m_nThreads), m_nThreads);
     EXPECT_TRUE(ReadWholeFile(m_dir.file("out.bin")) == data);
+  }
+  // Enabling calls during read-ahead: refused sizes change nothing, a new
+  // ring and turning the mode off both go on from the next byte.
+  {
+    KxFileAccessLocal f;
+    ASSERT_EQ(f.EnableAsyncRead(1, 10 * kMiB), 1);
+    ASSERT_EQ(f.OpenFile(Path("in.bin"), 1), 1);
+    std::string buf(1000, '\0');
+    BYTE* p = reinterpret_cast<BYTE*>(buf.data());
+    __int64 pos = 0;
+    auto readOn = [&](int n) {
+      ASSERT_EQ(f.Read(p, n), n);
+      EXPECT_TRUE(buf.substr(0, n) == Pattern(pos, n)) << "at " << pos;
+      pos += n;
+      EXPECT_EQ(f.GetPosition(), pos);
+    };
+    readOn(100);
+    for (auto [read, size] : {std::pair{1, 0}, std::pair{1, 1}, std::pair{0, 1}, std::pair{1, 65535}}) {
+      SetLastError(0);
+      EXPECT_EQ(read ? f.EnableAsyncRead(1, size) : f.EnableAsyncWrite(1, size), 0) << size;
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+      readOn(1000);
+    }
+    EXPECT_EQ(f.EnableAsyncRead(1, 4 * kMiB), 1);
+    pos = 0;  // positions count from the enabling call
+    ASSERT_EQ(f.Read(p, 1000), 1000);
+    EXPECT_TRUE(buf == Pattern(4100, 1000));
+    EXPECT_EQ(f.EnableAsyncWrite(0, 65536), 1);  // reads go on synchronously
+    ASSERT_EQ(f.Read(p, 1000), 1000);
+    EXPECT_TRUE(buf == Pattern(5100, 1000));
+    EXPECT_EQ(f.GetPosition(), 6100);
   }
   // Enabled, never opened, destroyed: the waiting worker ends too.
   ASSERT_EQ(KxFileAccessLocal().EnableAsyncWrite(1, kMiB), 1);
