@@ -1,6 +1,10 @@
 // The FTP back-end against a real FTP server on loopback: transfers byte for
 // byte, paths, sizes and positions, the open/close lifecycle, the
 // asynchronous read-ahead and write-behind, and servers that misbehave.
+#include <sys/syscall.h>
+
+#include <fstream>
+
 #include "access/kx_file_access_ftp.h"
 #include "tests/access/access_fixture.h"
 #include "tests/support/ftp_server.h"
@@ -18,6 +22,29 @@ int LogIn(KxFileAccessFtp& acc, int port, const wchar_t* password = nullptr, int
   acc.SetOptions(o);
   std::wstring pw = password ? password : QltUtf8ToWide(FtpTestServer::password());
   return acc.LogInHost(L"127.0.0.1", QltUtf8ToWide(FtpTestServer::user()).c_str(), pw.c_str(), port);
+}
+
+// Waits (up to 10 s) until a thread of this process other than the caller
+// sleeps in poll, as the read-ahead worker does while it waits for the
+// server. Returns whether one did.
+bool AnotherThreadWaitsInPoll() {
+  const std::string self = std::to_string(static_cast<long>(syscall(SYS_gettid)));
+  for (int i = 0; i < 1000; ++i) {
+    bool found = false;
+    if (DIR* d = opendir("/proc/self/task")) {
+      while (dirent* e = readdir(d)) {
+        if (e->d_name[0] == '.' || self == e->d_name) continue;
+        std::ifstream wchan(std::string("/proc/self/task/") + e->d_name + "/wchan");
+        std::string where;
+        std::getline(wchan, where);
+        found = found || where.find("poll") != std::string::npos;
+      }
+      closedir(d);
+    }
+    if (found) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
 }
 
 // Reads through acc until it returns 0, in pieces of the given size.
@@ -253,26 +280,22 @@ TEST_F(FtpAccessTest, EnablingCallsDuringReadAheadAreCheckedFirstAndReturnPrompt
   EXPECT_TRUE(buf == slowData.substr(100, 1000));
   EXPECT_EQ(1, m_acc.CloseFile());
 
-  // A server that stopped sending: the worker waits in a read that only the
-  // idle time-out would end. (Whether the worker is already inside that
-  // read when the call comes cannot be observed; it nearly always is, and
-  // three rounds make a miss unlikely.) A stalled server serves no one
-  // else: one per round.
+  // A server that stopped sending: once the caller has every byte it sent,
+  // the worker waits in a read that only the idle time-out would end.
+  FtpTestServer stall(Root().path(), "retrstall");
   const std::string half = Put("stalled.bin", Pattern(0, 4 * kMiB)).substr(0, 2 * kMiB);
-  for (int round = 0; round < 3; ++round) {
-    FtpTestServer stall(Root().path(), "retrstall");
-    ASSERT_EQ(1, LogIn(m_acc, stall.port(), nullptr, 20000));
-    ASSERT_EQ(1, m_acc.EnableAsyncRead(1, 8 * kMiB));
-    ASSERT_EQ(1, m_acc.OpenFile(L"stalled.bin", 1));
-    std::string sent(half.size(), '\0');
-    ASSERT_EQ(static_cast<int>(sent.size()), m_acc.Read(reinterpret_cast<BYTE*>(&sent[0]), static_cast<int>(sent.size())));
-    EXPECT_TRUE(sent == half);
-    start = std::chrono::steady_clock::now();
-    EXPECT_EQ(1, m_acc.EnableAsyncWrite(0, kMiB));  // ends the read-ahead
-    EXPECT_LT(std::chrono::steady_clock::now() - start, kDeadline) << "turning read-ahead off";
-    EXPECT_EQ(static_cast<__int64>(half.size()), m_acc.GetPosition());
-    EXPECT_EQ(1, m_acc.CloseFile());
-  }
+  ASSERT_EQ(1, LogIn(m_acc, stall.port(), nullptr, 20000));
+  ASSERT_EQ(1, m_acc.EnableAsyncRead(1, 8 * kMiB));
+  ASSERT_EQ(1, m_acc.OpenFile(L"stalled.bin", 1));
+  std::string sent(half.size(), '\0');
+  ASSERT_EQ(static_cast<int>(sent.size()), m_acc.Read(reinterpret_cast<BYTE*>(&sent[0]), static_cast<int>(sent.size())));
+  EXPECT_TRUE(sent == half);
+  EXPECT_TRUE(AnotherThreadWaitsInPoll());
+  start = std::chrono::steady_clock::now();
+  EXPECT_EQ(1, m_acc.EnableAsyncWrite(0, kMiB));  // ends the read-ahead
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kDeadline) << "turning read-ahead off";
+  EXPECT_EQ(static_cast<__int64>(half.size()), m_acc.GetPosition());
+  EXPECT_EQ(1, m_acc.CloseFile());
 }
 
 // What a fault breaks, and so which step must fail.
