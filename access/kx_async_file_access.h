@@ -49,8 +49,8 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   static constexpr int kMinAsyncBufferSize = 65536;
 
  protected:
-  // nReadAheadChunk: bytes the read-ahead worker asks of WorkerRead at a time
-  // (3 MiB local, 1 MiB FTP). Creates the two events.
+  // nReadAheadChunk: most bytes the read-ahead worker asks of WorkerRead at
+  // a time (3 MiB local, 1 MiB FTP). Creates the two events.
   explicit KxAsyncFileAccess(int nReadAheadChunk);
   ~KxAsyncFileAccess() override;
 

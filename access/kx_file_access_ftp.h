@@ -32,8 +32,10 @@
 
 class KxFileAccessFtp : public KxAsyncFileAccess {
  public:
-  // Bytes per read-ahead step. With 40 KiB steps every step was a thread
-  // hand-over, and read-ahead ran at about two thirds of a plain download.
+  // Most bytes per read-ahead step; a step hands over what each receive
+  // brought and does not wait for the whole chunk. With 40 KiB steps every
+  // step was a thread hand-over, and read-ahead ran at about two thirds of a
+  // plain download.
   static constexpr int kReadAheadChunk = 1048576;
 
   KxFileAccessFtp();
