@@ -63,6 +63,8 @@ TEST_F(PlatformFilesTest, ShareModesAreEnforcedBetweenHandles) {
   std::wstring p = m_dir.wpath("s.bin");
   HANDLE w = Open(p, GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS);
   ASSERT_NE(w, INVALID_HANDLE_VALUE);
+  DWORD n = 0;
+  ASSERT_TRUE(WriteFile(w, "content", 7, &n, nullptr));
   // A reader that shares writing may join; a second writer may not.
   HANDLE r = Open(p, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
   EXPECT_NE(r, INVALID_HANDLE_VALUE);
@@ -70,8 +72,12 @@ TEST_F(PlatformFilesTest, ShareModesAreEnforcedBetweenHandles) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
   // A reader that does not share writing conflicts with the open writer.
   EXPECT_EQ(Open(p, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-  // CREATE_ALWAYS must not empty a file it may not open.
-  EXPECT_EQ(Open(p, GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+  // Neither CREATE_ALWAYS nor TRUNCATE_EXISTING may empty a file they may not open.
+  for (DWORD disposition : {DWORD(CREATE_ALWAYS), DWORD(TRUNCATE_EXISTING)}) {
+    EXPECT_EQ(Open(p, GENERIC_WRITE, FILE_SHARE_READ, disposition), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  }
+  EXPECT_EQ(ReadWholeFile(m_dir.file("s.bin")), "content");
   // Deleting needs FILE_SHARE_DELETE from every open handle.
   EXPECT_FALSE(DeleteFileW(p.c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
@@ -250,6 +256,32 @@ TEST_F(PlatformFilesTest, DirectoriesAndSearch) {
   EXPECT_EQ(FindFirstFileW((d + L"\\*.none").c_str(), &fd), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
   EXPECT_FALSE(RemoveDirectoryW(d.c_str()));  // not empty
+}
+
+// A name the search hands back opens the very file it names, whatever its
+// bytes; wide text that no native name stands for is refused, not renamed.
+TEST_F(PlatformFilesTest, NamesFromSearchOpenTheSameFile) {
+  for (const char* name : {"\xC3\xBC.bin", "\xC3\x9Cn\xC3\xAF" "c\xC3\xB8" "d\xC3\xA9-\xE6\x96\x87\xE4\xBB\xB6.bin",
+                           "\xE9.bin", "\xC0\xAF.bin"}) {
+    SCOPED_TRACE(testing::PrintToString(std::string(name)));
+    ASSERT_TRUE(WriteWholeFile(m_dir.file(name), name));
+    WIN32_FIND_DATAW fd;
+    HANDLE f = FindFirstFileW((m_dir.wpath("") + L"\\*.bin").c_str(), &fd);
+    ASSERT_NE(f, INVALID_HANDLE_VALUE);
+    FindClose(f);
+    std::wstring found = m_dir.wpath("") + L"\\" + fd.cFileName;
+    HANDLE h = Open(found, GENERIC_READ | GENERIC_WRITE, 0, TRUNCATE_EXISTING);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    DWORD n = 0;
+    EXPECT_TRUE(WriteFile(h, "again", 5, &n, nullptr));
+    CloseHandle(h);
+    EXPECT_EQ(ReadWholeFile(m_dir.file(name)), "again");  // the same file, not a look-alike
+    EXPECT_TRUE(DeleteFileW(found.c_str()));
+    EXPECT_FALSE(FileExists(m_dir.file(name)));
+  }
+  std::wstring bad = m_dir.wpath("") + L"\\x" + wchar_t(0xD800) + L".bin";
+  EXPECT_EQ(Open(bad, GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_NAME));
 }
 
 TEST_F(PlatformFilesTest, DriveMapTranslatesAndReportsTypes) {
