@@ -333,12 +333,8 @@ QLTPLATFORM_API HMODULE QltModuleFromAddress(const void* addr);
 }  // extern "C"
 
 // ---- Text conversion ----------------------------------------------------------------------
-// UTF-8 <-> wide text. Invalid input bytes become U+FFFD. Out of memory gives
-// an empty result with last error ERROR_NOT_ENOUGH_MEMORY (never throws).
-QLTPLATFORM_API std::string QltWideToUtf8(const wchar_t* text);
-QLTPLATFORM_API std::string QltWideToUtf8(const std::wstring& text);
-QLTPLATFORM_API std::wstring QltUtf8ToWide(const char* text);
-QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
+// QltWideToUtf8 / QltUtf8ToWide (native names <-> wide text, lossless for
+// every byte string) are declared in qltfsdk/wintypes.h, for hosts too.
 // The native path a Windows-shaped path stands for ("" when its drive letter
 // is not mapped).
 QLTPLATFORM_API std::string QltNativePath(const wchar_t* path);
