@@ -203,6 +203,19 @@ TEST_F(DiagnosticsTest, ReportsReachRegisterFoundByNameAndItsAbsenceIsHarmless) 
   EXPECT_EQ(f.Fired(), 1);
 }
 
+// Entries for a log that cannot be opened cost the failing operation
+// nothing more than a look: the file is tried once, not once per entry.
+TEST_F(DiagnosticsTest, AnUnwritableErrorLogIsNotTriedForEveryEntry) {
+  SdkSettings.LogFileOn = 1;
+  ASSERT_TRUE(std::filesystem::create_directories(m_dir.path() + "/sdk-log/ErrorLog"));
+  qlt::fault::ScopedFault denied(Fault(qlt::fault::kOpen, L"*ErrorLogFileForTarnwell*", ERROR_ACCESS_DENIED, -1));
+  for (int i = 0; i < 50; ++i) {
+    WriteSeekEntry();
+    EXPECT_EQ(GetLastError(), 87u);  // the caller's error stands
+  }
+  EXPECT_EQ(denied.Fired(), 1);
+}
+
 class TimingLogTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -268,6 +281,32 @@ TEST_F(TimingLogTest, LogsSlowWritesKeepsResultsAndLivesFromFirstToLastHolder) {
   EXPECT_EQ(WriteTimingLogHolders(), 0);
   EXPECT_TRUE(Write());     // no holder: the write still works, unlogged
   AcquireWriteTimingLog();  // the fixture's reference again
+}
+
+// A timing log that cannot be written neither fails nor slows the writes it
+// times: every write succeeds and the log file is tried once, not per line.
+TEST_F(TimingLogTest, AnUnwritableLogIsTriedOnceNotOncePerWrite) {
+  SdkSettings.IOWriteBlockTimeTh = -1;  // every write makes a line
+  ASSERT_TRUE(WriteWholeFile(m_logRoot.file("plain"), "a file, not a folder"));
+  const struct {
+    std::string root;
+    qlt::fault::Action action;
+  } cases[] = {
+      {m_logRoot.file("plain/logs"), qlt::fault::Action::kDelay},  // folder cannot be made; the rule only counts
+      {m_logRoot.file("denied"), qlt::fault::Action::kFail},       // the open is refused
+  };
+  int nWrites = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.root);
+    setenv("QLTFS_LOG_ROOT", c.root.c_str(), 1);
+    qlt::fault::Rule rule = Fault(qlt::fault::kOpen, L"*SDKWriteIO.log", ERROR_ACCESS_DENIED, -1);
+    rule.action = c.action;
+    qlt::fault::ScopedFault opens(rule);
+    for (int i = 0; i < 100; ++i, ++nWrites) ASSERT_TRUE(Write());
+    EXPECT_EQ(opens.Fired(), 1);
+    EXPECT_FALSE(FileExists(c.root + "/SDKWriteIO/SDKWriteIO.log"));
+  }
+  EXPECT_EQ(ReadWholeFile(m_dir.file("slow.dat")).size(), nWrites * 10u);
 }
 
 TEST_F(TimingLogTest, LinesFromSeveralThreadsStayWhole) {
