@@ -1,8 +1,14 @@
 // File calls: dispositions, share modes, errors, 64-bit positions and the
 // fault control.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/platform.h"
@@ -282,6 +288,40 @@ TEST_F(PlatformFilesTest, NamesFromSearchOpenTheSameFile) {
   std::wstring bad = m_dir.wpath("") + L"\\x" + wchar_t(0xD800) + L".bin";
   EXPECT_EQ(Open(bad, GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_NAME));
+}
+
+// Opening a FIFO does not wait for its other end: with no writer a reader
+// opens and reads end of file, a writer without a reader fails. The test
+// releases an open that waits anyway, so its thread can always be joined.
+TEST_F(PlatformFilesTest, AFifoOpensWithoutWaitingForItsOtherEnd) {
+  const std::string fifo = m_dir.file("pipe");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+  EXPECT_EQ(GetFileAttributesW(m_dir.wpath("pipe").c_str()), FILE_ATTRIBUTE_DEVICE);
+  std::promise<void> done;
+  std::future<void> finished = done.get_future();
+  HANDLE r = INVALID_HANDLE_VALUE, w = INVALID_HANDLE_VALUE;
+  BOOL bRead = FALSE;
+  DWORD n = 1;
+  std::thread opener([&] {
+    r = Open(m_dir.wpath("pipe"), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    char c = 0;
+    bRead = ReadFile(r, &c, 1, &n, nullptr);  // no writer: end of file at once
+    w = Open(m_dir.wpath("pipe"), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    done.set_value();
+  });
+  bool byItself = finished.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  while (finished.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+    int fd = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);  // the other end, for either open
+    if (fd >= 0) ::close(fd);
+  }
+  opener.join();
+  EXPECT_TRUE(byItself);
+  ASSERT_NE(r, INVALID_HANDLE_VALUE);
+  EXPECT_TRUE(bRead);
+  EXPECT_EQ(n, 0u);
+  EXPECT_NE(w, INVALID_HANDLE_VALUE);  // the reader above is its other end now
+  if (w != INVALID_HANDLE_VALUE) CloseHandle(w);
+  CloseHandle(r);
 }
 
 TEST_F(PlatformFilesTest, DriveMapTranslatesAndReportsTypes) {
