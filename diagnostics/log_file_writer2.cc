@@ -1,6 +1,8 @@
 #include "diagnostics/log_file_writer2.h"
 
 #include <cwchar>
+#include <map>
+#include <mutex>
 
 #include "platform/platform.h"
 
@@ -40,6 +42,60 @@ long long FamilyNumber(const std::wstring& name) {
   return n;
 }
 
+// Opens that failed, by path, for every writer of the process. An entry is
+// written only on a failure path of the operation it records, but a log
+// that cannot be opened (a folder the user may not write, a slow or gone
+// network share) must not cost each failing operation another attempt: after
+// a failed open the path is left alone for kRetryAfterFailureMs. Making the
+// missing folder ends the pause at once, so the first entry after it is kept.
+constexpr ULONGLONG kRetryAfterFailureMs = 30000;
+
+struct FailedOpen {
+  ULONGLONG retryAt;  // GetTickCount64 value from which an open is tried again
+  bool bFolderWasMissing;
+};
+
+struct FailedOpens {
+  std::mutex lock;
+  std::map<std::wstring, FailedOpen> byPath;  // guarded by lock
+};
+
+FailedOpens& Failures() {
+  static FailedOpens* p = new FailedOpens;  // never destroyed: usable during exit
+  return *p;
+}
+
+bool FolderExists(const std::wstring& path) {
+  std::wstring dir = DirectoryWithSlash(path);
+  if (dir.empty()) return true;
+  DWORD attrs = GetFileAttributesW(dir.c_str());
+  return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+// True while path is paused after a failed open.
+bool Paused(const std::wstring& path) {
+  FailedOpens& f = Failures();
+  std::lock_guard<std::mutex> g(f.lock);
+  auto it = f.byPath.find(path);
+  if (it == f.byPath.end()) return false;
+  if (GetTickCount64() < it->second.retryAt && !(it->second.bFolderWasMissing && FolderExists(path))) return true;
+  f.byPath.erase(it);
+  return false;
+}
+
+// Records the outcome of an open. Running out of memory is no reason to
+// pause the log.
+void RecordOpen(const std::wstring& path, bool bOpened, DWORD dwError) {
+  FailedOpens& f = Failures();
+  std::lock_guard<std::mutex> g(f.lock);
+  if (bOpened || dwError == ERROR_NOT_ENOUGH_MEMORY) {
+    f.byPath.erase(path);
+    return;
+  }
+  bool bFolderWasMissing = !FolderExists(path);
+  f.byPath[path] = FailedOpen{GetTickCount64() + kRetryAfterFailureMs, bFolderWasMissing};
+}
+
 }  // namespace
 
 CLogFileWriter2::CLogFileWriter2() { InitializeCriticalSection(&m_cs); }
@@ -70,7 +126,14 @@ int CLogFileWriter2::Open(const std::wstring& path) {
   std::wstring wanted = path;  // path may be m_strCurrentPath, which Close empties
   Close();
   CAutoLock lock(&m_cs);
-  int result = m_options.bOverwrite ? OpenFileOverwrite(wanted) : OpenLastFile(wanted);
+  int result = 0;
+  try {
+    if (Paused(wanted)) return 0;
+    SetLastError(ERROR_SUCCESS);
+    result = m_options.bOverwrite ? OpenFileOverwrite(wanted) : OpenLastFile(wanted);
+    RecordOpen(wanted, result >= 1, result == kOpenException ? ERROR_NOT_ENOUGH_MEMORY : GetLastError());
+  } catch (...) {  // out of memory in the pause table: the open's result stands
+  }
   if (result < 1) {
     m_file.Close();
     m_strCurrentPath.clear();

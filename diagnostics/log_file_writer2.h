@@ -39,7 +39,11 @@ class CLogFileWriter2 {
   int SetOptions(const LogFileOptions& options);
   // Closes any open file and opens path (overwrite or last-file mode).
   // Returns above 0 on success, 0 on failure, -128 when the stream raised an
-  // exception. On success the current path is path itself.
+  // exception. On success the current path is path itself. After a failed
+  // open (not for want of memory) every writer of the process leaves that
+  // path alone for 30 seconds and returns 0 at once, unless its missing
+  // folder has been made meanwhile: logging never slows the failing
+  // operation it records.
   int Open(const std::wstring& path);
   // Appends text ("\n" becomes CR LF) and flushes when bFlushNow or after
   // the flush interval; reopens the file when it reached the size limit.

@@ -63,7 +63,9 @@ std::wstring GetExecutableDirectory() { return DirectoryOfPath(ModuleFileName(nu
 std::wstring ChooseConfigDirectory(const std::wstring& exeDir, const std::wstring& moduleDir) {
   if (!exeDir.empty()) {
     std::wstring ini = exeDir + L"\\qltfsdk.ini";
-    if (_waccess(ini.c_str(), 4) == 0) return exeDir;
+    DWORD attrs = GetFileAttributesW(ini.c_str());
+    bool regular = attrs != INVALID_FILE_ATTRIBUTES && !(attrs & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE));
+    if (regular && _waccess(ini.c_str(), 4) == 0) return exeDir;  // a FIFO or folder of that name is no settings file
   }
   return moduleDir;
 }

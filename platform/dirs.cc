@@ -21,10 +21,17 @@ struct FindObject : KObject {
   std::mutex lock;                        // two threads may step one search handle
 };
 
+DWORD AttributesOf(const struct stat& st) {
+  DWORD a = S_ISDIR(st.st_mode) ? FILE_ATTRIBUTE_DIRECTORY
+            : S_ISREG(st.st_mode) ? FILE_ATTRIBUTE_ARCHIVE
+                                  : FILE_ATTRIBUTE_DEVICE;
+  if (!(st.st_mode & S_IWUSR)) a |= FILE_ATTRIBUTE_READONLY;
+  return a;
+}
+
 void FillFindData(const std::string& name, const struct stat& st, WIN32_FIND_DATAW* d) {
   std::memset(d, 0, sizeof(*d));
-  d->dwFileAttributes = S_ISDIR(st.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
-  if (!(st.st_mode & S_IWUSR)) d->dwFileAttributes |= FILE_ATTRIBUTE_READONLY;
+  d->dwFileAttributes = AttributesOf(st);
   uint64_t size = static_cast<uint64_t>(st.st_size);
   d->nFileSizeHigh = static_cast<DWORD>(size >> 32);
   d->nFileSizeLow = static_cast<DWORD>(size);
@@ -75,9 +82,7 @@ DWORD qlt::win::GetFileAttributesW(LPCWSTR path) {
       FailErrno();
       return INVALID_FILE_ATTRIBUTES;
     }
-    DWORD a = S_ISDIR(st.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
-    if (!(st.st_mode & S_IWUSR)) a |= FILE_ATTRIBUTE_READONLY;
-    return a;
+    return AttributesOf(st);
   });
 }
 

@@ -136,7 +136,7 @@ HANDLE qlt::win::CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dw
     }
     if (faults::InjectPathFault(qlt::fault::kOpen, path)) return INVALID_HANDLE_VALUE;
 
-    int flags = O_CLOEXEC;
+    int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     bool rd = Wants(dwDesiredAccess, GENERIC_READ), wr = Wants(dwDesiredAccess, GENERIC_WRITE);
     flags |= (rd && wr) ? O_RDWR : (wr ? O_WRONLY : O_RDONLY);
     switch (dwCreationDisposition) {
@@ -190,6 +190,9 @@ HANDLE qlt::win::CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dw
       return INVALID_HANDLE_VALUE;
     }
     f->fd = fd;  // from here the object closes it on every path
+    // Opened without waiting (a FIFO would otherwise block the open until its
+    // other end appears); reads and writes wait as usual from here on.
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     if ((dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == TRUNCATE_EXISTING) && existed) {
       if (::ftruncate(fd, 0) != 0) {
         SetLastError(ErrnoToWin(errno));

@@ -149,8 +149,12 @@ std::mutex& WaitLock();
 void SignalLocked(Waitable* obj);
 
 // ---- Text ----------------------------------------------------------------------
-// The conversions behind QltWideToUtf8 / QltUtf8ToWide; these throw
-// std::bad_alloc, for use inside NoThrow.
+// The conversions behind QltWideToUtf8 / QltUtf8ToWide, the only place where
+// wide text and native names meet; these throw std::bad_alloc, for use inside
+// NoThrow. ToUtf8Checked returns false when text held a code unit that no
+// byte string stands for (it is written as U+FFFD), so a path holding one can
+// be refused rather than renamed.
+bool ToUtf8Checked(const wchar_t* text, std::string* out);
 std::string ToUtf8(const wchar_t* text);
 inline std::string ToUtf8(const std::wstring& text) { return ToUtf8(text.c_str()); }
 std::wstring ToWide(const char* text);
@@ -158,8 +162,9 @@ inline std::wstring ToWide(const std::string& text) { return ToWide(text.c_str()
 std::wstring WindowsPath(const std::string& nativePath);
 
 // ---- Paths ----------------------------------------------------------------------
-// Native path for a Windows-shaped one; false (last error ERROR_PATH_NOT_FOUND
-// or ERROR_INVALID_PARAMETER) when it cannot be translated.
+// Native path for a Windows-shaped one; false (last error ERROR_PATH_NOT_FOUND,
+// ERROR_INVALID_PARAMETER, or ERROR_INVALID_NAME for text that no native name
+// stands for) when it cannot be translated.
 bool TranslatePath(LPCWSTR path, std::string* out);
 // Directory holding the platform library's own file.
 std::string PlatformDirectory();

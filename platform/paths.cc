@@ -76,6 +76,14 @@ bool FindDrive(wchar_t letter, Drive* out) {
 
 bool IsDriveLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
 
+// The bytes of a name; false (ERROR_INVALID_NAME) when the text holds a code
+// unit that no byte string stands for, so that no other file is reached.
+bool NativeName(const std::wstring& text, std::string* out) {
+  if (ToUtf8Checked(text.c_str(), out)) return true;
+  SetLastError(ERROR_INVALID_NAME);
+  return false;
+}
+
 }  // namespace
 
 bool TranslatePath(LPCWSTR path, std::string* out) {
@@ -93,14 +101,14 @@ bool TranslatePath(LPCWSTR path, std::string* out) {
       SetLastError(ERROR_PATH_NOT_FOUND);
       return false;
     }
-    rest = ToUtf8(p.substr(2));
+    if (!NativeName(p.substr(2), &rest)) return false;
     for (char& c : rest)
       if (c == '\\') c = '/';
     if (!rest.empty() && rest[0] != '/') rest.insert(rest.begin(), '/');
     *out = d.dir + rest;
     return true;
   }
-  rest = ToUtf8(p);
+  if (!NativeName(p, &rest)) return false;
   for (char& c : rest)
     if (c == '\\') c = '/';
   *out = rest;

@@ -93,6 +93,8 @@ typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 #define MEM_RELEASE 0x00008000u
 #define PAGE_READWRITE 0x04u
 
+#define FILE_ATTRIBUTE_DEVICE 0x00000040u
+
 #define DRIVE_UNKNOWN 0
 #define DRIVE_NO_ROOT_DIR 1
 #define DRIVE_REMOVABLE 2
@@ -146,6 +148,11 @@ QLTPLATFORM_API BOOL MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags);
 // Creates one directory level; ERROR_ALREADY_EXISTS or ERROR_PATH_NOT_FOUND.
 QLTPLATFORM_API BOOL CreateDirectoryW(LPCWSTR path, LPSECURITY_ATTRIBUTES sa);
 QLTPLATFORM_API BOOL RemoveDirectoryW(LPCWSTR path);
+// FILE_ATTRIBUTE_DIRECTORY for a directory, FILE_ATTRIBUTE_DEVICE for what is
+// neither a directory nor a regular file (a FIFO, socket or device, which a
+// reader may wait on forever), else FILE_ATTRIBUTE_ARCHIVE; plus
+// FILE_ATTRIBUTE_READONLY when the owner may not write. Symbolic links are
+// followed. INVALID_FILE_ATTRIBUTES with a last error when nothing is there.
 QLTPLATFORM_API DWORD GetFileAttributesW(LPCWSTR path);
 // 0 when the file exists and allows mode (0 exists, 2 write, 4 read, 6 both),
 // -1 otherwise.
@@ -333,12 +340,8 @@ QLTPLATFORM_API HMODULE QltModuleFromAddress(const void* addr);
 }  // extern "C"
 
 // ---- Text conversion ----------------------------------------------------------------------
-// UTF-8 <-> wide text. Invalid input bytes become U+FFFD. Out of memory gives
-// an empty result with last error ERROR_NOT_ENOUGH_MEMORY (never throws).
-QLTPLATFORM_API std::string QltWideToUtf8(const wchar_t* text);
-QLTPLATFORM_API std::string QltWideToUtf8(const std::wstring& text);
-QLTPLATFORM_API std::wstring QltUtf8ToWide(const char* text);
-QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
+// QltWideToUtf8 / QltUtf8ToWide (native names <-> wide text, lossless for
+// every byte string) are declared in qltfsdk/wintypes.h, for hosts too.
 // The native path a Windows-shaped path stands for ("" when its drive letter
 // is not mapped).
 QLTPLATFORM_API std::string QltNativePath(const wchar_t* path);

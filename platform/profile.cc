@@ -1,15 +1,19 @@
 // Settings files read with the Windows private-profile rules.
 //
 // The file is read whole on every call (settings are read a handful of times
-// at start-up). Lines are "[section]" or "key=value"; section and key names
+// at start-up). Only a regular file is read: anything else of that name
+// counts as a missing file. Lines are "[section]" or "key=value"; section and key names
 // match without regard to ASCII case; only the first section of a name is
 // searched (as Windows does: a repeated section header does not reopen it),
 // the first occurrence of a key wins, and lines that are neither are skipped,
 // so no input can make the reader fail.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 #include <climits>
-#include <fstream>
-#include <iterator>
 
 #include "platform/internal.h"
 
@@ -33,24 +37,45 @@ bool SameName(const std::string& a, const std::string& b) {
   return true;
 }
 
+// The text of a settings file, at most kMaxSettingsFile bytes; false when
+// path is not a regular file that can be read. Opened without waiting, so a
+// FIFO, socket or device of that name is refused at once instead of blocking
+// the reader (and the library's load) until someone writes to it.
+bool ReadSettingsText(const std::string& path, std::string* text) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return false;
+  struct stat st {};
+  bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  if (ok) {
+    // Sized to the file, so each key read costs what the file holds.
+    size_t want = static_cast<size_t>(st.st_size) < kMaxSettingsFile ? static_cast<size_t>(st.st_size) : kMaxSettingsFile;
+    try {
+      text->resize(want);
+    } catch (...) {
+      ::close(fd);
+      throw;
+    }
+    size_t got = 0;
+    while (got < want) {
+      ssize_t r = ::read(fd, &(*text)[got], want - got);
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) break;
+      got += static_cast<size_t>(r);
+    }
+    text->resize(got);
+  }
+  ::close(fd);
+  return ok;
+}
+
 // The raw value of section/key, or false when the file, section or key is missing.
 bool FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR file, std::string* value) {
   if (!section || !key || !file) return false;
   qlt::plat::faults::CheckAlloc();
   std::string path;
   if (!qlt::plat::TranslatePath(file, &path)) return false;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  // Size the buffer to the file (at most kMaxSettingsFile), so that each key
-  // read costs what the file holds rather than a 1 MiB buffer.
-  in.seekg(0, std::ios::end);
-  std::streamoff nSize = in.tellg();
-  in.seekg(0, std::ios::beg);
-  if (nSize < 0) nSize = 0;
   std::string text;
-  text.resize(static_cast<size_t>(nSize) < kMaxSettingsFile ? static_cast<size_t>(nSize) : kMaxSettingsFile);
-  if (!text.empty()) in.read(&text[0], static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<size_t>(in.gcount()));
+  if (!ReadSettingsText(path, &text)) return false;
   if (text.size() >= 3 && text.compare(0, 3, "\xEF\xBB\xBF") == 0) text.erase(0, 3);
 
   const std::string wantSection = ToUtf8(section), wantKey = ToUtf8(key);

@@ -85,8 +85,15 @@ HRESULT qlt::win::VarBstrCmp(BSTR a, BSTR b, LCID /*lcid*/, ULONG dwFlags) {
 
 namespace {
 
+// Native names are byte strings; wide text is UTF-32 where wchar_t has 4
+// bytes and UTF-16 where it has 2. Bytes that do not form strict UTF-8
+// (stray continuation bytes, overlong forms, encoded surrogates, values past
+// U+10FFFF, cut-short sequences) each become one lone low surrogate
+// U+DC80..U+DCFF, and those turn back into the very byte, so every byte
+// string survives the round trip unchanged whatever the host's locale.
+constexpr uint32_t kEscapeFirst = 0xDC80, kEscapeLast = 0xDCFF;
+
 void AppendUtf8(std::string& out, uint32_t cp) {
-  if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
   if (cp < 0x80) {
     out.push_back(static_cast<char>(cp));
   } else if (cp < 0x800) {
@@ -104,14 +111,72 @@ void AppendUtf8(std::string& out, uint32_t cp) {
   }
 }
 
+void AppendWide(std::wstring& out, uint32_t cp) {
+  if (sizeof(wchar_t) == 2 && cp >= 0x10000) {
+    cp -= 0x10000;
+    out.push_back(static_cast<wchar_t>(0xD800 + (cp >> 10)));
+    out.push_back(static_cast<wchar_t>(0xDC00 + (cp & 0x3FF)));
+  } else {
+    out.push_back(static_cast<wchar_t>(cp));
+  }
+}
+
+// Length of the strict UTF-8 sequence at p (1 to 4) and its code point, or 0
+// when the byte at p does not start one.
+int DecodeOne(const unsigned char* p, uint32_t* cp) {
+  const unsigned char c = p[0];
+  if (c < 0x80) {
+    *cp = c;
+    return 1;
+  }
+  int extra;
+  uint32_t min;
+  if (c >= 0xC2 && c <= 0xDF) {
+    extra = 1, min = 0x80, *cp = c & 0x1Fu;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    extra = 2, min = 0x800, *cp = c & 0x0Fu;
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    extra = 3, min = 0x10000, *cp = c & 0x07u;
+  } else {
+    return 0;
+  }
+  for (int i = 1; i <= extra; ++i) {  // stops at the terminating zero, which is no continuation byte
+    if ((p[i] & 0xC0) != 0x80) return 0;
+    *cp = (*cp << 6) | (p[i] & 0x3Fu);
+  }
+  if (*cp < min || *cp > 0x10FFFF || (*cp >= 0xD800 && *cp <= 0xDFFF)) return 0;
+  return extra + 1;
+}
+
 }  // namespace
 
 namespace qlt::plat {
 
+bool ToUtf8Checked(const wchar_t* text, std::string* out) {
+  out->clear();
+  if (!text) return true;
+  bool exact = true;
+  for (; *text; ++text) {
+    auto cp = static_cast<uint32_t>(*text);
+    if (sizeof(wchar_t) == 2 && cp >= 0xD800 && cp <= 0xDBFF && text[1] >= 0xDC00 && text[1] <= 0xDFFF) {
+      cp = 0x10000 + ((cp - 0xD800) << 10) + (static_cast<uint32_t>(text[1]) - 0xDC00);
+      ++text;
+    }
+    if (cp >= kEscapeFirst && cp <= kEscapeLast) {
+      out->push_back(static_cast<char>(cp - 0xDC00));  // an escaped byte goes back as it came
+    } else if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+      AppendUtf8(*out, 0xFFFD);  // no byte string stands for it
+      exact = false;
+    } else {
+      AppendUtf8(*out, cp);
+    }
+  }
+  return exact;
+}
+
 std::string ToUtf8(const wchar_t* text) {
   std::string out;
-  if (!text) return out;
-  for (; *text; ++text) AppendUtf8(out, static_cast<uint32_t>(*text));
+  ToUtf8Checked(text, &out);
   return out;
 }
 
@@ -120,36 +185,15 @@ std::wstring ToWide(const char* text) {
   if (!text) return out;
   const auto* p = reinterpret_cast<const unsigned char*>(text);
   while (*p) {
-    uint32_t cp;
-    int extra;
-    if (*p < 0x80) {
-      cp = *p;
-      extra = 0;
-    } else if ((*p & 0xE0) == 0xC0) {
-      cp = *p & 0x1F;
-      extra = 1;
-    } else if ((*p & 0xF0) == 0xE0) {
-      cp = *p & 0x0F;
-      extra = 2;
-    } else if ((*p & 0xF8) == 0xF0) {
-      cp = *p & 0x07;
-      extra = 3;
+    uint32_t cp = 0;
+    int n = DecodeOne(p, &cp);
+    if (n == 0) {
+      AppendWide(out, 0xDC00 + *p);  // 0x80..0xFF: any byte below 0x80 decodes
+      ++p;
     } else {
-      out.push_back(L'\xFFFD');
-      ++p;
-      continue;
+      AppendWide(out, cp);
+      p += n;
     }
-    ++p;
-    bool ok = true;
-    for (int i = 0; i < extra; ++i) {
-      if ((p[0] & 0xC0) != 0x80) {
-        ok = false;
-        break;
-      }
-      cp = (cp << 6) | (p[0] & 0x3F);
-      ++p;
-    }
-    out.push_back(ok && cp <= 0x10FFFF ? static_cast<wchar_t>(cp) : L'\xFFFD');
   }
   return out;
 }

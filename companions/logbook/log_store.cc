@@ -8,6 +8,8 @@
 #include <exception>
 #include <map>
 #include <mutex>
+#include <new>
+#include <string>
 
 #include "platform/platform.h"
 
@@ -16,11 +18,17 @@ namespace {
 
 constexpr size_t kDefaultMaxBytes = 10 * 1024 * 1024;
 constexpr size_t kDefaultMaxFiles = 5;
+// After a log file could not be opened, lines for it are dropped for this
+// long before the next attempt. Logging never slows the operation that it
+// records: without the pause every line would try again, and the file
+// sink's own open waits between its retries.
+constexpr ULONGLONG kRetryAfterFailureMs = 30000;
 
 // Loggers by file path. Every field is guarded by m_mutex.
 struct Store {
   std::mutex m_mutex;
   std::map<std::string, std::weak_ptr<spdlog::logger>> m_mapLogs;
+  std::map<std::string, ULONGLONG> m_mapRetryAt;  // path -> GetTickCount64 from which it is tried again
   size_t m_nMaxBytes = kDefaultMaxBytes;
   size_t m_nMaxFiles = kDefaultMaxFiles;
 };
@@ -58,6 +66,33 @@ const char* LibraryDirectory() {
 
 void ReportLogError(const std::string& strWhat) { OutputDebugStringA(("QltLogBookU: " + strWhat + "\n").c_str()); }
 
+// Makes the folders of strPath and the file itself through the platform's
+// calls, which fail at once (no waiting between retries). True when the file
+// can be written; otherwise false with *pError set.
+bool PrepareLogFile(const std::string& strPath, DWORD* pError) {
+  std::wstring wstrPath = QltUtf8ToWide(strPath);
+  if (wstrPath.empty()) {
+    *pError = GetLastError();
+    return false;
+  }
+  for (size_t nSlash = wstrPath.find(L'/', 1); nSlash != std::wstring::npos; nSlash = wstrPath.find(L'/', nSlash + 1)) {
+    std::wstring wstrDir = wstrPath.substr(0, nSlash);
+    if (GetFileAttributesW(wstrDir.c_str()) == INVALID_FILE_ATTRIBUTES && !CreateDirectoryW(wstrDir.c_str(), nullptr) &&
+        GetLastError() == ERROR_NOT_ENOUGH_MEMORY) {
+      *pError = ERROR_NOT_ENOUGH_MEMORY;
+      return false;
+    }
+  }
+  HANDLE h = CreateFileW(wstrPath.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                         nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) {
+    *pError = GetLastError();
+    return false;
+  }
+  CloseHandle(h);
+  return true;
+}
+
 }  // namespace
 
 std::string LogFilePathFor(const std::string& strName) {
@@ -81,6 +116,18 @@ std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const 
   if (found != store.m_mapLogs.end()) {
     if (auto pLogger = found->second.lock()) return pLogger;
   }
+  auto retry = store.m_mapRetryAt.find(strPath);
+  if (retry != store.m_mapRetryAt.end()) {
+    if (GetTickCount64() < retry->second) return nullptr;
+    store.m_mapRetryAt.erase(retry);
+  }
+  DWORD dwError = 0;
+  if (!PrepareLogFile(strPath, &dwError)) {
+    // Out of memory is passing; a file that cannot be made is not.
+    if (dwError != ERROR_NOT_ENOUGH_MEMORY) store.m_mapRetryAt[strPath] = GetTickCount64() + kRetryAfterFailureMs;
+    ReportLogError("cannot open " + strPath + ": error " + std::to_string(dwError));
+    return nullptr;
+  }
   try {
     auto pSink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(strPath, store.m_nMaxBytes, store.m_nMaxFiles);
     // Not registered with spdlog's global registry: a host using spdlog for
@@ -94,7 +141,10 @@ std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const 
     pLogger->set_error_handler([](const std::string& strMsg) { ReportLogError(strMsg); });
     store.m_mapLogs[strPath] = pLogger;
     return pLogger;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
   } catch (const std::exception& e) {
+    store.m_mapRetryAt[strPath] = GetTickCount64() + kRetryAfterFailureMs;
     ReportLogError(std::string("cannot open ") + strPath + ": " + e.what());
     return nullptr;
   }

@@ -20,7 +20,9 @@ std::string LogFilePathFor(const std::string& strName);
 
 // The logger writing to strPath, shared by every caller that asks for the
 // same path while one of them still holds it. Opens the file (making its
-// folders) on first use; null when it cannot be opened. Thread-safe.
+// folders) on first use; null when it cannot be opened. After a failure
+// (other than running out of memory) the path is not tried again for 30
+// seconds: calls meanwhile return null at once. Thread-safe.
 std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const std::string& strPath);
 
 // Rotation for files opened from now on. Thread-safe.

@@ -39,7 +39,9 @@ std::wstring SettingsFile() {
   std::wstring exeDir = ModuleDirectory(nullptr);
   if (!exeDir.empty()) {
     std::wstring ini = exeDir + L"\\qltfsdk.ini";
-    if (_waccess(ini.c_str(), 4) == 0) return ini;
+    DWORD attrs = GetFileAttributesW(ini.c_str());
+    bool regular = attrs != INVALID_FILE_ATTRIBUTES && !(attrs & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE));
+    if (regular && _waccess(ini.c_str(), 4) == 0) return ini;  // a FIFO or folder of that name is no settings file
   }
   std::wstring ownDir = ModuleDirectory(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile)));
   return ownDir.empty() ? std::wstring() : ownDir + L"\\qltfsdk.ini";

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <cwchar>
 #include <new>
+#include <string>
 #include <utility>
 
 #if defined(_WIN32)
@@ -258,6 +259,23 @@ QLTPLATFORM_API HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DW
 // threads still use the handle: their calls finish or fail cleanly.
 QLTPLATFORM_API BOOL CloseHandle(HANDLE h);
 }  // namespace qlt::win
+
+// ---- Text and native names ------------------------------------------------------
+// Conversion between wide text and native (UTF-8) names, the same for the
+// library and every host, whatever the C locale. Lossless for every byte
+// string: bytes that are not strict UTF-8 become one lone low surrogate each
+// (U+DC80..U+DCFF for 0x80..0xFF) and turn back into the same bytes, so a
+// name read from the system, converted to wide text and back, names the same
+// file. Wide text is UTF-16 where wchar_t has 2 bytes (surrogate pairs) and
+// UTF-32 where it has 4. A code unit that no byte string stands for (another
+// lone surrogate, a value past U+10FFFF) becomes U+FFFD; the platform's file
+// calls refuse such a name with ERROR_INVALID_NAME instead. Out of memory
+// gives an empty result with last error ERROR_NOT_ENOUGH_MEMORY; nothing
+// throws. Any thread may call these.
+QLTPLATFORM_API std::string QltWideToUtf8(const wchar_t* text);
+QLTPLATFORM_API std::string QltWideToUtf8(const std::wstring& text);
+QLTPLATFORM_API std::wstring QltUtf8ToWide(const char* text);
+QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
 
 using qlt::win::CloseHandle;
 using qlt::win::CoCreateGuid;

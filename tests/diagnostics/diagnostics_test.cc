@@ -1,8 +1,13 @@
 // The diagnostics services: settings, the error log,
 // the error-code register found by name, and the write timing log.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
+#include <chrono>
+#include <future>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -38,6 +43,26 @@ qlt::fault::Rule Fault(unsigned ops, const wchar_t* pattern, DWORD error, int ti
   rule.error = error;
   rule.times = times;
   return rule;
+}
+
+// Runs fn on a thread and tells whether it returned by itself. A reader
+// stuck on the FIFO is released (by opening its writing end and closing it,
+// once per open it makes) so that the thread can always be joined.
+template <class Fn>
+bool ReturnsWithoutAWriter(const std::string& fifo, Fn fn) {
+  std::promise<void> done;
+  std::future<void> finished = done.get_future();
+  std::thread reader([&] {
+    fn();
+    done.set_value();
+  });
+  bool byItself = finished.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  while (finished.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+    int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd >= 0) ::close(fd);
+  }
+  reader.join();
+  return byItself;
 }
 
 // ReadBufSize, WriteBufSize, ReadMode, WriteMode, WriteRetryCount,
@@ -103,6 +128,11 @@ TEST_F(DiagnosticsTest, SettingsParseKeysWithUnitsAndFallBackToDefaults) {
     ASSERT_EQ(LoadSdkSettingsFrom(m_dir.wpath("qltfsdk.ini")), 1);
     EXPECT_EQ(Current(), expected) << text.substr(0, 60);
   }
+  // A FIFO of that name is no settings file: the defaults, without waiting for a writer.
+  std::filesystem::remove(m_dir.file("qltfsdk.ini"));
+  ASSERT_EQ(::mkfifo(m_dir.file("qltfsdk.ini").c_str(), 0644), 0);
+  EXPECT_TRUE(ReturnsWithoutAWriter(m_dir.file("qltfsdk.ini"), [&] { LoadSdkSettingsFrom(m_dir.wpath("qltfsdk.ini")); }));
+  EXPECT_EQ(Current(), kDefaults);
 }
 
 // Attach reads the drive map and settings from the library's directory,
@@ -120,6 +150,9 @@ TEST_F(DiagnosticsTest, AttachLoadsSettingsAndDrivesBesideTheLibrary) {
   QLT_WriterOption::SetDefaultWriteBlockSize(524288);
   std::wstring exe = QltWindowsPath(exeDir.path());
   EXPECT_EQ(ChooseConfigDirectory(exe, m_dir.wpath()), m_dir.wpath());
+  ASSERT_EQ(::mkfifo(exeDir.file("qltfsdk.ini").c_str(), 0644), 0);  // readable, but no settings file
+  EXPECT_EQ(ChooseConfigDirectory(exe, m_dir.wpath()), m_dir.wpath());
+  std::filesystem::remove(exeDir.file("qltfsdk.ini"));
   ASSERT_TRUE(WriteWholeFile(exeDir.file("qltfsdk.ini"), "[FILERW]\nWriteRetryCount=2\n"));
   EXPECT_EQ(ChooseConfigDirectory(exe, m_dir.wpath()), exe);
 }
@@ -168,6 +201,19 @@ TEST_F(DiagnosticsTest, ReportsReachRegisterFoundByNameAndItsAbsenceIsHarmless) 
   EXPECT_FALSE(hidden.IsAvailable());
   hidden.Report(200, nullptr);  // a no-op, not a crash
   EXPECT_EQ(f.Fired(), 1);
+}
+
+// Entries for a log that cannot be opened cost the failing operation
+// nothing more than a look: the file is tried once, not once per entry.
+TEST_F(DiagnosticsTest, AnUnwritableErrorLogIsNotTriedForEveryEntry) {
+  SdkSettings.LogFileOn = 1;
+  ASSERT_TRUE(std::filesystem::create_directories(m_dir.path() + "/sdk-log/ErrorLog"));
+  qlt::fault::ScopedFault denied(Fault(qlt::fault::kOpen, L"*ErrorLogFileForTarnwell*", ERROR_ACCESS_DENIED, -1));
+  for (int i = 0; i < 50; ++i) {
+    WriteSeekEntry();
+    EXPECT_EQ(GetLastError(), 87u);  // the caller's error stands
+  }
+  EXPECT_EQ(denied.Fired(), 1);
 }
 
 class TimingLogTest : public ::testing::Test {
@@ -235,6 +281,32 @@ TEST_F(TimingLogTest, LogsSlowWritesKeepsResultsAndLivesFromFirstToLastHolder) {
   EXPECT_EQ(WriteTimingLogHolders(), 0);
   EXPECT_TRUE(Write());     // no holder: the write still works, unlogged
   AcquireWriteTimingLog();  // the fixture's reference again
+}
+
+// A timing log that cannot be written neither fails nor slows the writes it
+// times: every write succeeds and the log file is tried once, not per line.
+TEST_F(TimingLogTest, AnUnwritableLogIsTriedOnceNotOncePerWrite) {
+  SdkSettings.IOWriteBlockTimeTh = -1;  // every write makes a line
+  ASSERT_TRUE(WriteWholeFile(m_logRoot.file("plain"), "a file, not a folder"));
+  const struct {
+    std::string root;
+    qlt::fault::Action action;
+  } cases[] = {
+      {m_logRoot.file("plain/logs"), qlt::fault::Action::kDelay},  // folder cannot be made; the rule only counts
+      {m_logRoot.file("denied"), qlt::fault::Action::kFail},       // the open is refused
+  };
+  int nWrites = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.root);
+    setenv("QLTFS_LOG_ROOT", c.root.c_str(), 1);
+    qlt::fault::Rule rule = Fault(qlt::fault::kOpen, L"*SDKWriteIO.log", ERROR_ACCESS_DENIED, -1);
+    rule.action = c.action;
+    qlt::fault::ScopedFault opens(rule);
+    for (int i = 0; i < 100; ++i, ++nWrites) ASSERT_TRUE(Write());
+    EXPECT_EQ(opens.Fired(), 1);
+    EXPECT_FALSE(FileExists(c.root + "/SDKWriteIO/SDKWriteIO.log"));
+  }
+  EXPECT_EQ(ReadWholeFile(m_dir.file("slow.dat")).size(), nWrites * 10u);
 }
 
 TEST_F(TimingLogTest, LinesFromSeveralThreadsStayWhole) {

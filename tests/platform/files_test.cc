@@ -1,8 +1,14 @@
 // File calls: dispositions, share modes, errors, 64-bit positions and the
 // fault control.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/platform.h"
@@ -63,6 +69,8 @@ TEST_F(PlatformFilesTest, ShareModesAreEnforcedBetweenHandles) {
   std::wstring p = m_dir.wpath("s.bin");
   HANDLE w = Open(p, GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS);
   ASSERT_NE(w, INVALID_HANDLE_VALUE);
+  DWORD n = 0;
+  ASSERT_TRUE(WriteFile(w, "content", 7, &n, nullptr));
   // A reader that shares writing may join; a second writer may not.
   HANDLE r = Open(p, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
   EXPECT_NE(r, INVALID_HANDLE_VALUE);
@@ -70,8 +78,12 @@ TEST_F(PlatformFilesTest, ShareModesAreEnforcedBetweenHandles) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
   // A reader that does not share writing conflicts with the open writer.
   EXPECT_EQ(Open(p, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING), INVALID_HANDLE_VALUE);
-  // CREATE_ALWAYS must not empty a file it may not open.
-  EXPECT_EQ(Open(p, GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+  // Neither CREATE_ALWAYS nor TRUNCATE_EXISTING may empty a file they may not open.
+  for (DWORD disposition : {DWORD(CREATE_ALWAYS), DWORD(TRUNCATE_EXISTING)}) {
+    EXPECT_EQ(Open(p, GENERIC_WRITE, FILE_SHARE_READ, disposition), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  }
+  EXPECT_EQ(ReadWholeFile(m_dir.file("s.bin")), "content");
   // Deleting needs FILE_SHARE_DELETE from every open handle.
   EXPECT_FALSE(DeleteFileW(p.c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
@@ -250,6 +262,66 @@ TEST_F(PlatformFilesTest, DirectoriesAndSearch) {
   EXPECT_EQ(FindFirstFileW((d + L"\\*.none").c_str(), &fd), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
   EXPECT_FALSE(RemoveDirectoryW(d.c_str()));  // not empty
+}
+
+// A name the search hands back opens the very file it names, whatever its
+// bytes; wide text that no native name stands for is refused, not renamed.
+TEST_F(PlatformFilesTest, NamesFromSearchOpenTheSameFile) {
+  for (const char* name : {"\xC3\xBC.bin", "\xC3\x9Cn\xC3\xAF" "c\xC3\xB8" "d\xC3\xA9-\xE6\x96\x87\xE4\xBB\xB6.bin",
+                           "\xE9.bin", "\xC0\xAF.bin"}) {
+    SCOPED_TRACE(testing::PrintToString(std::string(name)));
+    ASSERT_TRUE(WriteWholeFile(m_dir.file(name), name));
+    WIN32_FIND_DATAW fd;
+    HANDLE f = FindFirstFileW((m_dir.wpath("") + L"\\*.bin").c_str(), &fd);
+    ASSERT_NE(f, INVALID_HANDLE_VALUE);
+    FindClose(f);
+    std::wstring found = m_dir.wpath("") + L"\\" + fd.cFileName;
+    HANDLE h = Open(found, GENERIC_READ | GENERIC_WRITE, 0, TRUNCATE_EXISTING);
+    ASSERT_NE(h, INVALID_HANDLE_VALUE);
+    DWORD n = 0;
+    EXPECT_TRUE(WriteFile(h, "again", 5, &n, nullptr));
+    CloseHandle(h);
+    EXPECT_EQ(ReadWholeFile(m_dir.file(name)), "again");  // the same file, not a look-alike
+    EXPECT_TRUE(DeleteFileW(found.c_str()));
+    EXPECT_FALSE(FileExists(m_dir.file(name)));
+  }
+  std::wstring bad = m_dir.wpath("") + L"\\x" + wchar_t(0xD800) + L".bin";
+  EXPECT_EQ(Open(bad, GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_NAME));
+}
+
+// Opening a FIFO does not wait for its other end: with no writer a reader
+// opens and reads end of file, a writer without a reader fails. The test
+// releases an open that waits anyway, so its thread can always be joined.
+TEST_F(PlatformFilesTest, AFifoOpensWithoutWaitingForItsOtherEnd) {
+  const std::string fifo = m_dir.file("pipe");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0644), 0);
+  EXPECT_EQ(GetFileAttributesW(m_dir.wpath("pipe").c_str()), FILE_ATTRIBUTE_DEVICE);
+  std::promise<void> done;
+  std::future<void> finished = done.get_future();
+  HANDLE r = INVALID_HANDLE_VALUE, w = INVALID_HANDLE_VALUE;
+  BOOL bRead = FALSE;
+  DWORD n = 1;
+  std::thread opener([&] {
+    r = Open(m_dir.wpath("pipe"), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    char c = 0;
+    bRead = ReadFile(r, &c, 1, &n, nullptr);  // no writer: end of file at once
+    w = Open(m_dir.wpath("pipe"), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    done.set_value();
+  });
+  bool byItself = finished.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  while (finished.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+    int fd = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK);  // the other end, for either open
+    if (fd >= 0) ::close(fd);
+  }
+  opener.join();
+  EXPECT_TRUE(byItself);
+  ASSERT_NE(r, INVALID_HANDLE_VALUE);
+  EXPECT_TRUE(bRead);
+  EXPECT_EQ(n, 0u);
+  EXPECT_NE(w, INVALID_HANDLE_VALUE);  // the reader above is its other end now
+  if (w != INVALID_HANDLE_VALUE) CloseHandle(w);
+  CloseHandle(r);
 }
 
 TEST_F(PlatformFilesTest, DriveMapTranslatesAndReportsTypes) {

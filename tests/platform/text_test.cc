@@ -30,12 +30,30 @@ TEST(PlatformTextTest, BstrKeepsLengthAndComparesWithOrWithoutCase) {
   SysFreeString(owned);
 }
 
-TEST(PlatformTextTest, Utf8RoundTripsAndRepairsBadBytes) {
-  std::wstring w = L"caf\u00e9 \u65e5\u672c \U0001F600";
-  EXPECT_EQ(QltUtf8ToWide(QltWideToUtf8(w)), w);
-  EXPECT_EQ(QltUtf8ToWide("a\377b"), L"a\uFFFDb");  // a stray byte becomes U+FFFD
+// Every byte string comes back unchanged; bytes that are not strict UTF-8
+// become one escape each (0xDC00 + byte), so no two names meet.
+TEST(PlatformTextTest, NamesRoundTripByteForByte) {
+  const struct {
+    const char* bytes;
+    std::wstring wide;
+  } cases[] = {
+      {"caf\xC3\xA9 \xE6\x97\xA5 \xF0\x9F\x98\x80", L"caf\u00e9 \u65e5 \U0001F600"},
+      {"a\xE9" "b", std::wstring{L'a', wchar_t(0xDCE9), L'b'}},          // Latin-1 byte alone
+      {"\xC0\x80", std::wstring{wchar_t(0xDCC0), wchar_t(0xDC80)}},      // overlong zero stays two bytes
+      {"\xE0\x80\xAF", std::wstring{wchar_t(0xDCE0), wchar_t(0xDC80), wchar_t(0xDCAF)}},  // overlong '/'
+      {"\xED\xB3\xA9", std::wstring{wchar_t(0xDCED), wchar_t(0xDCB3), wchar_t(0xDCA9)}},  // encoded escape
+      {"\xF4\x90\x80\x80", std::wstring{wchar_t(0xDCF4), wchar_t(0xDC90), wchar_t(0xDC80), wchar_t(0xDC80)}},
+      {"\xE4\xB8z", std::wstring{wchar_t(0xDCE4), wchar_t(0xDCB8), L'z'}},  // cut short
+      {"\xFF\xFE\x80", std::wstring{wchar_t(0xDCFF), wchar_t(0xDCFE), wchar_t(0xDC80)}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::string(c.bytes)));
+    EXPECT_EQ(QltUtf8ToWide(c.bytes), c.wide);
+    EXPECT_EQ(QltWideToUtf8(c.wide), c.bytes);
+  }
   EXPECT_EQ(QltWindowsPath("/tmp/a/b.txt"), L"\\tmp\\a\\b.txt");
   EXPECT_EQ(QltNativePath(L"\\tmp\\a\\b.txt"), "/tmp/a/b.txt");
+  EXPECT_EQ(QltNativePath((std::wstring(L"/tmp/") + wchar_t(0xDCE9)).c_str()), "/tmp/\xE9");
 }
 
 TEST(PlatformTextTest, PrivateProfileIntFollowsWindowsRules) {

@@ -17,6 +17,7 @@
 #include "progress.h"
 #include "qltfsdk/qltfsdk.h"
 #include "sizes.h"
+#include "text.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   std::error_code ec;
   fs::path path = fs::absolute(strOut, ec);
   if (ec || fs::is_directory(path, ec)) Fail(kCommand, "'" + strOut + "' is not a file name");
-  std::wstring wstrPath = path.wstring();
+  std::wstring wstrPath = ToWide(path.string());  // never through the C locale
   CComBSTR bstrPath(wstrPath.c_str());
   QLT_WriterOption::SetWriteBlockSize(bstrPath, static_cast<int>(nBlock));
   if (nPreset) QLT_WriterOption2::SetPresetFileSize(bstrPath, nPreset);

@@ -7,8 +7,9 @@
 
 #include <string>
 
-// UTF-8 <-> wide text; a malformed byte becomes U+FFFD. Never throws except
-// std::bad_alloc.
+// Native names and arguments (UTF-8, or any bytes) <-> wide text, through
+// the library's conversion: lossless for every byte string, independent of
+// the C locale (see QltUtf8ToWide). Never throw.
 std::wstring ToWide(const std::string& strUtf8);
 std::string ToUtf8(const wchar_t* pszWide);
 
