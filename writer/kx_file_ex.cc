@@ -396,7 +396,10 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     // Counted as a failed write; the entry names the call's length.
     DWORD nDone = pWritten ? *pWritten : 0;
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    LogEntry(kWriteTitle, PairDetail(L"To write bytes :", nLength, L"   written bytes ", nDone));
+    try {
+      LogEntry(kWriteTitle, PairDetail(L"To write bytes :", nLength, L"   written bytes ", nDone));
+    } catch (...) {
+    }
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     ok = false;
   }

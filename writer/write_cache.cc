@@ -202,7 +202,8 @@ DWORD KxFileEx::RunCacheThread() {
     SetEvent(m_hCacheIdle);
     return 0;
   }
-  bool bEnded = false;  // the end of the data was reached
+  bool bEnded = false;                    // the end of the data was reached
+  DWORD dwEndError = ERROR_INVALID_DATA;  // why the thread ended early
   std::vector<BYTE> buffer;
   try {
     buffer.resize(kThreadBuffer);
@@ -255,6 +256,8 @@ DWORD KxFileEx::RunCacheThread() {
         }
       }
     }
+  } catch (const std::bad_alloc&) {
+    dwEndError = ERROR_NOT_ENOUGH_MEMORY;
   } catch (...) {
   }
   if (!bEnded) {
@@ -262,7 +265,7 @@ DWORD KxFileEx::RunCacheThread() {
     // memory for its buffer): the rest of the queue can no longer be written
     // in order. Later writes fail, the close reports the loss, and the queue
     // is emptied here so a host waiting for room in the pool goes on.
-    NoteCacheFailure(ERROR_NOT_ENOUGH_MEMORY);
+    NoteCacheFailure(dwEndError);
     try {
       for (;;) {
         LONG nRest = 0;
