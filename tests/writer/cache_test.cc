@@ -218,8 +218,10 @@ TEST_F(WriteCacheTest, FailuresOnTheCacheThreadFailTheCloseAndAreLogged) {
   EXPECT_EQ(status.dwFound, 1u);
   EXPECT_EQ(std::wstring(status.bstrFileName), m_dir.wpath("faulty.dat"));
   EXPECT_EQ(status.nFileLength, 6u * 4096);
-  for (int i = 0; i < 10000 && failing.Fired() < 1; ++i) Sleep(1);
-  EXPECT_EQ(Put(*w, 6 * 4096u, 4096), 0);  // the thread has failed: nothing more is taken
+  // Once the thread has met the failure, nothing more is taken.
+  BOOL bTaken = 1;
+  for (int i = 0; i < 10000 && (bTaken = Put(*w, 6 * 4096u, 4096)) != 0; ++i) Sleep(1);
+  EXPECT_EQ(bTaken, 0);
   SetLastError(NO_ERROR);
   EXPECT_EQ(w->CloseHandle(), 0);
   EXPECT_EQ(GetLastError(), 29u);  // the fault's ERROR_WRITE_FAULT
