@@ -24,6 +24,10 @@ void* Allocate(size_t n) {
   throw std::bad_alloc();
 }
 
+// Out of line, so the compiler does not pair a free() it sees with the
+// operator new at the call site.
+[[gnu::noinline]] void Release(void* p) noexcept { std::free(p); }
+
 void* operator new(size_t n) { return Allocate(n); }
 void* operator new[](size_t n) { return Allocate(n); }
 void* operator new(size_t n, const std::nothrow_t&) noexcept {
@@ -34,12 +38,12 @@ void* operator new(size_t n, const std::nothrow_t&) noexcept {
   }
 }
 void* operator new[](size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete(void* p) noexcept { Release(p); }
+void operator delete[](void* p) noexcept { Release(p); }
+void operator delete(void* p, size_t) noexcept { Release(p); }
+void operator delete[](void* p, size_t) noexcept { Release(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { Release(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { Release(p); }
 
 namespace qlt::test {
 namespace {
