@@ -46,7 +46,11 @@ LONG KxDataFifoPool::StartFifo() {
 
 LONG KxDataFifoPool::StartRun() {
   StopFifo();
-  if (m_nWriteCacheSize < 4) return 0;             // not even a record's length would fit
+  // Rings that cannot hold a record's length and one byte are refused.
+  if (m_nWriteCacheSize <= 4 || m_fifoMan.GetMemoryPoolSize() <= 4) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
   m_pWriteCache = new CRingStream(L"WriteCache");  // bad_alloc: see StartFifo
   if (!m_pWriteCache || m_pWriteCache->InitStream(m_nWriteCacheSize, kHoldRoom) != S_OK) {
     StopFifo();

@@ -52,10 +52,11 @@ class KxDataFifoPool {
   LONG SetMemoryPoolSize(DWORD nBytes);
   LONG SetWriteCacheSize(DWORD nBytes);
   // Stops any run, then starts a new one with empty rings. 1 on success; 0
-  // when a ring cannot be allocated (or is under 4 bytes) or the cache
+  // when a ring cannot be allocated or the cache
   // thread cannot be started (last error set), leaving the pool stopped and
-  // ready for another StartFifo. Never throws: out of memory gives 0 with
-  // ERROR_NOT_ENOUGH_MEMORY.
+  // ready for another StartFifo. A ring of 4 bytes or fewer (no room for a
+  // record's length and one byte) is refused with ERROR_INVALID_PARAMETER.
+  // Never throws: out of memory gives 0 with ERROR_NOT_ENOUGH_MEMORY.
   LONG StartFifo();
   // Queues one record (pData, nLen), waiting while the write cache lacks
   // room; a null pData marks the end of the data (nLen ignored). 1 when

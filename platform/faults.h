@@ -42,6 +42,9 @@ enum class Action {
   kFail,   // the call fails with `error` and does nothing
   kShort,  // a read or write moves at most `shortBytes` bytes and succeeds
   kDelay,  // the call sleeps `delayMs` and then runs normally
+  // A write moves at most `shortBytes` bytes, then fails with `error`: the
+  // call returns FALSE and reports the bytes that really reached the file.
+  kPartialFail,
 };
 
 struct Rule {

@@ -82,8 +82,9 @@ void UnshareLocked(FileObject* f) {
 }
 
 // Applies a matching fault rule. Returns true when the call must fail now
-// (last error set); *limit is lowered for a short transfer.
-bool InjectFault(unsigned op, const FileObject* f, DWORD* limit) {
+// (last error set); *limit is lowered for a short transfer, and *failAfter
+// receives the error a transfer ends with after its bytes moved.
+bool InjectFault(unsigned op, const FileObject* f, DWORD* limit, DWORD* failAfter = nullptr) {
   if (!faults::Armed()) return false;
   faults::Outcome o{};
   static const std::string kNoPath;
@@ -92,7 +93,9 @@ bool InjectFault(unsigned op, const FileObject* f, DWORD* limit) {
     SetLastError(o.error);
     return true;
   }
-  if (o.action == qlt::fault::Action::kShort && limit && *limit > o.shortBytes) *limit = o.shortBytes;
+  const bool bPartial = o.action == qlt::fault::Action::kPartialFail && limit && failAfter;
+  if ((o.action == qlt::fault::Action::kShort || bPartial) && limit && *limit > o.shortBytes) *limit = o.shortBytes;
+  if (bPartial) *failAfter = o.error;
   return false;
 }
 
@@ -266,7 +269,8 @@ BOOL qlt::win::WriteFile(HANDLE h, LPCVOID buf, DWORD n, LPDWORD pWritten, LPOVE
   if (!Wants(f->access, GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (!buf && n > 0) return Fail(ERROR_NOACCESS);
   DWORD limit = n;
-  if (InjectFault(qlt::fault::kWrite, f.get(), &limit)) return FALSE;
+  DWORD failAfter = 0;
+  if (InjectFault(qlt::fault::kWrite, f.get(), &limit, &failAfter)) return FALSE;
   const auto* p = static_cast<const char*>(buf);
   off_t at = ov ? static_cast<off_t>((static_cast<uint64_t>(ov->OffsetHigh) << 32) | ov->Offset) : 0;
   DWORD done = 0;
@@ -285,6 +289,7 @@ BOOL qlt::win::WriteFile(HANDLE h, LPCVOID buf, DWORD n, LPDWORD pWritten, LPOVE
   }
   if (ov) ::lseek(f->fd, at + done, SEEK_SET);
   if (pWritten) *pWritten = done;
+  if (failAfter != 0) return Fail(failAfter);
   return TRUE;
 }
 

@@ -61,12 +61,12 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
 }
 
 KxFileEx::~KxFileEx() {
+  // A writer ended with its file open closes it as close would: what was
+  // queued or staged still reaches the file.
+  if (m_bLocalOpen) CloseLocal();
   LeaveRegistry();
   if (m_pPool) {
-    // Normally close has drained the cache already; a writer ended with its
-    // file open still writes what was queued before the pool goes.
-    m_pPool->WriteBuffer(nullptr, 0);
-    CacheStop();
+    CacheAbort();
     delete m_pPool;
     m_pPool = nullptr;
   }
@@ -109,6 +109,10 @@ BOOL KxFileEx::Initialize(const QLCT_FIlEACCESSINFO_ST* pInfo) {
 HANDLE KxFileEx::CreateKXFile(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                               LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
                               DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
+  // A file still open is closed first, exactly as CloseHandle would close
+  // it, so its queued and staged bytes reach it and nothing of it reaches
+  // the next file.
+  if (m_bLocalOpen) CloseLocal();
   const wchar_t* path = strFileName.m_str ? strFileName.m_str : L"";
   std::wstring scheme = QltUrlScheme(path);
   if (scheme == L"FTP" || scheme == L"OSS") m_bWebFile = 1;
@@ -181,43 +185,49 @@ HANDLE KxFileEx::OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, D
     SetLastError(err);
     return nullptr;
   }
-  if (m_info.nOpMode == 2) {
-    if (!ApplyPresetSize(m_hFile, strFileName)) {
-      DWORD err = GetLastError();
-      ::CloseHandle(m_hFile);
-      m_hFile = INVALID_HANDLE_VALUE;
-      SetLastError(err);
-      return nullptr;
-    }
-    m_nExtent = 0;
-    m_nPhysPos = 0;
-  }
-  if (!ApplyBlockSize(strFileName)) {
-    DWORD err = GetLastError();
-    ::CloseHandle(m_hFile);
-    m_hFile = INVALID_HANDLE_VALUE;
-    SetLastError(err);
-    return nullptr;
-  }
+  // Whether this open made the file: a failed set-up below removes it again.
+  const bool bCreated = dwCreationDisposition == CREATE_NEW ||
+                        ((dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == OPEN_ALWAYS) &&
+                         GetLastError() != ERROR_ALREADY_EXISTS);
+  LARGE_INTEGER size{};
+  const uint64_t nStart = ::GetFileSizeEx(m_hFile, &size) ? static_cast<uint64_t>(size.QuadPart) : 0;
   m_bstrFileName = strFileName;
-  if (SetUpCache() <= 0) {
-    ::CloseHandle(m_hFile);
-    m_hFile = INVALID_HANDLE_VALUE;
+  ResetCounters();
+  if ((m_info.nOpMode == 2 && !ApplyPresetSize(m_hFile, strFileName, 0)) || !ApplyBlockSize(strFileName) ||
+      SetUpCache() <= 0) {
+    AbandonLocal(bCreated, nStart);
     return nullptr;
   }
-  ResetCounters();
+  m_bLocalOpen = true;
   EnterRegistry();
   return m_hFile;
 }
 
-bool KxFileEx::ApplyPresetSize(HANDLE hFile, const CComBSTR& strName) {
+void KxFileEx::AbandonLocal(bool bCreated, uint64_t nStart) {
+  DWORD err = GetLastError();
+  if (m_nPresetSize > 0) {
+    // Give the file back the length it had before the preset allocation.
+    LARGE_INTEGER to{};
+    to.QuadPart = static_cast<LONGLONG>(nStart);
+    if (::SetFilePointerEx(m_hFile, to, nullptr, FILE_BEGIN)) ::SetEndOfFile(m_hFile);
+    m_nPresetSize = 0;
+  }
+  QLT_WriterOption::ClearItem(m_bstrFileName);
+  ::CloseHandle(m_hFile);
+  m_hFile = INVALID_HANDLE_VALUE;
+  if (bCreated) ::DeleteFileW(m_strPath.c_str());
+  SetLastError(err);
+}
+
+bool KxFileEx::ApplyPresetSize(HANDLE hFile, const CComBSTR& strName, uint64_t nPos) {
   ULONGLONG nPreset = 0;
   if (QLT_WriterOption2::GetPresetFileSize(strName, nPreset) <= 0) return true;
   m_nPresetSize = nPreset;
-  LARGE_INTEGER to{}, zero{};
+  LARGE_INTEGER to{}, back{};
   to.QuadPart = static_cast<LONGLONG>(nPreset);
+  back.QuadPart = static_cast<LONGLONG>(nPos);
   return ::SetFilePointerEx(hFile, to, nullptr, FILE_BEGIN) && ::SetEndOfFile(hFile) &&
-         ::SetFilePointerEx(hFile, zero, nullptr, FILE_BEGIN);
+         ::SetFilePointerEx(hFile, back, nullptr, FILE_BEGIN);
 }
 
 bool KxFileEx::ApplyBlockSize(const CComBSTR& strName) {
@@ -247,37 +257,47 @@ void KxFileEx::ResetCounters() {
   m_nLogicalPos = 0;
   m_nLogicalSize = 0;
   m_nFailedWrites = 0;
+  m_dwFailError = 0;
   m_nGoodPos = 0;
+  m_nPhysPos = 0;
+  m_nExtent = 0;
+  // No cache thread runs here: the last one was joined by close or by the
+  // set-up that replaced it.
+  m_bCacheFailed.store(false, std::memory_order_relaxed);
+  m_dwCacheError = 0;
   m_nBytesAccepted = 0;
   m_nBytesOnDisk = 0;
   m_nWriteMs = 0;
 }
 
 BOOL KxFileEx::Attach(HANDLE hFile, const CComBSTR& strFileName) {
+  if (m_bLocalOpen) CloseLocal();
   if (m_bVirtual || m_bWebFile) return 1;
   CAutoLock lock(&m_cs);
-  if (m_info.nOpMode == 2) {
-    m_nPresetSize = 0;
-    if (!ApplyPresetSize(hFile, strFileName)) {
-      DWORD err = GetLastError();
-      ::CloseHandle(hFile);
-      m_hFile = INVALID_HANDLE_VALUE;
-      SetLastError(err);
-      return 0;
-    }
-    m_nExtent = 0;
-    m_nPhysPos = 0;
-  }
-  if (!ApplyBlockSize(strFileName)) return 0;
+  // The handle may be anywhere in a file of any length: writing goes on
+  // from its position, and a retry rewrites from there.
+  LARGE_INTEGER size{}, zero{}, pos{};
+  if (!::GetFileSizeEx(hFile, &size) || !::SetFilePointerEx(hFile, zero, &pos, FILE_CURRENT)) return 0;
+  const uint64_t nSize = static_cast<uint64_t>(size.QuadPart);
+  const uint64_t nPos = static_cast<uint64_t>(pos.QuadPart);
   m_hFile = hFile;
+  m_strPath = strFileName.m_str ? strFileName.m_str : L"";
   m_bstrFileName = strFileName;
+  m_nPresetSize = 0;
   ResetCounters();
-  if (SetUpCache() <= 0) return 0;
-  LARGE_INTEGER size{};
-  BOOL ok = ::GetFileSizeEx(hFile, &size);
-  if (ok) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
+  m_nLogicalSize = nSize;
+  if (m_info.nOpMode == 2) m_nLogicalPos = nPos;
+  m_nGoodPos = m_nPhysPos = nPos;
+  // The bytes already in the file count as written: a trim keeps them.
+  m_nExtent = nSize > nPos ? nSize : nPos;
+  if ((m_info.nOpMode == 2 && !ApplyPresetSize(hFile, strFileName, nPos)) || !ApplyBlockSize(strFileName) ||
+      SetUpCache() <= 0) {
+    AbandonLocal(false, nSize);
+    return 0;
+  }
+  m_bLocalOpen = true;
   EnterRegistry();
-  return ok;
+  return 1;
 }
 
 // ---- Writing ------------------------------------------------------------------
@@ -304,43 +324,84 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     return 1;
   }
   if (m_bVirtual) {
-    if (m_pVirtualFile) m_pVirtualFile->Write(pBuffer, nLength);
-    return 1;
+    // The storage reports the bytes it wrote; fewer than asked is a failed
+    // write with the last error set, and the close reports it too.
+    if (nLength == 0) return 1;
+    int n = 0;
+    if (!m_pVirtualFile) {
+      SetLastError(ERROR_INVALID_HANDLE);
+    } else {
+      n = m_pVirtualFile->Write(pBuffer, nLength);
+      if (n >= 0 && static_cast<DWORD>(n) == nLength) return 1;
+    }
+    NoteFailedWrite();
+    return 0;
   }
   const BYTE* pData = static_cast<const BYTE*>(pBuffer);
   bool ok = true;
-  if (UsesCache()) {
-    ok = QueueWrite(pData, nLength, dwUserData);
-    if (pWritten) *pWritten = nLength;
-  } else {
-    int64_t room = static_cast<int64_t>(m_nBlockSize) - m_nStaged;
-    if (room > static_cast<int64_t>(nLength)) {
-      if (nLength > 0) std::memcpy(m_pStaging + m_nStaged, pData, nLength);
-      m_nStaged += static_cast<int32_t>(nLength);
+  try {
+    if (UsesCache()) {
+      if (m_bCacheFailed.load(std::memory_order_acquire)) {
+        // The cache thread could not write earlier bytes: nothing more is
+        // taken, so the host learns of the loss now.
+        SetLastError(m_dwCacheError);
+        ok = false;
+      } else if (!m_pPool) {
+        SetLastError(ERROR_INVALID_FUNCTION);  // a cache needs managed mode
+        ok = false;
+      } else {
+        SetLastError(NO_ERROR);
+        ok = QueueWrite(pData, nLength, dwUserData);
+        if (!ok && GetLastError() == NO_ERROR) SetLastError(ERROR_WRITE_FAULT);
+      }
+      if (pWritten) *pWritten = nLength;
     } else {
-      int64_t left = nLength;
-      if (m_nStaged > 0) {
-        std::memcpy(m_pStaging + m_nStaged, pData, static_cast<size_t>(room));
-        pData += room;
-        left -= room;
-        m_nStaged = 0;
-        if (BlockWrite(m_hFile, m_pStaging, m_nBlockSize) != static_cast<DWORD>(m_nBlockSize)) ok = false;
+      int64_t room = static_cast<int64_t>(m_nBlockSize) - m_nStaged;
+      if (room > static_cast<int64_t>(nLength)) {
+        if (nLength > 0) std::memcpy(m_pStaging + m_nStaged, pData, nLength);
+        m_nStaged += static_cast<int32_t>(nLength);
+      } else {
+        DWORD err = NO_ERROR;
+        int64_t left = nLength;
+        if (m_nStaged > 0) {
+          std::memcpy(m_pStaging + m_nStaged, pData, static_cast<size_t>(room));
+          pData += room;
+          left -= room;
+          m_nStaged = 0;
+          if (BlockWrite(m_hFile, m_pStaging, m_nBlockSize) != static_cast<DWORD>(m_nBlockSize)) {
+            ok = false;
+            err = GetLastError();
+          }
+        }
+        // Whole blocks go straight from the host's buffer.
+        while (left >= m_nBlockSize) {
+          if (BlockWrite(m_hFile, pData, m_nBlockSize) != static_cast<DWORD>(m_nBlockSize) && ok) {
+            ok = false;
+            err = GetLastError();
+          }
+          pData += m_nBlockSize;
+          left -= m_nBlockSize;
+        }
+        if (left > 0) std::memcpy(m_pStaging, pData, static_cast<size_t>(left));
+        m_nStaged = static_cast<int32_t>(left);
+        if (!ok) SetLastError(err);
       }
-      // Whole blocks go straight from the host's buffer.
-      while (left >= m_nBlockSize) {
-        if (BlockWrite(m_hFile, pData, m_nBlockSize) != static_cast<DWORD>(m_nBlockSize)) ok = false;
-        pData += m_nBlockSize;
-        left -= m_nBlockSize;
+      if (pWritten) *pWritten = nLength;
+      if (dwUserData != 0) {
+        CAutoLock lock(&m_csUserData);
+        m_userData.Add(dwUserData);
       }
-      if (left > 0) std::memcpy(m_pStaging, pData, static_cast<size_t>(left));
-      m_nStaged = static_cast<int32_t>(left);
     }
-    if (pWritten) *pWritten = nLength;
-    if (dwUserData != 0) {
-      CAutoLock lock(&m_csUserData);
-      m_userData.Add(dwUserData);
+  } catch (...) {
+    // Counted as a failed write; the entry names the call's length.
+    DWORD nDone = pWritten ? *pWritten : 0;
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    try {
+      LogEntry(kWriteTitle, PairDetail(L"To write bytes :", nLength, L"   written bytes ", nDone));
+    } catch (...) {
     }
-    if (!ok) ++m_nFailedWrites;
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    ok = false;
   }
   m_nLogicalPos += nLength;
   if (m_nLogicalPos > m_nLogicalSize) m_nLogicalSize = m_nLogicalPos;
@@ -351,8 +412,31 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     m_status.nFileLength = m_nLogicalSize;
     m_status.nPendingBytes = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
   }
-  if (!ok) m_errorCodes.Report(kErrorCode, L"");
+  if (!ok) {
+    NoteFailedWrite();
+    DWORD err = GetLastError();
+    m_errorCodes.Report(kErrorCode, L"");
+    SetLastError(err);
+  }
   return ok ? 1 : 0;
+}
+
+void KxFileEx::NoteFailedWrite() {
+  ++m_nFailedWrites;
+  if (m_dwFailError == NO_ERROR) m_dwFailError = GetLastError() != NO_ERROR ? GetLastError() : ERROR_WRITE_FAULT;
+}
+
+void KxFileEx::NoteCacheFailure(DWORD dwError) {
+  if (m_bCacheFailed.load(std::memory_order_relaxed)) return;
+  m_dwCacheError = dwError != NO_ERROR ? dwError : ERROR_WRITE_FAULT;
+  m_bCacheFailed.store(true, std::memory_order_release);
+}
+
+bool KxFileEx::FilePosition(uint64_t* pPos) {
+  LARGE_INTEGER zero{}, pos{};
+  if (!::SetFilePointerEx(m_hFile, zero, &pos, FILE_CURRENT)) return false;
+  *pPos = static_cast<uint64_t>(pos.QuadPart);
+  return true;
 }
 
 void KxFileEx::TrackWritten(DWORD nWritten) {
@@ -363,41 +447,60 @@ void KxFileEx::TrackWritten(DWORD nWritten) {
 DWORD KxFileEx::BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength) {
   if (pBuffer == nullptr || nLength <= 0) return 0;
   const int nRetries = SdkSettings.WriteRetryCount;
-  if (IsBadHandle(hFile) && nRetries <= 0) return 0;
+  if (IsBadHandle(hFile) && nRetries <= 0) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
   DWORD nWritten = 0;
   if (nRetries > 0) {
     RetryWrite(pBuffer, static_cast<DWORD>(nLength), &nWritten);
   } else {
-    BOOL bOk = TimedWriteFile(hFile, pBuffer, static_cast<DWORD>(nLength), &nWritten, nullptr, LoggedOffset(), 1,
-                              static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
-    if (!bOk) {
-      LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
-    } else {
-      TrackWritten(nWritten);
-    }
+    nWritten = WriteOnce(pBuffer, static_cast<DWORD>(nLength));
+    // The next block starts where this one ended: a retry switched on later
+    // rewrites from there.
+    if (nWritten == static_cast<DWORD>(nLength)) m_nGoodPos = m_nPhysPos;
   }
+  DWORD err = GetLastError();
   m_nUnflushed += static_cast<uint64_t>(nLength);
   if (m_nUnflushed > kForcedFlushBytes) {
     m_nUnflushed = 0;
     ::FlushFileBuffers(hFile);
   }
+  if (nWritten != static_cast<DWORD>(nLength)) SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
   return nWritten;
 }
 
 DWORD KxFileEx::WriteOnce(const BYTE* pBuffer, DWORD nLength) {
   DWORD nWritten = 0;
-  BOOL bOk = TimedWriteFile(m_hFile, pBuffer, nLength, &nWritten, nullptr, LoggedOffset(), 1,
-                            static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
-  if (!bOk) {
-    LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
-  } else {
+  try {
+    SetLastError(NO_ERROR);
+    BOOL bOk = TimedWriteFile(m_hFile, pBuffer, nLength, &nWritten, nullptr, LoggedOffset(), 1,
+                              static_cast<DWORD>(reinterpret_cast<uintptr_t>(this)));
+    // Bytes that reached the file moved the file pointer, also when the
+    // call failed after them.
     TrackWritten(nWritten);
+    if (!bOk) {
+      DWORD err = GetLastError();
+      LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
+      SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
+      if (nWritten == nLength) nWritten = 0;  // a failed call never counts as complete
+    }
+  } catch (...) {
+    // A failed attempt like any other, with its entry.
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    try {
+      LogEntry(kWriteTitle, PairDetail(L"To write bytes :", nLength, L"   written bytes ", nWritten));
+    } catch (...) {
+    }
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    nWritten = 0;
   }
   return nWritten;
 }
 
 BOOL KxFileEx::RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten) {
   DWORD nWritten = WriteOnce(pBuffer, nLength);
+  DWORD err = GetLastError();
   // With retries every block is on disk before the block write returns.
   ::FlushFileBuffers(m_hFile);
   const int nRetries = SdkSettings.WriteRetryCount;
@@ -409,6 +512,7 @@ BOOL KxFileEx::RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten) {
     m_hFile = ::CreateFileW(m_bstrFileName.m_str ? m_bstrFileName.m_str : L"", GENERIC_WRITE,
                             FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (IsBadHandle(m_hFile)) {
+      err = GetLastError();
       m_hFile = INVALID_HANDLE_VALUE;
       nWritten = 0;
       const int nWaitMs = SdkSettings.WriteRetryTime;
@@ -420,23 +524,20 @@ BOOL KxFileEx::RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten) {
     if (!::SetFilePointerEx(m_hFile, back, &now, FILE_BEGIN)) {
       LogEntry(kRetrySeekTitle, SeekDetail(back.QuadPart, now.QuadPart));
     } else {
-      // The rewrite starts where the last good block ended: bytes a failed
-      // attempt left behind are overwritten, not counted twice.
+      // The rewrite starts where the failed block was to be written: bytes
+      // a failed attempt left behind are overwritten, not counted twice.
       m_nPhysPos = m_nGoodPos;
     }
     nWritten = WriteOnce(pBuffer, nLength);
+    err = GetLastError();
   }
   *pWritten = nWritten;
   if (nWritten == nLength) {
-    LARGE_INTEGER zero{}, pos{};
-    if (::SetFilePointerEx(m_hFile, zero, &pos, FILE_CURRENT)) {
-      m_nGoodPos = static_cast<uint64_t>(pos.QuadPart);
-    } else {
-      LogEntry(kRetrySeekTitle, SeekDetail(0, static_cast<int64_t>(m_nGoodPos)));
-    }
+    if (!FilePosition(&m_nGoodPos)) LogEntry(kRetrySeekTitle, SeekDetail(0, static_cast<int64_t>(m_nGoodPos)));
     return 1;
   }
   m_errorCodes.Report(kErrorCode, L"write file error");
+  SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
   return 0;
 }
 
@@ -480,14 +581,18 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
   }
   if (UsesCache()) {
     // The cache thread makes the platform seek, in order with the writes.
-    if (m_info.nOpMode == 1) return 0;
-    bool bQueued = QueueSeek(liDistance, dwMoveMethod);
-    switch (dwMoveMethod) {
-      case FILE_BEGIN: m_nLogicalPos = static_cast<uint64_t>(distance); break;
-      case FILE_CURRENT: m_nLogicalPos += static_cast<uint64_t>(distance); break;
-      case FILE_END: m_nLogicalPos = m_nLogicalSize + static_cast<uint64_t>(distance); break;
-      default: break;
+    if (m_info.nOpMode == 1 || !m_pPool) {
+      SetLastError(ERROR_INVALID_FUNCTION);
+      return 0;
     }
+    // The file system's end lies beyond the bytes written while a preset
+    // allocation is in place: every seek is queued from the beginning.
+    uint64_t target = 0;
+    if (!ManagedTarget(distance, dwMoveMethod, &target)) return 0;
+    LARGE_INTEGER absolute{};
+    absolute.QuadPart = static_cast<LONGLONG>(target);
+    bool bQueued = QueueSeek(absolute, FILE_BEGIN);
+    m_nLogicalPos = target;
     if (pNewPos) pNewPos->QuadPart = static_cast<LONGLONG>(m_nLogicalPos);
     return bQueued ? 1 : 0;
   }
@@ -497,22 +602,30 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
       ::FlushFileBuffers(m_hFile);
     }
     const bool bManaged = m_info.nOpMode == 2;
+    LARGE_INTEGER to = liDistance;
+    DWORD dwMethod = dwMoveMethod;
     if (bManaged) {
-      switch (dwMoveMethod) {
-        case FILE_BEGIN: m_nLogicalPos = static_cast<uint64_t>(distance); break;
-        case FILE_CURRENT: m_nLogicalPos += static_cast<uint64_t>(distance); break;
-        case FILE_END: m_nLogicalPos = m_nLogicalSize + static_cast<uint64_t>(distance); break;
-        default: break;
+      // In managed mode the writer's own view decides: FILE_END is the
+      // furthest byte written, not the end of a preset allocation.
+      uint64_t target = 0;
+      if (!ManagedTarget(distance, dwMoveMethod, &target)) {
+        LogEntry("\n    seek file pos :   ", SeekDetail(distance, 0));
+        SetLastError(ERROR_NEGATIVE_SEEK);
+        return 0;
       }
+      to.QuadPart = static_cast<LONGLONG>(target);
+      dwMethod = FILE_BEGIN;
     }
-    BOOL bOk = ::SetFilePointerEx(m_hFile, liDistance, &newPos, dwMoveMethod);
+    BOOL bOk = ::SetFilePointerEx(m_hFile, to, &newPos, dwMethod);
     if (!bOk) {
       LogEntry("\n    seek file pos :   ", SeekDetail(distance, newPos.QuadPart));
       return 0;
     }
     if (pNewPos) *pNewPos = newPos;
+    // The next block is written here, and a retry rewrites from here.
+    m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
     if (bManaged) {
-      m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
+      m_nLogicalPos = m_nPhysPos;
       if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
     }
     return bOk;
@@ -520,6 +633,23 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
     LogEntry("\n    seek file pos exception :   ", SeekDetail(distance, newPos.QuadPart));
     throw;
   }
+}
+
+bool KxFileEx::ManagedTarget(int64_t nDistance, DWORD dwMoveMethod, uint64_t* pTarget) const {
+  int64_t base = 0;
+  switch (dwMoveMethod) {
+    case FILE_BEGIN: base = 0; break;
+    case FILE_CURRENT: base = static_cast<int64_t>(m_nLogicalPos); break;
+    case FILE_END: base = static_cast<int64_t>(m_nLogicalSize); break;
+    default: SetLastError(ERROR_INVALID_PARAMETER); return false;
+  }
+  int64_t target = 0;
+  if (__builtin_add_overflow(base, nDistance, &target) || target < 0) {
+    SetLastError(ERROR_NEGATIVE_SEEK);
+    return false;
+  }
+  *pTarget = static_cast<uint64_t>(target);
+  return true;
 }
 
 DWORD KxFileEx::SetFilePointer(HANDLE hFile, LONG lDistance, LONG* pDistanceHigh, DWORD dwMoveMethod) {
@@ -589,6 +719,16 @@ BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD
     BOOL bOk = ::ReadFile(m_hFile, pBuffer, nToRead, &nRead, pOverlapped);
     if (pRead) *pRead = nRead;
     if (!bOk) LogEntry("\n    read file  :   ", ReadDetail(nToRead, nRead));
+    // The read moved the file pointer: the next block is written after the
+    // bytes read, and a retry rewrites from there.
+    uint64_t after = 0;
+    if (nRead > 0 && FilePosition(&after)) {
+      m_nGoodPos = m_nPhysPos = after;
+      if (m_info.nOpMode == 2) {
+        m_nLogicalPos = after;
+        if (after > m_nLogicalSize) m_nLogicalSize = after;
+      }
+    }
     return bOk;
   } catch (...) {
     LogEntry("\n    read file exception  :   ", ReadDetail(nToRead, nRead));
@@ -601,17 +741,35 @@ BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD
 BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
   if (m_bWebFile) return (m_pWebWriter && m_pWebWriter->Close() == 1) ? 1 : 0;
   if (m_bVirtual) {
-    if (m_pVirtualFile) m_pVirtualFile->Close();
-    return 1;
+    // A write the storage refused since the open fails the close too.
+    BOOL bClosed = m_pVirtualFile && m_pVirtualFile->Close() == 1;
+    if (m_nFailedWrites > 0) {
+      m_nFailedWrites = 0;
+      SetLastError(m_dwFailError);
+      m_dwFailError = 0;
+      return 0;
+    }
+    return bClosed ? 1 : 0;
   }
+  if (!m_bLocalOpen) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return 0;
+  }
+  return CloseLocal();
+}
+
+BOOL KxFileEx::CloseLocal() {
+  m_bLocalOpen = false;
   LeaveRegistry();
+  DWORD err = m_nFailedWrites > 0 ? m_dwFailError : NO_ERROR;
   if (m_pPool) {
     // Close waits, without a time limit, until every queued record is in
     // the file and the cache thread has ended.
     m_pPool->WriteBuffer(nullptr, 0);
     CacheStop();
+    // Joined: the thread's failure record is final and visible here.
+    if (m_bCacheFailed.load(std::memory_order_acquire) && err == NO_ERROR) err = m_dwCacheError;
   }
-  bool ok = true;
   m_nLogicalPos = 0;
   m_nLogicalSize = 0;
   RefreshStatus();
@@ -623,24 +781,25 @@ BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
   }
   if (m_nStaged > 0) {
     DWORD nWritten = BlockWrite(m_hFile, m_pStaging, m_nStaged);
-    ok = nWritten == static_cast<DWORD>(m_nStaged);
+    if (nWritten != static_cast<DWORD>(m_nStaged) && err == NO_ERROR) err = GetLastError();
     m_nStaged = 0;
   }
   if (m_info.nOpMode == 2 && m_nPresetSize > 0) {
     LARGE_INTEGER end{};
     end.QuadPart = static_cast<LONGLONG>(m_nExtent);
     if (!::SetFilePointerEx(m_hFile, end, nullptr, FILE_BEGIN) || !::SetEndOfFile(m_hFile)) {
-      DWORD err = GetLastError();
-      ::CloseHandle(m_hFile);
-      m_hFile = INVALID_HANDLE_VALUE;
-      SetLastError(err);
-      return 0;
+      if (err == NO_ERROR) err = GetLastError();
     }
   }
   QLT_WriterOption::ClearItem(m_bstrFileName);
-  BOOL bClosed = ::CloseHandle(m_hFile);
+  if (!::CloseHandle(m_hFile) && err == NO_ERROR) err = GetLastError();
   m_hFile = INVALID_HANDLE_VALUE;
-  return (bClosed && ok && m_nFailedWrites == 0) ? 1 : 0;
+  m_nPresetSize = 0;
+  if (err != NO_ERROR || m_nFailedWrites > 0 || m_bCacheFailed.load(std::memory_order_relaxed)) {
+    SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
+    return 0;
+  }
+  return 1;
 }
 
 BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
@@ -662,7 +821,9 @@ BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
 void KxFileEx::RefreshStatus() {
   CAutoLock lock(&m_csStatus);
   uint64_t pending = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
-  if (!UsesCache()) {
+  if (!UsesCache() && m_info.nOpMode != 2) {
+    // Outside managed mode the file system's size is the file's size; in
+    // managed mode a preset allocation makes it larger than what was written.
     LARGE_INTEGER size{};
     if (GetFileSizeEx(m_hFile, &size)) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
   }

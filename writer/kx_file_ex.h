@@ -18,8 +18,10 @@
 #ifndef QLTFSDK_WRITER_KX_FILE_EX_H
 #define QLTFSDK_WRITER_KX_FILE_EX_H
 
+#include <atomic>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "companions/virtualfile/qvf_virtual_file.h"
 #include "companions/webfile/web_file_api.h"
@@ -81,15 +83,30 @@ class KxFileEx {
                      DWORD dwCreationDisposition);
   HANDLE OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition,
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
-  // Allocates hFile at its registered preset size (managed mode). False
+  // Allocates hFile at its registered preset size (managed mode), then puts
+  // the file pointer at nPos. False
   // when moving the pointer or setting the end failed.
-  bool ApplyPresetSize(HANDLE hFile, const CComBSTR& strName);
+  bool ApplyPresetSize(HANDLE hFile, const CComBSTR& strName, uint64_t nPos);
   // Takes the registered block size for the name, growing the staging
   // buffer when needed. False for a block size below 1 or no memory.
   bool ApplyBlockSize(const CComBSTR& strName);
   void ResetCounters();
-  // Sets up the write cache for the open file; above 0 on success.
+  // Sets up the write cache for the open file; above 0 on success. On
+  // failure the last error names the cause and the cache folder is gone.
   int SetUpCache();
+  // Closes the open local file as CloseHandle does (drain, staged bytes,
+  // trim, options cleared). Used by close and by an open on a writer that
+  // still holds a file. 1 when every byte accepted since the open reached
+  // the file, else 0 with the last error set.
+  BOOL CloseLocal();
+  // Undoes a local open that failed after the file was opened: trims a
+  // preset allocation back to nStart bytes, forgets the file's options,
+  // closes the handle and deletes the file when bCreated (this open made
+  // it). Keeps the caller's last error.
+  void AbandonLocal(bool bCreated, uint64_t nStart);
+  // Records that a write on the cache thread failed: the first failure's
+  // error is kept for close. Cache thread.
+  void NoteCacheFailure(DWORD dwError);
   // True when the open file is written through a write cache (asked for by
   // the access information or the registry); without a pool such a file
   // refuses writes and seeks.
@@ -110,6 +127,10 @@ class KxFileEx {
   void CacheAbort();
   static DWORD WINAPI CacheThreadMain(LPVOID pWriter);
   DWORD RunCacheThread();
+  // Takes the data record of a header of nHeaderLength bytes out of the
+  // pool and block-writes it; a write that fails is noted for close. Throws
+  // when the record is missing. Cache thread.
+  void HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer);
   // The offset a block write reports to the timing log: the host's logical
   // position, or, while a cache thread does the writes, its own position.
   __int64 LoggedOffset() const { return static_cast<__int64>(m_pPool ? m_nPhysPos : m_nLogicalPos); }
@@ -125,6 +146,12 @@ class KxFileEx {
   // Writes out the staged bytes; true when all of them reached the file.
   bool WriteOutStaged();
   void TrackWritten(DWORD nWritten);
+  // Counts a WriteFile that failed and keeps the first failure's last error
+  // for close. Host thread.
+  void NoteFailedWrite();
+  // The managed position a seek moves to, or false (last error set) for a
+  // target before the start. FILE_END counts from the furthest byte written.
+  bool ManagedTarget(int64_t nDistance, DWORD dwMoveMethod, uint64_t* pTarget) const;
 
   void LogEntry(const char* pszTitle, const std::wstring& strDetail);
   void RefreshStatus();
@@ -152,16 +179,21 @@ class KxFileEx {
   int32_t m_nStaged = 0;      // 0 <= m_nStaged < m_nBlockSize between calls
   uint64_t m_nUnflushed = 0;  // bytes handed to the file system since the last forced flush
 
+  // The current file position of m_hFile; false when it cannot be read.
+  bool FilePosition(uint64_t* pPos);
+
   // Positions and sizes.
   uint64_t m_nLogicalPos = 0;   // next byte the host writes, staged bytes counted
   uint64_t m_nLogicalSize = 0;  // largest m_nLogicalPos reached
   uint64_t m_nPhysPos = 0;      // where the last file-system write ended
   uint64_t m_nExtent = 0;       // furthest end of any write or seek; close trims to it
-  uint64_t m_nGoodPos = 0;      // position after the last complete retry write
+  uint64_t m_nGoodPos = 0;      // where the next block write starts: a retry rewrites from here
   uint64_t m_nPresetSize = 0;   // preset size applied at open, 0 if none
 
   // Failure bookkeeping.
   uint64_t m_nFailedWrites = 0;  // WriteFile calls that did not write everything
+  bool m_bLocalOpen = false;     // a local file is open (from a good open or attach until close)
+  DWORD m_dwFailError = 0;       // last error of the first failed write since the open
   CLogFileWriter2 m_errorLog;
   CErrorCodeRegister m_errorCodes;
 
@@ -177,6 +209,15 @@ class KxFileEx {
   HANDLE m_hCacheThread = nullptr;    // the running cache thread, joined by CacheStop
   uint32_t m_nCacheFileTag = 0;       // the handle when the cache started, for the record headers
   int m_nCacheRecordMax = 0;          // the longest record the pool takes
+  // Set by the cache thread when a block write or seek of its own failed, or
+  // when it ended before the end of the data (the queued bytes are then
+  // dropped); read by the host thread to fail later writes and the close.
+  // Reset by the host thread only while no cache thread runs.
+  std::atomic<bool> m_bCacheFailed{false};
+  // The error of the cache thread's first failure; written by the cache
+  // thread before it sets m_bCacheFailed (release), read by the host after
+  // seeing the flag (acquire) or after joining the thread.
+  DWORD m_dwCacheError = 0;
 
   // Status.
   KxWriterStatus m_status;        // guarded by m_csStatus

@@ -2,6 +2,7 @@
 // thread, and the writer's entry in the registry of files being written.
 #include <cstdio>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ constexpr int32_t kTypeSeek = 2;
 constexpr size_t kThreadBuffer = 1048576;  // the cache thread's first data buffer
 constexpr size_t kGrowSlack = 51200;       // spare bytes when that buffer grows
 constexpr int kRecordLengthBytes = 4;      // the pool's own length field per record
+// The smallest ring the writer uses: its pool length field, a header and a
+// seek record.
+constexpr DWORD kMinRingBytes = kRecordLengthBytes + 16 + 24;
 
 // The record in front of every queued write or seek.
 struct CacheHeader {
@@ -68,6 +72,15 @@ int KxFileEx::SetUpCache() {
   if (request.bFound && request.dwRequest != 0) m_info.nCacheMode = 3;
   if (m_info.nCacheMode == 0 || m_info.nOpMode != 2) return result;
 
+  // Ring sizes that cannot work are refused before anything is made: a
+  // ring must hold a header and a seek record, and the pool takes no ring
+  // of 2 GiB or more.
+  for (DWORD nRing : {m_info.dwMemoryPoolSize, m_info.dwWriteCacheSize}) {
+    if (nRing < kMinRingBytes || nRing > static_cast<DWORD>(INT32_MAX)) {
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return 0;
+    }
+  }
   std::wstring folder = request.cDrive ? std::wstring(1, request.cDrive) + L":\\" : std::wstring(CacheDriveRoot);
   folder += GuidText(m_guid);
   BSTR bstrFolder = SysAllocString(folder.c_str());
@@ -83,39 +96,53 @@ int KxFileEx::SetUpCache() {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
-  // Every step runs even after one has failed; any failure fails the set-up.
+  // Every step runs even after one has failed; any failure fails the set-up,
+  // and the first failure's error is the one reported.
+  DWORD err = NO_ERROR;
+  auto step = [&](bool bOk) {
+    if (bOk) return;
+    if (result != 0) err = GetLastError() != NO_ERROR ? GetLastError() : ERROR_INVALID_PARAMETER;
+    result = 0;
+  };
+  SetLastError(NO_ERROR);
   if (m_info.nCacheMode != 1) {
-    if (m_pPool->SetBufferingMode(1) < 1) result = 0;
+    step(m_pPool->SetBufferingMode(1) >= 1);
     try {
-      if (m_pPool->SetDiskPoolProps(folder, m_info.dwDiskPoolSize) <= 0) result = 0;
+      step(m_pPool->SetDiskPoolProps(folder, m_info.dwDiskPoolSize) > 0);
     } catch (const std::bad_alloc&) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-      result = 0;
+      step(false);
     }
-  } else if (m_pPool->SetBufferingMode(0) <= 0) {
-    result = 0;
+  } else {
+    step(m_pPool->SetBufferingMode(0) > 0);
   }
-  if (m_pPool->SetFifoOpMode(m_info.nOpMode) < 1) result = 0;
-  if (m_pPool->SetMemoryPoolSize(m_info.dwMemoryPoolSize) < 1) result = 0;
-  if (m_pPool->SetWriteCacheSize(m_info.dwWriteCacheSize) < 1) result = 0;
-  if (m_pPool->StartFifo() == 0) result = 0;
+  SetLastError(NO_ERROR);
+  step(m_pPool->SetFifoOpMode(m_info.nOpMode) >= 1);
+  step(m_pPool->SetMemoryPoolSize(m_info.dwMemoryPoolSize) >= 1);
+  step(m_pPool->SetWriteCacheSize(m_info.dwWriteCacheSize) >= 1);
+  step(m_pPool->StartFifo() != 0);
   DWORD nSmaller =
       m_info.dwMemoryPoolSize < m_info.dwWriteCacheSize ? m_info.dwMemoryPoolSize : m_info.dwWriteCacheSize;
   m_nCacheRecordMax = nSmaller > static_cast<DWORD>(INT32_MAX) ? INT32_MAX - kRecordLengthBytes
                                                                : static_cast<int>(nSmaller) - kRecordLengthBytes;
   m_nCacheFileTag = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(m_hFile));
 
-  ResetEvent(m_hCacheIdle);
-  m_hCacheThread = CreateThread(nullptr, 0, &KxFileEx::CacheThreadMain, this, 0, nullptr);
-  if (!m_hCacheThread) {
-    // No thread will set the event: set it here so no stop waits for ever.
-    SetEvent(m_hCacheIdle);
-    result = 0;
+  if (result != 0) {
+    ResetEvent(m_hCacheIdle);
+    m_hCacheThread = CreateThread(nullptr, 0, &KxFileEx::CacheThreadMain, this, 0, nullptr);
+    if (!m_hCacheThread) {
+      // No thread will set the event: set it here so no stop waits for ever.
+      SetEvent(m_hCacheIdle);
+      step(false);
+    }
   }
   if (result == 0) {
     // A failed cache ends here, and so does its folder.
     CacheAbort();
+    delete m_pPool;
+    m_pPool = nullptr;
     ::RemoveDirectoryW(m_info.bstrDiskPoolPath);
+    SetLastError(err);
   }
   return result;
 }
@@ -175,6 +202,8 @@ DWORD KxFileEx::RunCacheThread() {
     SetEvent(m_hCacheIdle);
     return 0;
   }
+  bool bEnded = false;                    // the end of the data was reached
+  DWORD dwEndError = ERROR_INVALID_DATA;  // why the thread ended early
   std::vector<BYTE> buffer;
   try {
     buffer.resize(kThreadBuffer);
@@ -182,25 +211,14 @@ DWORD KxFileEx::RunCacheThread() {
       CacheHeader header{};
       int nLength = 0;
       // Records come whole and in order: a header, then its data or seek.
-      if (!m_pPool->ReadBuffer(&header, nLength) || nLength != static_cast<int>(sizeof header)) break;
+      if (!m_pPool->ReadBuffer(&header, nLength)) break;
+      if (nLength == -1) {
+        bEnded = true;
+        break;
+      }
+      if (nLength != static_cast<int>(sizeof header)) break;
       if (header.nType == kTypeData) {
-        if (header.nLength > 0 && static_cast<size_t>(header.nLength) > buffer.size()) {
-          buffer.resize(static_cast<size_t>(header.nLength) + kGrowSlack);
-        }
-        if (header.nLength > 0) {
-          // The data is written from where it lies in the pool; only a
-          // record that wraps round the pool's end is put together in the
-          // buffer first, so each record is still one block write.
-          m_pPool->ReadBufferInPlace(nLength, [&](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
-            if (n2 == 0) {
-              BlockWrite(m_hFile, p1, n1);
-            } else if (n1 + n2 <= buffer.size()) {
-              CRingStream::CopyPieces(buffer.data(), p1, n1, p2, n2);
-              BlockWrite(m_hFile, buffer.data(), n1 + n2);
-            }
-          });
-          if (nLength < 0) break;
-        }
+        if (header.nLength > 0) HandleDataRecord(header.nLength, buffer);
         if (header.dwUserData != 0) {
           CAutoLock lock(&m_csUserData);
           m_userData.Add(header.dwUserData);
@@ -226,21 +244,86 @@ DWORD KxFileEx::RunCacheThread() {
         if (bOk) {
           m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
           if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
-        } else if (SdkSettings.LogFileOn != 0) {
-          WriteErrorLogEntry(m_errorLog, m_strPath, "\n    seek file pos :   ",
-                             (L"Mov pos :" + std::to_wstring(distance.QuadPart) + L"   new pos " +
-                              std::to_wstring(newPos.QuadPart) + L": \n")
-                                 .c_str());
+        } else {
+          // Later writes would land in the wrong place: the close reports it.
+          NoteCacheFailure(GetLastError());
+          if (SdkSettings.LogFileOn != 0) {
+            WriteErrorLogEntry(m_errorLog, m_strPath, "\n    seek file pos :   ",
+                               (L"Mov pos :" + std::to_wstring(distance.QuadPart) + L"   new pos " +
+                                std::to_wstring(newPos.QuadPart) + L": \n")
+                                   .c_str());
+          }
         }
       }
     }
+  } catch (const std::bad_alloc&) {
+    dwEndError = ERROR_NOT_ENOUGH_MEMORY;
   } catch (...) {
-    // Out of memory for the buffer or a copy: the thread ends; close still
-    // finds it idle and the file closed in order.
+  }
+  if (!bEnded) {
+    // The thread ends before the data did (a broken record, or out of
+    // memory for its buffer): the rest of the queue can no longer be written
+    // in order. Later writes fail, the close reports the loss, and the queue
+    // is emptied here so a host waiting for room in the pool goes on.
+    NoteCacheFailure(dwEndError);
+    try {
+      for (;;) {
+        LONG nRest = 0;
+        if (!m_pPool->ReadBufferInPlace(nRest, [](const BYTE*, DWORD, const BYTE*, DWORD) {}) || nRest < 0) break;
+      }
+    } catch (...) {
+    }
   }
   RefreshStatus();
   SetEvent(m_hCacheIdle);
   return 1;
+}
+
+void KxFileEx::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer) {
+  bool bGrown = true;
+  if (static_cast<size_t>(nHeaderLength) > buffer.size()) {
+    try {
+      buffer.resize(static_cast<size_t>(nHeaderLength) + kGrowSlack);
+    } catch (...) {
+      bGrown = false;
+    }
+  }
+  LONG nLength = 0;
+  bool bWritten = false;
+  DWORD err = NO_ERROR;
+  // The data is written from where it lies in the pool; only a record that
+  // wraps round the pool's end is put together in the buffer first, so each
+  // record is still one block write. A record that cannot be written (no
+  // buffer for it, or an exception in the block write) is still taken out
+  // of the pool, so the records after it keep their order.
+  m_pPool->ReadBufferInPlace(nLength, [&](const BYTE* p1, DWORD n1, const BYTE* p2, DWORD n2) {
+    try {
+      DWORD nAll = n1 + n2;
+      if (n2 == 0) {
+        bWritten = BlockWrite(m_hFile, p1, n1) == nAll;
+      } else if (bGrown && nAll <= buffer.size()) {
+        CRingStream::CopyPieces(buffer.data(), p1, n1, p2, n2);
+        bWritten = BlockWrite(m_hFile, buffer.data(), nAll) == nAll;
+      } else {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      }
+      if (!bWritten) err = GetLastError();
+    } catch (...) {
+      err = ERROR_NOT_ENOUGH_MEMORY;
+    }
+  });
+  if (nLength != nHeaderLength) {
+    // The data record is missing: what follows cannot be trusted.
+    throw std::runtime_error("cache record lost");
+  }
+  if (!bWritten) {
+    if (err == ERROR_NOT_ENOUGH_MEMORY && SdkSettings.LogFileOn != 0) {
+      SetLastError(err);
+      WriteErrorLogEntry(m_errorLog, m_strPath, "\n    write file  :   ",
+                         (L"To write bytes :" + std::to_wstring(nHeaderLength) + L"   written bytes 0: \n").c_str());
+    }
+    NoteCacheFailure(err);
+  }
 }
 
 // ---- The registry of files being written ------------------------------------------

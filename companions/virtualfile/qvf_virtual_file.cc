@@ -57,15 +57,17 @@ class CQVFStorageFile final : public CQVFVirtualFile {
     HANDLE h = State().m_hFile;
     if (!h) return FailWith(ERROR_INVALID_HANDLE);
     State().m_hFile = nullptr;
-    CloseHandle(h);
-    return 1;
+    return CloseHandle(h) ? 1 : 0;
   }
 
   int Write(const void* pBuffer, DWORD nCount) override {
     if (!State().m_hFile) return FailWith(ERROR_INVALID_HANDLE);
     if (!pBuffer || nCount > static_cast<DWORD>(INT_MAX)) return FailWith(ERROR_INVALID_PARAMETER);
     DWORD nWritten = 0;
-    if (!WriteFile(State().m_hFile, pBuffer, nCount, &nWritten, nullptr)) return 0;
+    // A write that fails after some bytes reports those bytes (fewer than
+    // asked, last error set); the caller must not take them as written whole.
+    if (!WriteFile(State().m_hFile, pBuffer, nCount, &nWritten, nullptr)) return static_cast<int>(nWritten);
+    if (nWritten < nCount) SetLastError(ERROR_DISK_FULL);
     return static_cast<int>(nWritten);
   }
 

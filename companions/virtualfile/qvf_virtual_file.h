@@ -55,10 +55,13 @@ class CQVFVirtualFile {
   // Returns 1 when open, 0 on failure (last error set: ERROR_INVALID_NAME
   // for a path without the prefix or leaving the root).
   virtual int Open(LPCWSTR path, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition) = 0;
-  // Closes the open file. Returns 1, or 0 when none was open.
+  // Closes the open file. Returns 1, or 0 when none was open or the
+  // platform's close failed (last error set).
   virtual int Close() = 0;
   // Writes nCount bytes at the position and advances. Returns the bytes
-  // written, 0 on failure (not open, null buffer, write error).
+  // written; fewer than nCount (or 0) means the write failed and the last
+  // error is set (ERROR_DISK_FULL for a full disk). Not open or a null
+  // buffer: 0.
   virtual int Write(const void* pBuffer, DWORD nCount) = 0;
   // Reads up to nCount bytes at the position and advances. Returns the
   // bytes read (fewer only at the end of the file), 0 on failure.

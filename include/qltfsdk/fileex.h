@@ -15,7 +15,8 @@
 // close to the furthest byte written; it forces a flush to disk whenever more
 // than 16 MiB have been written since the last one; and when the settings ask
 // for retries (WriteRetryCount) it flushes every block and rewrites a failed
-// block after reopening the file and seeking back to the last good position.
+// block after reopening the file and seeking back to where that block was to
+// be written.
 //
 // Paths with an "ftp://" or "oss://" scheme (any letter case) are written
 // through the web-file plug-in; paths holding "qvf:\" or "QVF:\" through the
@@ -71,13 +72,19 @@ class QLTFS_API QLCT_FileEx {
   // argument carries the option text "PublicWebFile" and/or "PutMode":
   // nLength is its length in bytes, lpSecurityDescriptor points to the
   // narrow characters). Returns the file's handle, or 0 for failure. The
-  // writer owns the handle: CloseHandle closes it.
+  // writer owns the handle: CloseHandle closes it. A file still open on this
+  // writer is first closed as CloseHandle would close it. A failed open
+  // leaves no trace: a file it created is removed, a preset allocation is
+  // undone, and the last error names the cause (ERROR_INVALID_PARAMETER for
+  // cache sizes that cannot work).
   virtual HANDLE CreateKXFile(CComBSTR strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                               LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
                               DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
   // Gives the writer a local file the host opened itself (for writing);
   // strFileName is its name (for the registered options and the retry's
-  // reopen). The writer then owns the handle: CloseHandle closes it.
+  // reopen). The writer then owns the handle: CloseHandle closes it, and so
+  // does a failed Attach. Writing goes on from the handle's position. A file
+  // still open on this writer is first closed as CloseHandle would close it.
   // Returns non-zero on success.
   virtual BOOL Attach(HANDLE hFile, CComBSTR strFileName);
   // Size of the file: in managed mode the writer's own count of the bytes
@@ -86,7 +93,8 @@ class QLTFS_API QLCT_FileEx {
   // a last error on failure.
   virtual DWORD GetFileSize(LPDWORD pHigh);
   virtual BOOL GetFileSizeEx(PLARGE_INTEGER pSize);
-  // Moves the file pointer (staged bytes are written out first). The
+  // Moves the file pointer (staged bytes are written out first). In managed
+  // mode FILE_END counts from the furthest byte written. The
   // distance is pDistanceHigh:lDistance when pDistanceHigh is given, else
   // lDistance as a signed value. Returns the low 32 bits of the new
   // position (high part through pDistanceHigh), INVALID_SET_FILE_POINTER
@@ -97,14 +105,17 @@ class QLTFS_API QLCT_FileEx {
   virtual BOOL ReadFile(LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped);
   // Accepts nLength bytes. pWritten (when given) receives nLength whenever
   // the bytes were accepted, also when writing a block failed; the result
-  // is 0 then. dwUserData (0 for none) joins the user-data list.
+  // is 0 then. With a write cache the result is 0 (last error set) once the
+  // cache has failed to write earlier bytes. dwUserData (0 for none) joins
+  // the user-data list.
   virtual BOOL WriteFile(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, LPOVERLAPPED pOverlapped, DWORD dwUserData);
   // The same with user data 0.
   virtual BOOL WriteFile(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, LPOVERLAPPED pOverlapped);
   // Writes out the staged bytes, trims a preset file to the furthest byte
   // written, forgets the file's registered options and closes the file.
   // Returns 1 when the file was closed and every write since it was opened
-  // succeeded, else 0. The writer has no file afterwards in either case.
+  // succeeded (those made by a write cache included), else 0 with the first
+  // failure's last error. The writer has no file afterwards in either case.
   virtual BOOL CloseHandle();
 
   // Copies the user data of the writes so far into list: mode 0 only the

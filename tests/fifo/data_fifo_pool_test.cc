@@ -78,7 +78,17 @@ TEST_F(DataFifoPoolTest, BadCallsGetClearResults) {
     EXPECT_EQ(m_pool.SetMemoryPoolSize(nHuge), 0);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
   }
-  m_pool.SetWriteCacheSize(64);
+  // Rings with no room for a record's length and a byte cannot work.
+  for (bool bCache : {true, false}) {
+    for (DWORD nTiny : {0u, 3u, 4u}) {
+      EXPECT_EQ(bCache ? m_pool.SetWriteCacheSize(nTiny) : m_pool.SetMemoryPoolSize(nTiny), 1);
+      SetLastError(NO_ERROR);
+      EXPECT_EQ(m_pool.StartFifo(), 0) << nTiny;
+      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+      EXPECT_EQ(m_pool.WriteBuffer("x", 1), 0);
+    }
+    bCache ? m_pool.SetWriteCacheSize(64) : m_pool.SetMemoryPoolSize(1u << 20);
+  }
   ASSERT_EQ(m_pool.StartFifo(), 1);
   EXPECT_EQ(m_pool.WriteBuffer("x", -3), 0);
   EXPECT_EQ(Write(std::string(65, 'x')), 0);  // longer than the write cache: refused at once

@@ -3,15 +3,53 @@
 // host reads through the registry while a cached file is open.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <random>
 
 #include "tests/writer/writer_test_util.h"
+
+// Allocations of more than this many bytes (0: none) and up to 3,000,000
+// fail once, anywhere in the process: a test uses it to run the cache
+// thread out of memory for a long record's buffer.
+std::atomic<size_t> g_nFailAllocAbove{0};
+
+void* Allocate(size_t n) {
+  size_t above = g_nFailAllocAbove.load();
+  if (above != 0 && n > above && n <= 3000000 && g_nFailAllocAbove.compare_exchange_strong(above, 0))
+    throw std::bad_alloc();
+  if (void* p = std::malloc(n ? n : 1)) return p;
+  throw std::bad_alloc();
+}
+
+// Out of line, so the compiler does not pair a free() it sees with the
+// operator new at the call site.
+[[gnu::noinline]] void Release(void* p) noexcept { std::free(p); }
+
+void* operator new(size_t n) { return Allocate(n); }
+void* operator new[](size_t n) { return Allocate(n); }
+void* operator new(size_t n, const std::nothrow_t&) noexcept {
+  try {
+    return Allocate(n);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void* operator new[](size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
+void operator delete(void* p) noexcept { Release(p); }
+void operator delete[](void* p) noexcept { Release(p); }
+void operator delete(void* p, size_t) noexcept { Release(p); }
+void operator delete[](void* p, size_t) noexcept { Release(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { Release(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { Release(p); }
 
 namespace qlt::test {
 namespace {
 
 namespace fs = std::filesystem;
+using ::g_nFailAllocAbove;
 
 class WriteCacheTest : public WriterTest {
  protected:
@@ -111,11 +149,52 @@ TEST_F(WriteCacheTest, CacheFolderLivesWhileTheFileIsOpenOnTheDriveAsked) {
   SysFreeString(props.bstrFileName);
 }
 
-TEST_F(WriteCacheTest, RefusedCacheSetUpOrOperatingMode) {
-  SetCacheDriveRoot(L"Y:\\");  // an unmapped drive: the folder cannot be made
-  EXPECT_EQ(Create(*MakeWriter(2, 2), "nofolder.dat", 4096), nullptr);
-  EXPECT_TRUE(DeleteFileW(m_dir.wpath("nofolder.dat").c_str()));  // created, then closed again
-  FileExPtr w = MakeWriter(1, 1);  // outside managed mode: writes, seeks and reads refused
+// A cache that cannot be set up fails the open with its real cause and
+// leaves nothing behind: a file the open made is removed, a file that was
+// there gets its length back, the preset is forgotten, no folder remains.
+TEST_F(WriteCacheTest, RefusedCacheSetUpLeavesNothingAndSaysWhy) {
+  const DWORD kHuge = 0x80000000u;
+  const struct {
+    int nCacheMode;
+    DWORD nPool, nCache;  // ring sizes
+    bool bUnmapped;       // the cache folder's drive is not mapped
+    bool bExisting;       // the file was there before (1,234 bytes)
+    DWORD error;
+  } cases[] = {
+      {2, 33554432, 16777216, true, false, ERROR_PATH_NOT_FOUND},
+      {2, 33554432, 16777216, true, true, ERROR_PATH_NOT_FOUND},
+      {1, 0, 16777216, false, false, ERROR_INVALID_PARAMETER},
+      {2, 33554432, 16, false, false, ERROR_INVALID_PARAMETER},
+      {1, kHuge, 16777216, false, true, ERROR_INVALID_PARAMETER},
+      {1, 33554432, 0xFFFFFFFFu, false, false, ERROR_INVALID_PARAMETER},
+  };
+  std::wstring path = m_dir.wpath("refused.dat");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.nPool) + " " + std::to_string(c.nCache));
+    SetCacheDriveRoot(c.bUnmapped ? L"Y:\\" : L"Q:\\");
+    if (c.bExisting) {
+      ASSERT_TRUE(WriteWholeFile(m_dir.file("refused.dat"), std::string(1234, 'e')));
+    }
+    QLT_WriterOption2::SetPresetFileSize(CComBSTR(path.c_str()), 1 << 20);
+    FileExPtr w(QLCT_CreateFileExObj());
+    QLCT_FIlEACCESSINFO_ST info{c.nCacheMode, 2, 0, c.nPool, nullptr, 4194304, c.nCache};
+    ASSERT_EQ(w->Initialize(&info), 1);
+    SetLastError(NO_ERROR);
+    EXPECT_EQ(w->CreateKXFile(CComBSTR(path.c_str()), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, 0, nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), c.error);
+    EXPECT_EQ(FileExists(m_dir.file("refused.dat")) ? SizeOf("refused.dat") : 0, c.bExisting ? 1234u : 0u);
+    EXPECT_EQ(FileExists(m_dir.file("refused.dat")), c.bExisting);
+    ULONGLONG left = 0;
+    EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(CComBSTR(path.c_str()), left), 0);
+    EXPECT_EQ(Folders(), 0u);
+    std::filesystem::remove(m_dir.file("refused.dat"));
+  }
+}
+
+// A cache outside managed mode takes no writes, seeks or reads; close then
+// reports that the accepted bytes never arrived.
+TEST_F(WriteCacheTest, CacheOutsideManagedModeRefusesAndCloseSaysSo) {
+  FileExPtr w = MakeWriter(1, 1);
   ASSERT_NE(Create(*w, "mode1.dat", 4096), nullptr);
   LARGE_INTEGER zero{};
   char buf[4] = {};
@@ -123,15 +202,19 @@ TEST_F(WriteCacheTest, RefusedCacheSetUpOrOperatingMode) {
   EXPECT_EQ(w->SetFilePointerEx(zero, nullptr, FILE_BEGIN), 0);
   EXPECT_EQ(w->ReadFile(buf, 4, &n, nullptr), 0);
   EXPECT_EQ(w->WriteFile(buf, 4, &n, nullptr), 0);
-  w->CloseHandle();
+  EXPECT_EQ(w->CloseHandle(), 0);
+  EXPECT_EQ(SizeOf("mode1.dat"), 0u);
 }
 
-TEST_F(WriteCacheTest, FailuresOnTheCacheThreadEndInAClosedFileAndTheErrorLog) {
+// A block the cache thread fails to write shows in the close's result and
+// error (the error log keeps its entries), and later writes fail once the
+// thread has met the failure.
+TEST_F(WriteCacheTest, FailuresOnTheCacheThreadFailTheCloseAndAreLogged) {
   EnableErrorLog();
   FileExPtr w = MakeWriter(2, 1);
   ASSERT_NE(Create(*w, "faulty.dat", 4096), nullptr);
   qlt::fault::ScopedFault failing(FaultRule(qlt::fault::kWrite, L"*faulty.dat", qlt::fault::Action::kFail, 2, 2));
-  for (int i = 0; i < 6; ++i) ASSERT_TRUE(Put(*w, i * 4096u, 4096));
+  for (int i = 0; i < 6; ++i) Put(*w, i * 4096u, 4096);  // some may already be refused
   // A live cached writer answers the pool status; no more once closed.
   QLCT_DataPoolAccess access;
   QLCT_POOL_STATUS_ST status{SysAllocString(m_dir.wpath("FAULTY.DAT").c_str()), 0, 0, 0, 0};
@@ -139,15 +222,51 @@ TEST_F(WriteCacheTest, FailuresOnTheCacheThreadEndInAClosedFileAndTheErrorLog) {
   EXPECT_EQ(status.dwFound, 1u);
   EXPECT_EQ(std::wstring(status.bstrFileName), m_dir.wpath("faulty.dat"));
   EXPECT_EQ(status.nFileLength, 6u * 4096);
-  EXPECT_EQ(w->CloseHandle(), 1);  // cached failures show only in the log
+  // Once the thread has met the failure, nothing more is taken.
+  BOOL bTaken = 1;
+  for (int i = 0; i < 10000 && (bTaken = Put(*w, 6 * 4096u, 4096)) != 0; ++i) Sleep(1);
+  EXPECT_EQ(bTaken, 0);
+  SetLastError(NO_ERROR);
+  EXPECT_EQ(w->CloseHandle(), 0);
+  EXPECT_EQ(GetLastError(), 29u);  // the fault's ERROR_WRITE_FAULT
   EXPECT_EQ(access.Operation(CComBSTR(L"get_PoolStatus"), &status), 0);
   SysFreeString(status.bstrFileName);
-  EXPECT_EQ(failing.Fired(), 2);
-  EXPECT_EQ(SizeOf("faulty.dat"), 4u * 4096);
+  EXPECT_GE(failing.Fired(), 1);
   EXPECT_TRUE(DeleteFileW(m_dir.wpath("faulty.dat").c_str()));
   int entries = 0;
   for (const std::string& line : ErrorLogLines()) entries += line.find("write file") != std::string::npos ? 1 : 0;
-  EXPECT_EQ(entries, 2);
+  EXPECT_EQ(entries, failing.Fired());
+}
+
+// The cache thread runs out of memory for a long record: the record is
+// logged and dropped, later writes fail instead of waiting for a thread
+// that writes nothing, and close reports the loss.
+TEST_F(WriteCacheTest, CacheThreadOutOfMemoryFailsLaterWritesAndTheClose) {
+  EnableErrorLog();
+  FileExPtr w = MakeWriter(2, 1, 4194304);  // 2 MiB records at most
+  ASSERT_NE(Create(*w, "oom.dat", 4096), nullptr);
+  std::string big = Pattern(0, 2000000);
+  ASSERT_TRUE(Put(*w, 0, 1000));
+  // Three records of 1,000,000 bytes fill the thread's first buffer size:
+  // the next long record wraps round the 4 MiB ring's end and must be put
+  // together in a buffer that cannot grow.
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(Put(*w, 1000 + i * 1000000u, 1000000));
+  g_nFailAllocAbove.store(2000000);
+  DWORD n = 0;
+  EXPECT_EQ(w->WriteFile(big.data(), 2000000, &n, nullptr), 1);
+  // Rings of 2 MiB: without the failure seen, the host would soon wait for
+  // ever for room.
+  int nRefused = 0;
+  for (int i = 0; i < 200 && nRefused == 0; ++i) nRefused += Put(*w, 5000000, 65536) ? 0 : 1;
+  EXPECT_EQ(nRefused, 1);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+  EXPECT_EQ(w->CloseHandle(), 0);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
+  g_nFailAllocAbove.store(0);
+  EXPECT_TRUE(Content("oom.dat").substr(0, 3001000) == Pattern(0, 3001000));
+  bool bLogged = false;
+  for (const std::string& line : ErrorLogLines()) bLogged |= line.find("To write bytes :2000000") != std::string::npos;
+  EXPECT_TRUE(bLogged);
 }
 
 }  // namespace

@@ -88,35 +88,80 @@ TEST_F(WriterTest, PresetSizeIsAllocatedAndTrimmedToTheFurthestByte) {
     const char* name;
     uint64_t preset;  // 0: none registered
     int nOpMode;
-    uint64_t write;  // bytes written
-    int64_t seekTo;  // -1: no seek; else a seek from the start after writing
+    int nCacheMode;
+    uint64_t write;   // bytes written
+    int64_t seekTo;   // a seek after writing, or none
+    DWORD method;     // its move method
+    int64_t landsAt;  // where it lands (-1: no seek)
+    size_t tail;      // bytes written there
     uint64_t finalSize;
   } cases[] = {
-      {"preset.dat", 10 * kMiB, 2, 3 * kMiB, -1, 3 * kMiB},
-      {"seekpast.dat", 10 * kMiB, 2, 1000, 5 * static_cast<int64_t>(kMiB), 5 * kMiB},
-      {"unmanaged.dat", 10 * kMiB, 1, 1000, -1, 1000},  // preset only in managed mode
-      {"nopreset.dat", 0, 2, 1000, -1, 1000},
+      {"preset.dat", 10 * kMiB, 2, 0, 3 * kMiB, 0, FILE_BEGIN, -1, 0, 3 * kMiB},
+      {"seekpast.dat", 10 * kMiB, 2, 0, 1000, 5 * kMiB, FILE_BEGIN, 5 * kMiB, 0, 5 * kMiB},
+      {"seekpast-cached.dat", 10 * kMiB, 2, 1, 1000, 5 * kMiB, FILE_BEGIN, 5 * kMiB, 0, 5 * kMiB},
+      // The end is the furthest byte written, not the end of the allocation.
+      {"end.dat", kMiB, 2, 0, 1500, -10, FILE_END, 1490, 10, 1500},
+      {"end-cached.dat", kMiB, 2, 1, 1500, -10, FILE_END, 1490, 10, 1500},
+      {"unmanaged.dat", 10 * kMiB, 1, 0, 1000, 0, FILE_BEGIN, -1, 0, 1000},  // preset only in managed mode
+      {"nopreset.dat", 0, 2, 0, 1000, 0, FILE_BEGIN, -1, 0, 1000},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::wstring path = m_dir.wpath(c.name);
     if (c.preset) QLT_WriterOption2::SetPresetFileSize(CComBSTR(path.c_str()), c.preset);
-    FileExPtr w = MakeWriter(c.nOpMode);
-    ASSERT_NE(Create(*w, c.name, 4096), nullptr);
+    FileExPtr w = MakeWriter(c.nOpMode, c.nCacheMode);
+    ASSERT_NE(Create(*w, c.name, 1000), nullptr);
     EXPECT_EQ(SizeOf(c.name), c.nOpMode == 2 ? c.preset : 0);
     ASSERT_EQ(Put(*w, 0, static_cast<size_t>(c.write)), 1);
-    LARGE_INTEGER size{}, to{};
+    LARGE_INTEGER size{}, to{}, at{};
     ASSERT_EQ(w->GetFileSizeEx(&size), 1);
     EXPECT_EQ(c.nOpMode == 2 ? static_cast<uint64_t>(size.QuadPart) : c.write, c.write);  // managed: own count
-    to.QuadPart = c.seekTo;
-    if (c.seekTo >= 0) {
-      ASSERT_EQ(w->SetFilePointerEx(to, nullptr, FILE_BEGIN), 1);
+    std::string expect = Pattern(0, static_cast<size_t>(c.write));
+    if (c.landsAt >= 0) {
+      to.QuadPart = c.seekTo;
+      ASSERT_EQ(w->SetFilePointerEx(to, &at, c.method), 1);
+      EXPECT_EQ(at.QuadPart, c.landsAt);
+      if (c.tail) {
+        ASSERT_EQ(Put(*w, 7777, c.tail), 1);
+        expect.replace(static_cast<size_t>(c.landsAt), c.tail, Pattern(7777, c.tail));
+      }
     }
     EXPECT_EQ(w->CloseHandle(), 1);
     EXPECT_EQ(SizeOf(c.name), c.finalSize);
-    EXPECT_EQ(Content(c.name).substr(0, static_cast<size_t>(c.write)), Pattern(0, static_cast<size_t>(c.write)));
+    EXPECT_TRUE(Content(c.name).substr(0, expect.size()) == expect);
     ULONGLONG left = 0;  // close forgets the registered options
     EXPECT_EQ(QLT_WriterOption2::GetPresetFileSize(CComBSTR(path.c_str()), left), 0);
+  }
+}
+
+// Opening or attaching a file on a writer that still holds one closes the
+// held file first, as close does: its queued and staged bytes reach it, it
+// is trimmed and its handle closed, and nothing of it reaches the new file.
+TEST_F(WriterTest, OpenWithoutCloseFinishesTheHeldFileFirst) {
+  for (int nCacheMode : {0, 1}) {
+    for (bool bAttach : {false, true}) {
+      SCOPED_TRACE(std::to_string(nCacheMode) + (bAttach ? " attach" : " create"));
+      std::wstring pathA = m_dir.wpath("a.dat"), pathB = m_dir.wpath("b.dat");
+      QLT_WriterOption2::SetPresetFileSize(CComBSTR(pathA.c_str()), 64u << 20);
+      FileExPtr w = MakeWriter(2, nCacheMode);
+      ASSERT_NE(Create(*w, "a.dat", 4096), nullptr);
+      const size_t nA = 3201000;
+      for (uint64_t at = 0; at + 1000 < nA; at += 100000) ASSERT_EQ(Put(*w, at, 100000), 1);
+      ASSERT_EQ(Put(*w, nA - 1000, 1000), 1);  // staged without a cache
+      if (bAttach) {
+        ASSERT_TRUE(WriteWholeFile(m_dir.file("b.dat"), ""));
+        HANDLE h = CreateFileW(pathB.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(h, INVALID_HANDLE_VALUE);
+        ASSERT_EQ(w->Attach(h, CComBSTR(pathB.c_str())), 1);
+      } else {
+        ASSERT_NE(Create(*w, "b.dat", 4096), nullptr);
+      }
+      ASSERT_EQ(Put(*w, 50000000, 5000), 1);
+      EXPECT_TRUE(Content("a.dat") == Pattern(0, nA));  // whole, and trimmed to what was written
+      EXPECT_TRUE(DeleteFileW(pathA.c_str()));        // its handle is closed
+      EXPECT_EQ(w->CloseHandle(), 1);
+      EXPECT_EQ(Content("b.dat"), Pattern(50000000, 5000));
+    }
   }
 }
 
