@@ -154,6 +154,18 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
       Fail("read", "closing '" + outName + "' failed: " + CloseFailureText(ftpOut, error));
     }
   }
+  if (writes && IsVirtualPath(target)) {
+    // The storage's writes answer 1 whatever they stored: its length says.
+    QLCT_FileAccess check;
+    const unsigned long long stored =
+        check.OpenFile(CComBSTR(ToWide(target).c_str()), ACCESS_MODE_READ) ? check.GetLength() : 0;
+    check.CloseFile();
+    if (stored != done) {
+      bar.Finish(static_cast<LONGLONG>(done));
+      Fail("read", "writing '" + outName + "' failed: the storage holds " + std::to_string(stored) + " of " +
+                       std::to_string(done) + " bytes");
+    }
+  }
   bar.Finish(static_cast<LONGLONG>(done));
   double seconds = bar.Seconds();
   std::printf("read %llu bytes in %.2f s (%.1f MiB/s)%s\n", done, seconds,

@@ -99,6 +99,15 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
       Fail(kCommand, "cannot write '" + strOut + "': it is " + strKind + "; write needs a regular file to verify");
   }
   const bool bExisted = !bVirtual && fs::exists(strPath, ec);
+
+  // Twice the period plus one slice, so any slice can be taken in one piece;
+  // made before the file, so missing memory leaves nothing behind.
+  std::vector<char> pattern;
+  try {
+    pattern.resize(2 * kPeriod + nSlice);
+  } catch (const std::bad_alloc&) {
+    Fail(kCommand, "not enough memory for slices of " + strSlice + " bytes");
+  }
   CComBSTR bstrPath(ToWide(strPath).c_str());
   QLT_WriterOption::SetWriteBlockSize(bstrPath, static_cast<int>(nBlock));
   if (nPreset) QLT_WriterOption2::SetPresetFileSize(bstrPath, nPreset);
@@ -125,14 +134,6 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
     Fail(kCommand, CannotText("create", strOut, nError));
   }
 
-  // Twice the period plus one slice, so any slice can be taken in one piece.
-  std::vector<char> pattern;
-  try {
-    pattern.resize(2 * kPeriod + nSlice);
-  } catch (const std::bad_alloc&) {
-    writer->CloseHandle();
-    Fail(kCommand, "not enough memory for slices of " + strSlice + " bytes");
-  }
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>((i % kPeriod) * 131 + (i % kPeriod) / 251);
 
   ProgressBar bar(static_cast<LONGLONG>(nSize), stderr, ProgressBar::OutputIsTerminal(stderr));
