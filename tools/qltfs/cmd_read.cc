@@ -49,9 +49,13 @@ std::string OpenFtp(QLCT_FileAccess& access, const std::string& url, DWORD mode,
   if (async && mode == ACCESS_MODE_READ) access.EnableAsyncRead(1, static_cast<int>(ring));
   // One leading '/' is the separator after the host; a path that starts
   // with another (from "%2F") stays absolute.
-  if (!access.OpenFile(CComBSTR(ToWide("/" + loc.path).c_str()), mode))
+  if (!access.OpenFile(CComBSTR(ToWide("/" + loc.path).c_str()), mode)) {
+    const DWORD error = GetLastError();
+    if (mode == ACCESS_MODE_WRITE && error == 12003)
+      Fail("read", "cannot open " + shown + " for writing: the server refused to store the file (error 12003)");
     Fail("read", "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") +
-                     ErrorText(GetLastError()));
+                     ErrorText(error));
+  }
   if (async && mode == ACCESS_MODE_WRITE) access.EnableAsyncWrite(1, static_cast<int>(ring));
   return shown;
 }
