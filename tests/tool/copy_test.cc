@@ -91,8 +91,8 @@ TEST_F(CopyCommandTest, FailuresNameTheCauseAndThePath) {
       {src, m_dir.file("fifo"), "it is a FIFO; copy writes regular files only"},
       {src, "/dev/null", "it is a device"},
       {m_dir.file("dir"), m_dir.file("dst.dat"), "it is a directory, not a regular file"},
-      {src, m_dir.file("dst.dat"), "failed after 0 of 70000 bytes: the disk is full (error 112); '" +
-                                       m_dir.file("dst.dat") + "' removed", full},
+      {src, m_dir.file("dst.dat"),
+       "failed after 0 of 70000 bytes: the disk is full (error 112); '" + m_dir.file("dst.dat") + "' removed", full},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.to);

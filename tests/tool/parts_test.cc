@@ -33,9 +33,9 @@ TEST(InterruptWatchTest, InterruptBeforeTheTransferStartsStillEndsIt) {
   struct Stops {
     std::mutex lock;
     std::condition_variable changed;
-    int nBegun = 0;        // lock: stop calls begun
-    bool bInStop = false;  // lock: the watcher is inside a stop call
-    bool bWaited = false;  // lock: the first report has waited
+    int nBegun = 0;             // lock: stop calls begun
+    bool bInStop = false;       // lock: the watcher is inside a stop call
+    bool bWaited = false;       // lock: the first report has waited
     LONGLONG nFinalBytes = -1;  // written by the transfer's thread only
   } stops;
   transfer.SetTransferBitrate(2 * 1000 * 1000);  // a missed stop copies all in 17 s

@@ -57,7 +57,7 @@ TEST_F(WriteCommandTest, BadInputOrAFailureEndsWithOneLineInWords) {
     std::string prefix = "";
   };
   const std::string full = "ulimit -f 2048; trap \"\" XFSZ; ";  // 2 MiB per file
-  const std::string memory = "ulimit -v 200000; ";                 // about 200 MB
+  const std::string memory = "ulimit -v 200000; ";              // about 200 MB
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   const bool bMemoryLimits = false;
 #else

@@ -53,8 +53,8 @@ std::string OpenFtp(QLCT_FileAccess& access, const std::string& url, DWORD mode,
     const DWORD error = GetLastError();
     if (mode == ACCESS_MODE_WRITE && error == 12003)
       Fail("read", "cannot open " + shown + " for writing: the server refused to store the file (error 12003)");
-    Fail("read", "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") +
-                     ErrorText(error));
+    Fail("read",
+         "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") + ErrorText(error));
   }
   if (async && mode == ACCESS_MODE_WRITE) access.EnableAsyncWrite(1, static_cast<int>(ring));
   return shown;
@@ -129,8 +129,9 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
       // connection) or shrank.
       const DWORD error = GetLastError();
       bar.Finish(static_cast<LONGLONG>(done));
-      Fail("read", "reading '" + inName + "' failed after " + std::to_string(done) + " of " + std::to_string(total) +
-                       " bytes: " + (error == ERROR_SUCCESS ? std::string("the source ended early") : ErrorText(error)));
+      Fail("read",
+           "reading '" + inName + "' failed after " + std::to_string(done) + " of " + std::to_string(total) +
+               " bytes: " + (error == ERROR_SUCCESS ? std::string("the source ended early") : ErrorText(error)));
     }
     if (n == 0) break;
     if (writes) {
@@ -174,7 +175,9 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
   double seconds = bar.Seconds();
   std::printf("read %llu bytes in %.2f s (%.1f MiB/s)%s\n", done, seconds,
               seconds > 0 ? static_cast<double>(done) / seconds / (1 << 20) : 0.0,
-              writes ? (", written to " + outName).c_str() : sink ? ", discarded" : "");
+              writes ? (", written to " + outName).c_str()
+              : sink ? ", discarded"
+                     : "");
 }
 
 }  // namespace

@@ -46,26 +46,41 @@ struct WriterDeleter {
   void operator()(QLCT_FileEx* p) const { QLCT_DeleteFileExObj(p); }
 };
 
-// The file's length and its bytes from nAt on, through the accessor (the
-// virtual storage is reachable only that way). Used for the read-back.
+// The written file for the read-back: a local file directly, a
+// virtual-storage file through the accessor (the only way to reach it).
+// Used on the command's thread only.
 class ReadBack {
  public:
-  explicit ReadBack(const std::string& strPath) : m_bOpen(m_access.OpenFile(CComBSTR(ToWide(strPath).c_str()), ACCESS_MODE_READ) != 0) {}
+  ReadBack(const std::string& strPath, bool bVirtual) : m_bVirtual(bVirtual) {
+    if (bVirtual) {
+      m_bOpen = m_access.OpenFile(CComBSTR(ToWide(strPath).c_str()), ACCESS_MODE_READ) != 0;
+      m_nLength = m_bOpen ? m_access.GetLength() : 0;
+    } else {
+      std::error_code ec;
+      m_nLength = fs::file_size(strPath, ec);
+      m_file.open(strPath, std::ios::binary);
+      m_bOpen = !ec && m_file.is_open();
+    }
+  }
   ~ReadBack() {
-    if (m_bOpen) m_access.CloseFile();
+    if (m_bVirtual && m_bOpen) m_access.CloseFile();
   }
   ReadBack(const ReadBack&) = delete;
   ReadBack& operator=(const ReadBack&) = delete;
   bool IsOpen() const { return m_bOpen; }
-  ULONGLONG Length() { return m_access.GetLength(); }
-  // Fills nBytes of pBuffer; false when fewer arrive.
+  ULONGLONG Length() const { return m_nLength; }
+  // Fills nBytes of pBuffer with the next bytes; false when fewer arrive.
   bool Read(char* pBuffer, size_t nBytes) {
+    if (!m_bVirtual) return static_cast<bool>(m_file.read(pBuffer, static_cast<std::streamsize>(nBytes)));
     return m_access.Read(reinterpret_cast<BYTE*>(pBuffer), static_cast<int>(nBytes)) == static_cast<int>(nBytes);
   }
 
  private:
-  QLCT_FileAccess m_access;
-  const bool m_bOpen;
+  const bool m_bVirtual;
+  bool m_bOpen = false;
+  ULONGLONG m_nLength = 0;
+  std::ifstream m_file;      // a local file
+  QLCT_FileAccess m_access;  // a virtual-storage file
 };
 
 // A whole count of 0 or more, for --retry.
@@ -125,8 +140,7 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
                               bCache ? static_cast<DWORD>(nCacheSize / 4) : 16777216};
   if (!writer || !writer->Initialize(&info)) Fail(kCommand, "cannot set up the writer: " + ErrorText(GetLastError()));
   if (!writer->CreateKXFile(bstrPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                            FILE_ATTRIBUTE_NORMAL, nullptr))
-  {
+                            FILE_ATTRIBUTE_NORMAL, nullptr)) {
     const DWORD nError = GetLastError();
     // The open may have made the file before its cache failed: take away
     // what this run created.
@@ -158,16 +172,17 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   BOOL bClosed = writer->CloseHandle();
   double dCloseSeconds = std::chrono::duration<double>(Clock::now() - tClose).count();
   bar.Finish(static_cast<LONGLONG>(nDone));
-  if (!bClosed)
+  if (!bClosed) {
+    const DWORD nError = GetLastError();
     Fail(kCommand, "closing '" + strOut + "' failed: " +
-                       (GetLastError() == ERROR_SUCCESS ? std::string("not every byte reached the file")
-                                                        : ErrorText(GetLastError())));
+                       (nError == ERROR_SUCCESS ? std::string("not every byte reached the file") : ErrorText(nError)));
+  }
   double dSeconds = bar.Seconds();
 
   // Read back and check; the success lines come only once the size is right.
-  ReadBack in(strPath);
-  const ULONGLONG nOnDisk = in.IsOpen() ? in.Length() : 0;
+  ReadBack in(strPath, bVirtual);
   if (!in.IsOpen()) Fail(kCommand, CannotText("read back", strOut, GetLastError()));
+  const ULONGLONG nOnDisk = in.Length();
   if (nOnDisk != nSize)
     Fail(kCommand, "'" + strOut + "' holds " + std::to_string(nOnDisk) + " bytes, expected " + std::to_string(nSize));
   std::printf("wrote %llu bytes in %.2f s: %s (slice %llu, block %llu%s%s)\n", static_cast<unsigned long long>(nSize),

@@ -16,7 +16,8 @@ bool IsLocalPath(const std::string& strPath) { return !IsFtpUrl(strPath) && !IsV
 
 bool IsSameFile(const std::string& strFirst, const std::string& strSecond) {
   // By identity, for devices too (std::filesystem::equivalent refuses them).
-  struct stat first {}, second {};
+  struct stat first {
+  }, second{};
   return ::stat(strFirst.c_str(), &first) == 0 && ::stat(strSecond.c_str(), &second) == 0 &&
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
