@@ -68,6 +68,7 @@ TEST_F(ReadCommandTest, ToRefusesTheSourceAndWhatItCannotWriteAndNamesAFullDisk)
       {src + " --to " + m_dir.path() + "/./src.dat", "they are the same file"},
       {src + " --to " + m_dir.file("link.dat"), "they are the same file"},
       {src + " --to " + m_dir.file("hard.dat") + " --async", "they are the same file"},
+      {"\"qvf:\\same.dat\" --to \"qvf:\\same.dat\"", "they are the same file"},
       {src + " --to " + m_dir.file("fifo"), "it is a FIFO; --to writes regular files only"},
       {m_dir.file("dir"), "it is a directory, not a regular file"},
       {src + " --to " + m_dir.file("full.dat"), "the disk is full (error 112)", full},

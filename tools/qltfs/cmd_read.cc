@@ -87,6 +87,8 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
     if (IsLocalPath(source) && IsSameFile(source, target))
       Fail("read", "cannot read '" + source + "' into '" + target + "': they are the same file");
   }
+  if (IsVirtualPath(source) && source == target)
+    Fail("read", "cannot read '" + source + "' into itself: they are the same file");
   const bool writes = !target.empty() && !sink;
 
   QLCT_FileAccess in;
@@ -213,7 +215,7 @@ void AddExistsCommand(CLI::App& app) {
   cmd->add_option("PATH", *path, "file to look for")->required();
   cmd->callback([=] {
     // The library answers for anything readable; a folder is not a file.
-    if (IsLocalPath(*path) && !IsFtpUrl(*path) && path->find("://") == std::string::npos) {
+    if (IsLocalPath(*path) && path->find("://") == std::string::npos) {
       if (std::string kind = NotAFileKind(*path); !kind.empty()) {
         std::printf("0\n");
         Fail("exists", "'" + *path + "' is " + kind + ", not a file");
