@@ -19,8 +19,8 @@ namespace {
 
 // An interrupt that arrives before the transfer has started: the stop
 // request made then has nothing to act on, yet the copy must still end, so
-// the watch repeats it. The transfer starts only once a stop has been
-// requested; its first report then waits (bounded) until the watcher starts
+// the watch repeats it. The transfer starts only once a first stop has
+// returned; its first report then waits (bounded) until the watcher starts
 // another stop or is inside one. It never waits on a watcher that is blocked
 // in Abort (which waits for the transfer): the report sees that stop under
 // way and returns. Without the repeated request all 64 blocks are copied.
@@ -64,19 +64,24 @@ TEST(InterruptWatchTest, InterruptBeforeTheTransferStartsStillEndsIt) {
       }
       stops.changed.notify_all();
       transfer.Abort();
-      std::lock_guard<std::mutex> guard(stops.lock);
-      stops.bInStop = false;
+      {
+        std::lock_guard<std::mutex> guard(stops.lock);
+        stops.bInStop = false;
+      }
+      stops.changed.notify_all();
     });
     InterruptWatch::Raise();
     ASSERT_TRUE(InterruptWatch::Interrupted());
     {
       std::unique_lock<std::mutex> guard(stops.lock);
-      ASSERT_TRUE(stops.changed.wait_for(guard, std::chrono::seconds(10), [&] { return stops.nBegun > 0; }));
+      // The first stop has returned: it found nothing running.
+      ASSERT_TRUE(
+          stops.changed.wait_for(guard, std::chrono::seconds(10), [&] { return stops.nBegun > 0 && !stops.bInStop; }));
     }
     nRate = transfer.TransferFile(dir.wpath("src.dat").c_str(), dir.wpath("dst.dat").c_str());
   }
   EXPECT_GT(nRate, 0);
-  EXPECT_GT(stops.nFinalBytes, 0);
+  EXPECT_GE(stops.nFinalBytes, 0);  // a stop may come before the first block
   EXPECT_LT(stops.nFinalBytes, static_cast<LONGLONG>(data.size()));
 }
 
