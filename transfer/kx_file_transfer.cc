@@ -59,12 +59,33 @@ bool WriteWhole(HANDLE hFile, const char* pBuffer, DWORD nBytes) {
   return false;
 }
 
+class CMonotonicClock : public CTransferClock {
+ public:
+  LONGLONG Ticks() override {
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
+    return now.QuadPart;
+  }
+  LONGLONG Frequency() override {
+    LARGE_INTEGER frequency;
+    QueryPerformanceFrequency(&frequency);
+    return frequency.QuadPart;
+  }
+  void Wait(HANDLE hAbort, DWORD nMs) override { WaitForSingleObject(hAbort, nMs); }
+};
+
 }  // namespace
+
+CTransferClock& CTransferClock::Monotonic() {
+  static CMonotonicClock clock;  // stateless: any thread may use it
+  return clock;
+}
 
 KxFileTransfer::KxFileTransfer()
     : m_pfnProgress(nullptr),
       m_pUserData(nullptr),
       m_nBitrate(kDefaultBitrate),
+      m_pClock(&CTransferClock::Monotonic()),
       m_bRunning(false),
       m_nTransferThreadId(0),
       m_nAbortWaiters(0),
@@ -93,6 +114,11 @@ void KxFileTransfer::SetTransferBitrate(int nBitsPerSecond) {
   m_nBitrate = nBitsPerSecond;
 }
 
+void KxFileTransfer::SetClock(CTransferClock* pClock) {
+  CAutoLock lock(&m_cs);
+  m_pClock = pClock ? pClock : &CTransferClock::Monotonic();
+}
+
 int KxFileTransfer::GetTransferBitrate() {
   CAutoLock lock(&m_cs);
   return m_nBitrate;
@@ -116,6 +142,7 @@ bool KxFileTransfer::BeginTransfer(Settings* pSettings) {
         ResetEvent(m_hAbortEvent);
         pSettings->pfnProgress = m_pfnProgress;
         pSettings->pUserData = m_pUserData;
+        pSettings->pClock = m_pClock;
         return true;
       }
     }
@@ -213,7 +240,7 @@ int KxFileTransfer::Copy(const wchar_t* pszSource, const wchar_t* pszDestination
   bOk = bOk && SetFilePointerEx(destination.Get(), size, nullptr, FILE_BEGIN) && SetEndOfFile(destination.Get()) &&
         SetFilePointerEx(destination.Get(), zero, nullptr, FILE_BEGIN);
 
-  CStopwatch clock;
+  CStopwatch clock(*settings.pClock);
   LONGLONG nWritten = 0;
   if (bOk) bOk = CopyData(source.Get(), destination.Get(), buffer.m_pData, size.QuadPart, settings, clock, &nWritten);
   DWORD nError = GetLastError();
@@ -258,7 +285,7 @@ bool KxFileTransfer::CopyData(HANDLE hSource, HANDLE hDestination, char* pBuffer
     // wait that overran is paid back by the next ones.
     LONGLONG nAheadMs = *pWritten * 1000 / nBytesPerSecond - clock.Milliseconds();
     if (nAheadMs > kPacingSlackMs)
-      WaitForSingleObject(m_hAbortEvent, static_cast<DWORD>(std::min<LONGLONG>(nAheadMs, INFINITE - 1)));
+      clock.Wait(m_hAbortEvent, static_cast<DWORD>(std::min<LONGLONG>(nAheadMs, INFINITE - 1)));
   }
   if (m_bAbort.load(std::memory_order_relaxed)) return true;
 

@@ -43,11 +43,16 @@ class KxFileTransfer {
   int TransferFile(const wchar_t* pszSource, const wchar_t* pszDestination);
   // Returns at once when no transfer runs, else once it has stopped.
   void Abort();
+  // The clock the next transfers pace on (not owned; it must outlive them);
+  // null restores the monotonic clock. For tests: the pacing then follows
+  // the clock's time and its waits.
+  void SetClock(CTransferClock* pClock);
 
  private:
   struct Settings {
     KX_TRANS_PROGRESS_CALLBACK pfnProgress;
     void* pUserData;
+    CTransferClock* pClock;
   };
 
   // Marks a transfer as running and takes the settings it runs with; false
@@ -72,6 +77,7 @@ class KxFileTransfer {
   KX_TRANS_PROGRESS_CALLBACK m_pfnProgress;  // m_cs; read once per transfer
   void* m_pUserData;                         // m_cs; read once per transfer
   int m_nBitrate;                            // m_cs; bits per second
+  CTransferClock* m_pClock;                  // m_cs; read once per transfer
   bool m_bRunning;                           // m_cs; a transfer is between Begin and End
   DWORD m_nTransferThreadId;                 // m_cs; thread of the running transfer
   int m_nAbortWaiters;                       // m_cs; Abort calls waiting for the running transfer

@@ -76,4 +76,38 @@ TEST_F(FtpReadCommandTest, FailuresSayWhatWithoutThePassword) {
   }
 }
 
+// A server that stalls or refuses: the failure is named in words (a
+// time-out, a refused store), never as a byte count, and no success line
+// follows.
+TEST(FtpFaultCommandTest, StalledOrRefusedTransfersSayWhatHappened) {
+  TempDir root, dir;
+  const std::string data = Bytes(3 * 1024 * 1024);
+  ASSERT_TRUE(WriteWholeFile(root.file("src.bin"), data));
+  ASSERT_TRUE(WriteWholeFile(dir.file("local.bin"), data));
+  struct Case {
+    const char* fault;
+    bool bUpload;
+    const char* async;
+    std::string expect;
+  } cases[] = {
+      {"retrstall", false, "", "did not answer in time"},
+      {"stor552", true, "", "the server refused to store the file"},
+      {"storstall", true, "", "did not answer in time"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.fault) + c.async);
+    FtpTestServer server(root.path(), c.fault);
+    const std::string args = c.bUpload ? dir.file("local.bin") + " --to " + server.Url("up/x.bin")
+                                       : server.Url("src.bin") + " --to " + dir.file("down.bin");
+    const std::string line = std::string("QLTFS_FTP_IDLE_TIMEOUT_MS=1000 timeout -s KILL 30 ") + QLTFS_TOOL_PATH +
+                             " read " + args + c.async + " >" + dir.file("out.txt") + " 2>" + dir.file("err.txt");
+    const int status = std::system(("/bin/bash -c '" + line + "'").c_str());
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+    const std::string err = ReadWholeFile(dir.file("err.txt"));
+    EXPECT_NE(err.find("qltfs read: "), std::string::npos) << err;
+    EXPECT_NE(err.find(c.expect), std::string::npos) << err;
+    EXPECT_EQ(ReadWholeFile(dir.file("out.txt")), "");
+  }
+}
+
 }  // namespace

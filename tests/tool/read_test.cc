@@ -20,6 +20,9 @@ class ReadCommandTest : public ::testing::Test {
  protected:
   std::string Qltfs(const char* command) const { return std::string(QLTFS_TOOL_PATH) + " " + command + " "; }
   std::string Redirect() const { return " >" + m_dir.file("out.txt") + " 2>" + m_dir.file("err.txt"); }
+  // The virtual storage of the tool's runs lies under this test's folder.
+  std::string Env() const { return "TMPDIR=" + m_dir.path() + " "; }
+  std::string Err() const { return ReadWholeFile(m_dir.file("err.txt")); }
   TempDir m_dir;
 };
 
@@ -36,6 +39,50 @@ TEST_F(ReadCommandTest, ReadsAndCopiesByteForByteInEveryMode) {
     EXPECT_TRUE(ReadWholeFile(dst) == data);
     EXPECT_NE(ReadWholeFile(m_dir.file("out.txt")).find("read 3146505 bytes"), std::string::npos);
   }
+  // Into the virtual storage and back, read ahead on the storage's own back-end.
+  const std::string qvf = "\"qvf:\\rt.dat\"";
+  ASSERT_EQ(RunShell(Env() + Qltfs("read") + m_dir.file("src.dat") + " --to " + qvf + Redirect()), 0) << Err();
+  ASSERT_EQ(RunShell(Env() + Qltfs("read") + qvf + " --async --to " + m_dir.file("back.dat") + Redirect()), 0) << Err();
+  EXPECT_TRUE(ReadWholeFile(m_dir.file("back.dat")) == data);
+  EXPECT_EQ(RunShell(Qltfs("read") + m_dir.file("src.dat") + " --to /dev/null" + Redirect()), 0) << Err();
+  EXPECT_NE(ReadWholeFile(m_dir.file("out.txt")).find("read 3146505 bytes in"), std::string::npos);
+}
+
+// Opening the destination would empty the source: every spelling of it is
+// refused. What read cannot use is refused before any open, a destination
+// that fills up (a local file or the virtual storage) fails in words, and no
+// success line follows a failure.
+TEST_F(ReadCommandTest, ToRefusesTheSourceAndWhatItCannotWriteAndNamesAFullDisk) {
+  namespace fs = std::filesystem;
+  const std::string data(3 << 20, 'r');
+  const std::string src = m_dir.file("src.dat");
+  ASSERT_TRUE(WriteWholeFile(src, data));
+  fs::create_symlink(src, m_dir.file("link.dat"));
+  fs::create_hard_link(src, m_dir.file("hard.dat"));
+  fs::create_directory(m_dir.file("dir"));
+  ASSERT_EQ(RunShell("mkfifo " + m_dir.file("fifo")), 0);
+  const std::string full = "ulimit -f 1024; trap \"\" XFSZ; ";  // 1 MiB per file
+  const struct {
+    std::string args, message, limit = "";
+  } cases[] = {
+      {src + " --to " + src, "they are the same file"},
+      {src + " --to " + m_dir.path() + "/./src.dat", "they are the same file"},
+      {src + " --to " + m_dir.file("link.dat"), "they are the same file"},
+      {src + " --to " + m_dir.file("hard.dat") + " --async", "they are the same file"},
+      {"\"qvf:\\same.dat\" --to \"qvf:\\same.dat\"", "they are the same file"},
+      {src + " --to " + m_dir.file("fifo"), "it is a FIFO; --to writes regular files only"},
+      {m_dir.file("dir"), "it is a directory, not a regular file"},
+      {src + " --to " + m_dir.file("full.dat"), "the disk is full (error 112)", full},
+      {src + " --to \"qvf:\\full.dat\"", "the disk is full (error 112)", full},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    EXPECT_EQ(RunShell(c.limit + Env() + "timeout -s KILL 20 " + Qltfs("read") + c.args + Redirect()), 1);
+    EXPECT_NE(Err().find("qltfs read: "), std::string::npos) << Err();
+    EXPECT_NE(Err().find(c.message), std::string::npos) << Err();
+    EXPECT_EQ(ReadWholeFile(m_dir.file("out.txt")), "");
+    EXPECT_TRUE(ReadWholeFile(src) == data);
+  }
 }
 
 TEST_F(ReadCommandTest, ExistsAnswersWithItsExitStatusAndReadFailsClearly) {
@@ -43,6 +90,8 @@ TEST_F(ReadCommandTest, ExistsAnswersWithItsExitStatusAndReadFailsClearly) {
   EXPECT_EQ(RunShell(Qltfs("exists") + m_dir.file("there.dat") + Redirect()), 0);
   EXPECT_EQ(RunShell(Qltfs("exists") + m_dir.file("absent.dat") + Redirect()), 1);
   EXPECT_EQ(RunShell(Qltfs("exists") + "http://127.0.0.1/x.inx" + Redirect()), 1);
+  EXPECT_EQ(RunShell(Qltfs("exists") + m_dir.path() + Redirect()), 1);
+  EXPECT_NE(ReadWholeFile(m_dir.file("err.txt")).find("is a directory, not a file"), std::string::npos);
   EXPECT_EQ(RunShell(Qltfs("read") + m_dir.file("absent.dat") + Redirect()), 1);
   EXPECT_NE(ReadWholeFile(m_dir.file("err.txt")).find("cannot open"), std::string::npos);
   EXPECT_EQ(RunShell(Qltfs("read") + m_dir.file("there.dat") + " --block 0" + Redirect()), 2);

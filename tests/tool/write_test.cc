@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tests/support/temp_dir.h"
 
@@ -17,8 +18,9 @@ int RunShell(const std::string& strCommand) {
 
 class WriteCommandTest : public ::testing::Test {
  protected:
-  int Run(const std::string& strArgs) const {
-    return RunShell(std::string(QLTFS_TOOL_PATH) + " write " + strArgs + " >" + m_dir.file("out.txt") + " 2>" +
+  // strPrefix: shell words before the command (limits, environment).
+  int Run(const std::string& strArgs, const std::string& strPrefix = "") const {
+    return RunShell(strPrefix + " " + QLTFS_TOOL_PATH + " write " + strArgs + " >" + m_dir.file("out.txt") + " 2>" +
                     m_dir.file("err.txt"));
   }
   std::string Out() const { return ReadWholeFile(m_dir.file("out.txt")); }
@@ -34,30 +36,61 @@ TEST_F(WriteCommandTest, PresetFileIsTrimmedAndVerified) {
   EXPECT_NE(Err().find("100%"), std::string::npos);
 }
 
-TEST_F(WriteCommandTest, CachedWriteReportsTheHostAndDrainTimes) {
+// Through the cache, and into the virtual storage (read back through the
+// accessor, the only way to reach it).
+TEST_F(WriteCommandTest, CachedOrVirtualWriteIsVerified) {
   ASSERT_EQ(Run(m_dir.file("c.bin") + " --cache --cache-size 4M --size 3M --slice 5000 --block 64K"), 0) << Err();
   EXPECT_NE(Out().find("verified: 3145728 bytes read back identical"), std::string::npos) << Out();
   EXPECT_NE(Out().find("(waiting for the cache to drain)"), std::string::npos) << Out();
+  ASSERT_EQ(Run("\"qvf:\\w.bin\" --size 1M", "TMPDIR=" + m_dir.path()), 0) << Err();
+  EXPECT_NE(Out().find("verified: 1048576 bytes read back identical"), std::string::npos) << Out();
 }
 
-TEST_F(WriteCommandTest, BadInputFailsWithOneLine) {
+// Bad input is refused with one line; a failure says what happened in words
+// and is never followed by a success line. A full disk (a file size limit
+// here) and missing memory (an address-space limit, which sanitizers cannot
+// run under) are named; a file whose cache could not be set up is removed.
+TEST_F(WriteCommandTest, BadInputOrAFailureEndsWithOneLineInWords) {
   struct Case {
     std::string args;
     const char* message;
+    std::string prefix = "";
   };
-  const Case cases[] = {
+  const std::string full = "ulimit -f 2048; trap \"\" XFSZ; ";  // 2 MiB per file
+  const std::string memory = "ulimit -v 200000; ";              // about 200 MB
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  const bool bMemoryLimits = false;
+#else
+  const bool bMemoryLimits = true;
+#endif
+  std::vector<Case> cases = {
       {m_dir.file("a.bin") + " --size 12X", "bad size"},
       {m_dir.file("a.bin") + " --size 1M --block 0", "bad block"},
       {m_dir.file("a.bin") + " --size 1M --cache --cache-size 10K", "bad cache size"},
+      {m_dir.file("a.bin") + " --size 1M --cache --cache-size 2G", "bad cache size '2G'"},
+      {m_dir.file("a.bin") + " --size 1M --preset \"\"", "bad preset ''"},
+      {m_dir.file("a.bin") + " --size 1M --retry \"\"", "bad retry count ''"},
       {m_dir.file("none/a.bin") + " --size 1M", "cannot create"},
+      {"/dev/null --size 1M", "'/dev/null': it is a device"},
+      {m_dir.file("a.bin") + " --size 8M", "the disk is full (error 112)", full},
   };
+  if (bMemoryLimits) {
+    cases.push_back({m_dir.file("a.bin") + " --size 1M --slice 256M", "not enough memory", memory});
+    cases.push_back({m_dir.file("a.bin") + " --size 1M --cache --cache-size 1G", "not enough memory", memory});
+  }
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args);
-    EXPECT_NE(Run(c.args), 0);
+    EXPECT_NE(Run(c.args, c.prefix), 0);
     std::string err = Err();
-    EXPECT_EQ(err.rfind("qltfs write: ", 0), 0u) << err;
-    EXPECT_NE(err.find(c.message), std::string::npos) << err;
-    EXPECT_EQ(err.find('\n'), err.size() - 1) << err;  // one line
+    const size_t nLine = err.rfind('\n', err.size() - 2);  // after a progress line, if any
+    const std::string last = err.substr(nLine == std::string::npos ? 0 : nLine + 1);
+    EXPECT_EQ(last.rfind("qltfs write: ", 0), 0u) << err;
+    EXPECT_NE(last.find(c.message), std::string::npos) << err;
+    EXPECT_EQ(Out(), "");
+    if (c.prefix == memory) {
+      EXPECT_FALSE(FileExists(m_dir.file("a.bin")));
+    }
+    std::filesystem::remove(m_dir.file("a.bin"));
   }
 }
 

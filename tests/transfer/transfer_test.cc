@@ -16,6 +16,7 @@
 #include "platform/platform.h"
 #include "qltfsdk/filetransfer.h"
 #include "tests/support/temp_dir.h"
+#include "transfer/kx_file_transfer.h"
 
 namespace {
 
@@ -204,6 +205,61 @@ TEST_F(TransferTest, ThrowingCallbackFailsTheTransferAndLeavesTheObjectUsable) {
     ExpectFinishes([this] { m_transfer.Abort(); });
     EXPECT_GT(Copy(), 0);
     EXPECT_EQ(ReadWholeFile(m_dir.file("dst.dat")), m_data);
+  }
+}
+
+// A clock that moves only when the transfer waits, or when a report moves
+// it (standing for slow I/O): the pacing is checked against its schedule
+// without waiting for real.
+class FakeClock : public CTransferClock {
+ public:
+  LONGLONG Ticks() override { return m_nNowMs; }
+  LONGLONG Frequency() override { return 1000; }
+  void Wait(HANDLE, DWORD nMs) override {
+    m_waits.push_back(nMs);
+    m_nNowMs += nMs;
+  }
+  LONGLONG m_nNowMs = 5000;
+  LONGLONG m_nIoMsPerBlock = 0;
+  std::vector<DWORD> m_waits;
+};
+
+// The copy waits only when more than 3 ms ahead of its schedule, and then
+// exactly as long as it is ahead, so it ends on schedule and the achieved
+// rate approaches the limit from below. Slow I/O is not waited for again.
+TEST(TransferPacingTest, WaitsOnlyWhenMoreThanThreeMillisecondsAheadOfSchedule) {
+  TempDir dir;
+  ASSERT_TRUE(WriteWholeFile(dir.file("src.dat"), Pattern(8 * kBlock, 3)));
+  struct Case {
+    int nBytesPerSecond;  // the limit / 8
+    LONGLONG nIoMsPerBlock;
+    std::vector<DWORD> waits;
+  };
+  const Case cases[] = {
+      {6553600, 0, {10, 10, 10, 10, 10, 10, 10, 10}},  // a block every 10 ms, instant I/O
+      {32768000, 0, {4, 4, 4, 4}},                     // every 2 ms: waits once 4 ms ahead
+      {6553600, 7, {6, 6, 6, 6}},                      // 3 ms ahead is not enough to wait
+      {6553600, 12, {}},                               // behind all the way
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.nBytesPerSecond) + " B/s, I/O " + std::to_string(c.nIoMsPerBlock) + " ms");
+    FakeClock clock;
+    clock.m_nIoMsPerBlock = c.nIoMsPerBlock;
+    KxFileTransfer transfer;
+    transfer.SetClock(&clock);
+    transfer.SetTransferBitrate(c.nBytesPerSecond * 8);
+    transfer.SetProgressCallBack(
+        [](KX_TRANS_PROGRESS_INFO_ST* pInfo, void* pUser) {
+          auto* pClock = static_cast<FakeClock*>(pUser);
+          if (!pInfo->bFinished) pClock->m_nNowMs += pClock->m_nIoMsPerBlock;
+        },
+        &clock);
+    const int nRate = transfer.TransferFile(dir.wpath("src.dat").c_str(), dir.wpath("dst.dat").c_str());
+    EXPECT_EQ(clock.m_waits, c.waits);
+    const LONGLONG nScheduleMs = 8LL * kBlock * 1000 / c.nBytesPerSecond;
+    EXPECT_EQ(clock.m_nNowMs - 5000, std::max(nScheduleMs, 8 * c.nIoMsPerBlock));
+    EXPECT_GT(nRate, 0);
+    EXPECT_LE(nRate, c.nBytesPerSecond * 8);
   }
 }
 

@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "interrupt.h"
+#include "places.h"
 #include "progress.h"
 #include "text.h"
 
@@ -71,13 +72,30 @@ struct CopyProgress {
 
 bool CanRead(const std::string& strPath) { return static_cast<bool>(std::ifstream(strPath, std::ios::binary)); }
 
+// An unfinished copy must not look complete: the transfer gives the
+// destination its full size before the first block, so what is left is
+// removed. Returns the clause for the message.
+std::string RemoveUnfinished(const std::string& strDestination) {
+  std::error_code ec;
+  if (std::filesystem::remove(strDestination, ec) || !std::filesystem::exists(strDestination, ec))
+    return "'" + strDestination + "' removed";
+  return "'" + strDestination + "' could not be removed and is incomplete";
+}
+
 void RunCopy(const std::string& strSource, const std::string& strDestination, const std::string& strRate) {
   int nRate = 0;
   if (!ParseRate(strRate, &nRate))
     Fail("copy", "bad rate '" + strRate + "': give bits per second, optionally with k, M or G (e.g. 20M)", 2);
   std::error_code ec;
   if (!fs::exists(strSource, ec)) Fail("copy", CannotText("open", strSource, ERROR_FILE_NOT_FOUND));
-  if (!fs::is_regular_file(strSource, ec)) Fail("copy", "cannot open '" + strSource + "': it is not a regular file");
+  // The transfer copies regular files only: a FIFO would block its open and
+  // a directory or device has no size to copy.
+  if (std::string strKind = NotAFileKind(strSource); !strKind.empty())
+    Fail("copy", "cannot copy '" + strSource + "': it is " + strKind + ", not a regular file");
+  if (std::string strKind = NotAFileKind(strDestination); !strKind.empty())
+    Fail("copy", "cannot copy to '" + strDestination + "': it is " + strKind + "; copy writes regular files only");
+  if (IsSameFile(strSource, strDestination))
+    Fail("copy", "cannot copy '" + strSource + "' to '" + strDestination + "': they are the same file");
   const LONGLONG nTotal = static_cast<LONGLONG>(fs::file_size(strSource, ec));
 
   QLT_FileTransfer transfer;
@@ -101,19 +119,20 @@ void RunCopy(const std::string& strSource, const std::string& strDestination, co
   }
   const double dSeconds = progress.bar.Seconds();
 
+  // The library reports a stopped copy as complete (full size, the rate over
+  // the whole file): the bytes of the final report tell what was copied.
   if (nAchieved == 0) {
-    if (nError == ERROR_INVALID_PARAMETER)  // both paths are given: the library refused the same file
-      Fail("copy", "cannot copy '" + strSource + "' to '" + strDestination + "': they are the same file");
     if (!progress.bReported)  // an open failed: the source, or else the destination
       Fail("copy",
            CanRead(strSource) ? CannotText("create", strDestination, nError) : CannotText("open", strSource, nError));
     Fail("copy", "copying '" + strSource + "' to '" + strDestination + "' failed after " +
-                     std::to_string(progress.nFinalBytes) + " bytes: " + ErrorText(nError));
+                     std::to_string(progress.nFinalBytes) + " of " + std::to_string(nTotal) +
+                     " bytes: " + ErrorText(nError) + "; " + RemoveUnfinished(strDestination));
   }
   if (progress.nFinalBytes < nTotal)
     Fail("copy",
-         "copy aborted after " + std::to_string(progress.nFinalBytes) + " of " + std::to_string(nTotal) + " bytes; '" +
-             strDestination + "' keeps its full size",
+         "copy aborted after " + std::to_string(progress.nFinalBytes) + " of " + std::to_string(nTotal) + " bytes; " +
+             RemoveUnfinished(strDestination),
          130);
   std::fprintf(stdout, "copied %lld bytes in %.2f s: %s (limit %s)\n", static_cast<long long>(nTotal), dSeconds,
                FormatRate(nAchieved).c_str(), FormatRate(nRate).c_str());
@@ -127,7 +146,9 @@ void AddCopyCommand(CLI::App& app) {
   auto strDestination = std::make_shared<std::string>();
   auto strRate = std::make_shared<std::string>("20M");
   cmd->add_option("SRC", *strSource, "File to copy")->required();
-  cmd->add_option("DST", *strDestination, "Destination, replaced if it exists")->required();
+  cmd->add_option("DST", *strDestination,
+                  "Destination file, replaced if it exists; removed again when the copy fails or is aborted")
+      ->required();
   cmd->add_option("--rate", *strRate, "Limit in bits per second; suffixes k, M, G (default 20M)");
   cmd->callback([=] { RunCopy(*strSource, *strDestination, *strRate); });
 }

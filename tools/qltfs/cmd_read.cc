@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "errors.h"
 #include "ftp_url.h"
+#include "places.h"
 #include "progress.h"
 #include "qltfsdk/qltfsdk.h"
 #include "sizes.h"
@@ -48,11 +49,22 @@ std::string OpenFtp(QLCT_FileAccess& access, const std::string& url, DWORD mode,
   if (async && mode == ACCESS_MODE_READ) access.EnableAsyncRead(1, static_cast<int>(ring));
   // One leading '/' is the separator after the host; a path that starts
   // with another (from "%2F") stays absolute.
-  if (!access.OpenFile(CComBSTR(ToWide("/" + loc.path).c_str()), mode))
-    Fail("read", "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") +
-                     ErrorText(GetLastError()));
+  if (!access.OpenFile(CComBSTR(ToWide("/" + loc.path).c_str()), mode)) {
+    const DWORD error = GetLastError();
+    if (mode == ACCESS_MODE_WRITE && error == 12003)
+      Fail("read", "cannot open " + shown + " for writing: the server refused to store the file (error 12003)");
+    Fail("read",
+         "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") + ErrorText(error));
+  }
   if (async && mode == ACCESS_MODE_WRITE) access.EnableAsyncWrite(1, static_cast<int>(ring));
   return shown;
+}
+
+// The words for a failed close of the destination: the FTP back-end leaves
+// the server's refusal (a full or read-only store) in the last error.
+std::string CloseFailureText(bool bFtp, DWORD nError) {
+  if (bFtp && nError == 12003) return "the server refused to store the file (error 12003)";
+  return nError == ERROR_SUCCESS ? std::string("not every byte reached it") : ErrorText(nError);
 }
 
 void RunRead(const std::string& source, const std::string& target, bool async, const std::string& asyncSize,
@@ -62,15 +74,33 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
                                 "read", "--async size", asyncSize.empty() ? "10M" : asyncSize, 1, (1ULL << 31) - 1))
                           : 0;
 
+  if (IsLocalPath(source)) {
+    if (std::string kind = NotAFileKind(source); !kind.empty())
+      Fail("read", "cannot read '" + source + "': it is " + kind + ", not a regular file");
+  }
+  // The null device takes everything: reading into it is reading alone.
+  const bool sink = !target.empty() && IsLocalPath(target) && IsNullDevice(target);
+  if (!target.empty() && !sink && IsLocalPath(target)) {
+    if (std::string kind = NotAFileKind(target); !kind.empty())
+      Fail("read", "cannot write to '" + target + "': it is " + kind + "; --to writes regular files only");
+    // Opening the destination empties it: refuse the source under any name.
+    if (IsLocalPath(source) && IsSameFile(source, target))
+      Fail("read", "cannot read '" + source + "' into '" + target + "': they are the same file");
+  }
+  if (IsVirtualPath(source) && source == target)
+    Fail("read", "cannot read '" + source + "' into itself: they are the same file");
+  const bool writes = !target.empty() && !sink;
+
   QLCT_FileAccess in;
   std::string inName = source;
   if (IsFtpUrl(source)) {
     inName = OpenFtp(in, source, ACCESS_MODE_READ, async, ring);
   } else {
-    if (async) {
-      if (!MakeLocalBackEnd(in)) Fail("read", "cannot set up read-ahead (no writable temporary folder)");
-      in.EnableAsyncRead(1, static_cast<int>(ring));
-    }
+    // Read-ahead runs on the local back-end, which a plain path gets only
+    // through a first write open; a virtual-storage path keeps its own.
+    if (async && IsLocalPath(source) && !MakeLocalBackEnd(in))
+      Fail("read", "cannot set up read-ahead (no writable temporary folder)");
+    if (async && IsLocalPath(source)) in.EnableAsyncRead(1, static_cast<int>(ring));
     if (!in.OpenFile(CComBSTR(ToWide(source).c_str()), ACCESS_MODE_READ))
       Fail("read", CannotText("open", source, GetLastError()));
   }
@@ -81,40 +111,75 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
   const bool ftpOut = IsFtpUrl(target);
   if (ftpOut) {
     outName = OpenFtp(out, target, ACCESS_MODE_WRITE, async, ring);
-  } else if (!target.empty()) {
+  } else if (writes) {
     if (!out.OpenFile(CComBSTR(ToWide(target).c_str()), ACCESS_MODE_WRITE))
       Fail("read", CannotText("create", target, GetLastError()));
     if (async) out.EnableAsyncWrite(1, static_cast<int>(ring));
   }
+  // The virtual storage answers a write with 1, the others with the count.
+  const bool countsBytes = !IsVirtualPath(target);
 
   std::vector<BYTE> buffer(static_cast<size_t>(block));
   unsigned long long done = 0;
   ProgressBar bar(static_cast<LONGLONG>(total), stderr, ProgressBar::OutputIsTerminal(stderr));
   bar.Start();
   for (;;) {
+    SetLastError(ERROR_SUCCESS);
     int n = in.Read(buffer.data(), static_cast<int>(block));
-    if (n < 0)
+    if (n < 0 || (n == 0 && done < total)) {
+      // Short of the length: the source failed (a time-out, a dropped
+      // connection) or shrank.
+      const DWORD error = GetLastError();
+      bar.Finish(static_cast<LONGLONG>(done));
       Fail("read",
-           "reading '" + inName + "' failed after " + std::to_string(done) + " bytes: " + ErrorText(GetLastError()));
+           "reading '" + inName + "' failed after " + std::to_string(done) + " of " + std::to_string(total) +
+               " bytes: " + (error == ERROR_SUCCESS ? std::string("the source ended early") : ErrorText(error)));
+    }
     if (n == 0) break;
-    if (!target.empty() && out.Write(buffer.data(), n) == 0)
-      Fail("read",
-           "writing '" + outName + "' failed after " + std::to_string(done) + " bytes: " + ErrorText(GetLastError()));
+    if (writes) {
+      const int written = out.Write(buffer.data(), n);
+      if (countsBytes ? written != n : written <= 0) {
+        const DWORD error = GetLastError();
+        bar.Finish(static_cast<LONGLONG>(done));
+        Fail("read", "writing '" + outName + "' failed after " + std::to_string(done) + " bytes: " +
+                         (error == ERROR_SUCCESS ? std::string("the write was refused") : ErrorText(error)));
+      }
+    }
     done += static_cast<unsigned long long>(n);
     bar.Update(total ? static_cast<int>(std::min<unsigned long long>(100, done * 100 / total)) : 0,
                static_cast<LONGLONG>(done), static_cast<LONGLONG>(done));
   }
   in.CloseFile();
-  // The FTP back-end's close leaves the upload's outcome in the last error.
-  if (!target.empty() && (!out.CloseFile() || (ftpOut && GetLastError() != 0)))
-    Fail("read", "closing '" + outName + "' failed: not all bytes written");
+  if (writes) {
+    // Written behind or uploaded: the close tells whether all of it arrived;
+    // the FTP back-end's close leaves the upload's outcome in the last error.
+    SetLastError(ERROR_SUCCESS);
+    const bool closed = out.CloseFile() != 0;
+    const DWORD error = GetLastError();
+    if (!closed || (ftpOut && error != ERROR_SUCCESS)) {
+      bar.Finish(static_cast<LONGLONG>(done));
+      Fail("read", "closing '" + outName + "' failed: " + CloseFailureText(ftpOut, error));
+    }
+  }
+  if (writes && IsVirtualPath(target)) {
+    // The storage's writes answer 1 whatever they stored: its length says.
+    QLCT_FileAccess check;
+    const unsigned long long stored =
+        check.OpenFile(CComBSTR(ToWide(target).c_str()), ACCESS_MODE_READ) ? check.GetLength() : 0;
+    check.CloseFile();
+    if (stored != done) {
+      bar.Finish(static_cast<LONGLONG>(done));
+      Fail("read", "writing '" + outName + "' failed: the storage holds " + std::to_string(stored) + " of " +
+                       std::to_string(done) + " bytes");
+    }
+  }
   bar.Finish(static_cast<LONGLONG>(done));
   double seconds = bar.Seconds();
-  if (total && done != total)
-    Fail("read", "read " + std::to_string(done) + " of " + std::to_string(total) + " bytes of '" + inName + "'");
   std::printf("read %llu bytes in %.2f s (%.1f MiB/s)%s\n", done, seconds,
               seconds > 0 ? static_cast<double>(done) / seconds / (1 << 20) : 0.0,
-              target.empty() ? "" : (", written to " + outName).c_str());
+              writes ? (", written to " + outName).c_str()
+              : sink ? ", discarded"
+                     : "");
 }
 
 }  // namespace
@@ -132,7 +197,9 @@ void AddReadCommand(CLI::App& app) {
                   "file to read; an ftp:// URL may leave out the user and password, which then come from "
                   "QLTFS_FTP_USER/QLTFS_FTP_PASSWORD or ~/.netrc; end it with ;passive for passive mode")
       ->required();
-  cmd->add_option("--to", *target, "write what is read to this file (any writable source, or an ftp:// URL)");
+  cmd->add_option("--to", *target,
+                  "write what is read to this file (a local or qvf:\\ file, or an ftp:// URL; /dev/null discards "
+                  "it); never the source itself");
   auto* async =
       cmd->add_option("--async", *asyncSize, "read ahead (and write behind) through a ring of SIZE bytes (default 10M)")
           ->expected(0, 1);
@@ -147,6 +214,13 @@ void AddExistsCommand(CLI::App& app) {
   auto path = std::make_shared<std::string>();
   cmd->add_option("PATH", *path, "file to look for")->required();
   cmd->callback([=] {
+    // The library answers for anything readable; a folder is not a file.
+    if (IsLocalPath(*path) && path->find("://") == std::string::npos) {
+      if (std::string kind = NotAFileKind(*path); !kind.empty()) {
+        std::printf("0\n");
+        Fail("exists", "'" + *path + "' is " + kind + ", not a file");
+      }
+    }
     int answer = FileIsExist(CComBSTR(ToWide(*path).c_str()));
     std::printf("%d\n", answer);
     if (!answer) throw CLI::RuntimeError(1);

@@ -14,6 +14,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "places.h"
 #include "progress.h"
 #include "qltfsdk/qltfsdk.h"
 #include "sizes.h"
@@ -25,6 +26,11 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 const char kCommand[] = "write";
+
+// The write cache's memory: the pool takes at most 2 GiB - 1, and the tool
+// offers whole mebibytes up to 1 GiB.
+constexpr ULONGLONG kMinCache = 1u << 20;
+constexpr ULONGLONG kMaxCache = 1u << 30;
 
 // The pattern repeats every kPeriod bytes: not a multiple of any block or
 // slice size, so a misplaced block shows up in the check.
@@ -40,21 +46,84 @@ struct WriterDeleter {
   void operator()(QLCT_FileEx* p) const { QLCT_DeleteFileExObj(p); }
 };
 
+// The written file for the read-back: a local file directly, a
+// virtual-storage file through the accessor (the only way to reach it).
+// Used on the command's thread only.
+class ReadBack {
+ public:
+  ReadBack(const std::string& strPath, bool bVirtual) : m_bVirtual(bVirtual) {
+    if (bVirtual) {
+      m_bOpen = m_access.OpenFile(CComBSTR(ToWide(strPath).c_str()), ACCESS_MODE_READ) != 0;
+      m_nLength = m_bOpen ? m_access.GetLength() : 0;
+    } else {
+      std::error_code ec;
+      m_nLength = fs::file_size(strPath, ec);
+      m_file.open(strPath, std::ios::binary);
+      m_bOpen = !ec && m_file.is_open();
+    }
+  }
+  ~ReadBack() {
+    if (m_bVirtual && m_bOpen) m_access.CloseFile();
+  }
+  ReadBack(const ReadBack&) = delete;
+  ReadBack& operator=(const ReadBack&) = delete;
+  bool IsOpen() const { return m_bOpen; }
+  ULONGLONG Length() const { return m_nLength; }
+  // Fills nBytes of pBuffer with the next bytes; false when fewer arrive.
+  bool Read(char* pBuffer, size_t nBytes) {
+    if (!m_bVirtual) return static_cast<bool>(m_file.read(pBuffer, static_cast<std::streamsize>(nBytes)));
+    return m_access.Read(reinterpret_cast<BYTE*>(pBuffer), static_cast<int>(nBytes)) == static_cast<int>(nBytes);
+  }
+
+ private:
+  const bool m_bVirtual;
+  bool m_bOpen = false;
+  ULONGLONG m_nLength = 0;
+  std::ifstream m_file;      // a local file
+  QLCT_FileAccess m_access;  // a virtual-storage file
+};
+
+// A whole count of 0 or more, for --retry.
+bool ParseCount(const std::string& strText, int* pCount) {
+  if (strText.empty() || strText.size() > 9 || strText.find_first_not_of("0123456789") != std::string::npos)
+    return false;
+  *pCount = std::stoi(strText);
+  return true;
+}
+
 void RunWrite(const std::string& strOut, const std::string& strSize, const std::string& strSlice,
-              const std::string& strBlock, const std::string& strPreset, int nRetry, bool bCache,
+              const std::string& strBlock, const std::string* pPreset, const std::string& strRetry, bool bCache,
               const std::string& strCacheSize) {
   const ULONGLONG nSize = SizeOption(kCommand, "size", strSize, 0, 1ull << 40);
   const ULONGLONG nSlice = SizeOption(kCommand, "slice", strSlice, 1, 256u << 20);
   const ULONGLONG nBlock = SizeOption(kCommand, "block", strBlock, 1, 1u << 30);
-  const ULONGLONG nPreset = strPreset.empty() ? 0 : SizeOption(kCommand, "preset", strPreset, 1, 1ull << 40);
-  if (nRetry < 0) Fail(kCommand, "bad retry count " + std::to_string(nRetry) + ": give 0 or more", 2);
-  const ULONGLONG nCacheSize = SizeOption(kCommand, "cache size", strCacheSize, 1u << 20, 2048u << 20);
+  const ULONGLONG nPreset = pPreset ? SizeOption(kCommand, "preset", *pPreset, 1, 1ull << 40) : 0;
+  int nRetry = 0;
+  if (!ParseCount(strRetry, &nRetry))
+    Fail(kCommand, "bad retry count '" + strRetry + "': give a whole number, 0 or more", 2);
+  const ULONGLONG nCacheSize = SizeOption(kCommand, "cache size", strCacheSize, kMinCache, kMaxCache);
 
+  // A local file is named to the writer absolutely; a virtual-storage path
+  // stays as it is (the storage maps it). The read-back needs a regular file.
+  const bool bVirtual = IsVirtualPath(strOut);
   std::error_code ec;
-  fs::path path = fs::absolute(strOut, ec);
-  if (ec || fs::is_directory(path, ec)) Fail(kCommand, "'" + strOut + "' is not a file name");
-  std::wstring wstrPath = ToWide(path.string());  // never through the C locale
-  CComBSTR bstrPath(wstrPath.c_str());
+  const std::string strPath = bVirtual ? strOut : fs::absolute(strOut, ec).string();
+  if (ec) Fail(kCommand, "'" + strOut + "' is not a file name");
+  if (!bVirtual) {
+    if (std::string strKind = NotAFileKind(strPath); !strKind.empty())
+      Fail(kCommand, "cannot write '" + strOut + "': it is " + strKind + "; write needs a regular file to verify");
+  }
+  const bool bExisted = !bVirtual && fs::exists(strPath, ec);
+
+  // Twice the period plus one slice, so any slice can be taken in one piece;
+  // made before the file, so missing memory leaves nothing behind.
+  std::vector<char> pattern;
+  try {
+    pattern.resize(2 * kPeriod + nSlice);
+  } catch (const std::bad_alloc&) {
+    Fail(kCommand, "not enough memory for slices of " + strSlice + " bytes");
+  }
+  CComBSTR bstrPath(ToWide(strPath).c_str());
   QLT_WriterOption::SetWriteBlockSize(bstrPath, static_cast<int>(nBlock));
   if (nPreset) QLT_WriterOption2::SetPresetFileSize(bstrPath, nPreset);
   if (nRetry > 0) QLT_SetWriteRetrySettings(nRetry, 100);
@@ -71,11 +140,14 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
                               bCache ? static_cast<DWORD>(nCacheSize / 4) : 16777216};
   if (!writer || !writer->Initialize(&info)) Fail(kCommand, "cannot set up the writer: " + ErrorText(GetLastError()));
   if (!writer->CreateKXFile(bstrPath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                            FILE_ATTRIBUTE_NORMAL, nullptr))
-    Fail(kCommand, CannotText("create", strOut, GetLastError()));
+                            FILE_ATTRIBUTE_NORMAL, nullptr)) {
+    const DWORD nError = GetLastError();
+    // The open may have made the file before its cache failed: take away
+    // what this run created.
+    if (!bVirtual && !bExisted) fs::remove(strPath, ec);
+    Fail(kCommand, CannotText("create", strOut, nError));
+  }
 
-  // Twice the period plus one slice, so any slice can be taken in one piece.
-  std::vector<char> pattern(2 * kPeriod + nSlice);
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>((i % kPeriod) * 131 + (i % kPeriod) / 251);
 
   ProgressBar bar(static_cast<LONGLONG>(nSize), stderr, ProgressBar::OutputIsTerminal(stderr));
@@ -100,25 +172,32 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   BOOL bClosed = writer->CloseHandle();
   double dCloseSeconds = std::chrono::duration<double>(Clock::now() - tClose).count();
   bar.Finish(static_cast<LONGLONG>(nDone));
-  if (!bClosed) Fail(kCommand, "closing '" + strOut + "' failed: not every byte reached the file");
+  if (!bClosed) {
+    const DWORD nError = GetLastError();
+    Fail(kCommand, "closing '" + strOut + "' failed: " +
+                       (nError == ERROR_SUCCESS ? std::string("not every byte reached the file") : ErrorText(nError)));
+  }
   double dSeconds = bar.Seconds();
+
+  // Read back and check; the success lines come only once the size is right.
+  ReadBack in(strPath, bVirtual);
+  if (!in.IsOpen()) Fail(kCommand, CannotText("read back", strOut, GetLastError()));
+  const ULONGLONG nOnDisk = in.Length();
+  if (nOnDisk != nSize)
+    Fail(kCommand, "'" + strOut + "' holds " + std::to_string(nOnDisk) + " bytes, expected " + std::to_string(nSize));
   std::printf("wrote %llu bytes in %.2f s: %s (slice %llu, block %llu%s%s)\n", static_cast<unsigned long long>(nSize),
               dSeconds, MiBps(nSize, dSeconds).c_str(), static_cast<unsigned long long>(nSlice),
               static_cast<unsigned long long>(nBlock), nPreset ? ", preset " : "",
               nPreset ? std::to_string(nPreset).c_str() : "");
   std::printf("host time in WriteFile %.3f s, close %.3f s%s\n", std::chrono::duration<double>(inWrite).count(),
               dCloseSeconds, bCache ? " (waiting for the cache to drain)" : "");
+  std::fflush(stdout);
 
-  // Read back and check.
-  uint64_t nOnDisk = fs::file_size(path, ec);
-  if (ec || nOnDisk != nSize)
-    Fail(kCommand, "'" + strOut + "' holds " + std::to_string(nOnDisk) + " bytes, expected " + std::to_string(nSize));
-  std::ifstream in(path, std::ios::binary);
   std::vector<char> buf(4u << 20);
   uint64_t nChecked = 0;
   while (nChecked < nSize) {
     size_t nThis = static_cast<size_t>(std::min<uint64_t>(buf.size(), nSize - nChecked));
-    if (!in.read(buf.data(), static_cast<std::streamsize>(nThis))) Fail(kCommand, "cannot read '" + strOut + "' back");
+    if (!in.Read(buf.data(), nThis)) Fail(kCommand, "cannot read '" + strOut + "' back");
     for (size_t k = 0; k < nThis;) {
       size_t at = static_cast<size_t>((nChecked + k) % kPeriod);
       size_t n = std::min(nThis - k, kPeriod - at);
@@ -143,17 +222,20 @@ void AddWriteCommand(CLI::App& app) {
   auto strSlice = std::make_shared<std::string>("64K");
   auto strBlock = std::make_shared<std::string>("512K");
   auto strPreset = std::make_shared<std::string>();
-  auto nRetry = std::make_shared<int>(0);
+  auto strRetry = std::make_shared<std::string>("0");
   auto bCache = std::make_shared<bool>(false);
   auto strCacheSize = std::make_shared<std::string>("32M");
-  cmd->add_option("OUT", *strOut, "File to write (replaced if it exists)")->required();
+  cmd->add_option("OUT", *strOut, "File to write (replaced if it exists): a regular local file or a qvf:\\ path")
+      ->required();
   cmd->add_option("--size", *strSize, "Bytes to write; suffixes K, M, G")->required();
   cmd->add_option("--slice", *strSlice, "Bytes per host write (default 64K)");
   cmd->add_option("--block", *strBlock, "Write block size registered for the file (default 512K)");
-  cmd->add_option("--preset", *strPreset, "Preset size registered for the file; trimmed at close");
-  cmd->add_option("--retry", *nRetry, "Retries of a failed block (flushes every block; default 0)");
+  auto* preset = cmd->add_option("--preset", *strPreset, "Preset size registered for the file; trimmed at close");
+  cmd->add_option("--retry", *strRetry, "Retries of a failed block (flushes every block; default 0)");
   cmd->add_flag("--cache", *bCache, "Write through the writer's memory write cache");
-  cmd->add_option("--cache-size", *strCacheSize, "Memory of the write cache (default 32M)");
-  cmd->callback(
-      [=] { RunWrite(*strOut, *strSize, *strSlice, *strBlock, *strPreset, *nRetry, *bCache, *strCacheSize); });
+  cmd->add_option("--cache-size", *strCacheSize, "Memory of the write cache, 1M to 1G (default 32M)");
+  cmd->callback([=] {
+    RunWrite(*strOut, *strSize, *strSlice, *strBlock, preset->count() > 0 ? strPreset.get() : nullptr, *strRetry,
+             *bCache, *strCacheSize);
+  });
 }

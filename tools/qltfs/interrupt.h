@@ -15,6 +15,11 @@
 // before the operation has started, when a stop request has nothing to act
 // on yet; the next call catches it once it runs. fnStop must therefore be
 // harmless when nothing runs, and is called on the watcher thread only.
+// fnStop may wait until the operation has stopped; the watcher makes no
+// further calls meanwhile, so the operation must never wait for the watcher
+// (its stop would then never come). A second interrupt that arrives before
+// the command ends exits the process at once with status 130, so a wait
+// that cannot be stopped still yields to Ctrl-C.
 //
 // One object at a time, created and destroyed on the command's thread; the
 // destructor joins the watcher and restores the previous handlers.
@@ -27,7 +32,7 @@ class InterruptWatch {
 
   // True once an interrupt has arrived (since this object was made).
   static bool Interrupted();
-  // What the signal handler does; also how tests interrupt.
+  // Raises the flag as a first interrupt does (how tests interrupt).
   static void Raise();
 
  private:

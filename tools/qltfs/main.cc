@@ -1,6 +1,7 @@
 // qltfs: a command-line tool over the qltfsdk library.
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <new>
 
 #include "commands.h"
 
@@ -21,7 +22,10 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     std::cerr << "qltfs: " << e.what() << " (see qltfs --help)\n";
     return 2;
-  } catch (const std::exception& e) {  // out of memory, no thread, ...
+  } catch (const std::bad_alloc&) {
+    std::cerr << "qltfs: not enough memory\n";
+    return 1;
+  } catch (const std::exception& e) {  // no thread, ...
     std::cerr << "qltfs: " << e.what() << '\n';
     return 1;
   }

@@ -1,0 +1,41 @@
+#include "places.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "ftp_url.h"
+
+namespace fs = std::filesystem;
+
+bool IsVirtualPath(const std::string& strPath) {
+  return strPath.find("qvf:\\") != std::string::npos || strPath.find("QVF:\\") != std::string::npos;
+}
+
+bool IsLocalPath(const std::string& strPath) { return !IsFtpUrl(strPath) && !IsVirtualPath(strPath); }
+
+bool IsSameFile(const std::string& strFirst, const std::string& strSecond) {
+  // By identity, for devices too (std::filesystem::equivalent refuses them).
+  struct stat first {
+  }, second{};
+  return ::stat(strFirst.c_str(), &first) == 0 && ::stat(strSecond.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+bool IsNullDevice(const std::string& strPath) { return IsSameFile(strPath, "/dev/null"); }
+
+std::string NotAFileKind(const std::string& strPath) {
+  std::error_code ec;
+  const fs::file_status status = fs::status(strPath, ec);
+  switch (status.type()) {
+    case fs::file_type::not_found:
+    case fs::file_type::none:
+    case fs::file_type::regular: return "";
+    case fs::file_type::directory: return "a directory";
+    case fs::file_type::fifo: return "a FIFO";
+    case fs::file_type::block:
+    case fs::file_type::character: return "a device";
+    case fs::file_type::socket: return "a socket";
+    default: return ec ? "" : "not a regular file";
+  }
+}
