@@ -163,6 +163,7 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
   m_nTransferSize = nTransfer;
   m_nRingPiece = nPiece;
   m_bWorkerReads = bRead;
+  m_nWorkerError.store(0, std::memory_order_relaxed);
   m_nAsyncBase = nFilePos;
   m_nAsyncConsumed = 0;
   m_bStopWorker.store(0);
@@ -209,7 +210,14 @@ void KxAsyncFileAccess::ReadAheadLoop() {
     // Whatever arrived is handed on at once: the chunk bounds one transfer
     // call, it is not a unit to wait for.
     int nRead = WorkerRead(m_pTransfer, m_nTransferSize);
-    if (nRead <= 0) return;  // end of file or a failed read
+    if (nRead < 0) {
+      // The caller's read that meets the end says why, instead of looking
+      // like the end of the file.
+      DWORD nError = GetLastError();
+      m_nWorkerError.store(nError != ERROR_SUCCESS ? nError : ERROR_READ_FAULT, std::memory_order_relaxed);
+      return;
+    }
+    if (nRead == 0) return;  // end of file
     int nDone = 0;
     // Hand the bytes over in pieces that always fit beside what the caller
     // is waiting for (see CallerPiece).
@@ -255,7 +263,11 @@ int KxAsyncFileAccess::AsyncRead(BYTE* pBuffer, int nCount) {
     LONG nAsked = nLen;
     m_pRing->ReadData(pBuffer ? pBuffer + nTotal : nullptr, nLen, pBuffer == nullptr);
     nTotal += nLen;
-    if (nLen < nAsked) break;  // the worker ended: end of file or stop
+    if (nLen < nAsked) {
+      // The worker ended: end of file, a stop, or a failed read.
+      if (DWORD nError = m_nWorkerError.load(std::memory_order_relaxed)) SetLastError(nError);
+      break;
+    }
   }
   m_nAsyncConsumed += nTotal;
   return nTotal;

@@ -55,9 +55,11 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   ~KxAsyncFileAccess() override;
 
   // Worker thread: read up to nCount bytes at the file's read position into
-  // pBuffer; return the bytes read, 0 at the end of the file or on a
-  // failure (which ends the read-ahead). It may return fewer than asked
-  // whenever that is what has arrived: the worker hands them on at once.
+  // pBuffer; return the bytes read, 0 at the end of the file, or -1 on a
+  // failure with the thread's last error set. Either ends the read-ahead; a
+  // failure's error is handed to the caller's read that meets the end. It
+  // may return fewer than asked whenever that is what has arrived: the
+  // worker hands them on at once.
   virtual int WorkerRead(BYTE* pBuffer, int nCount) = 0;
   // Worker thread: write nCount bytes; return the bytes written.
   virtual int WorkerWrite(const BYTE* pBuffer, int nCount) = 0;
@@ -134,6 +136,11 @@ class KxAsyncFileAccess : public KxFileAccessBase {
                                                                   // thread only while no worker runs
   __int64 m_nAsyncPosition = 0;                                   // bytes delivered by Read since enabling
   std::atomic<int> m_bStopWorker{0};                              // caller writes, worker reads between chunks
+  // Why the read-ahead ended early (0: end of file or stopped). The worker
+  // stores it before it ends the stream; the caller reads it once the ring
+  // has reported that end, so relaxed order is enough (the ring's lock
+  // orders the two). Cleared by the caller while no worker runs.
+  std::atomic<DWORD> m_nWorkerError{0};
   DWORD m_nAccessMode = 0;                                        // mode of the last OpenFile
   HANDLE m_hFileOpened = nullptr;                                 // manual reset; platform event is thread-safe
   HANDLE m_hWorkerDone = nullptr;                                 // manual reset, initially signalled

@@ -120,7 +120,7 @@ int KxFileAccessFtp::DirectRead(BYTE* pBuffer, int nCount) {
   if (pBuffer) {
     if (nCount <= 0) return 0;
     LONG got = m_session.Read(pBuffer, nCount);
-    return got < 0 ? 0 : static_cast<int>(got);
+    return got < 0 ? -1 : static_cast<int>(got);
   }
   // Skip: a seek relative to the current position.
   __int64 target = static_cast<__int64>(m_session.Position()) + nCount;
@@ -133,7 +133,7 @@ int KxFileAccessFtp::WorkerRead(BYTE* pBuffer, int nCount) {
   // bytes reach the caller without waiting for the whole chunk, and bytes
   // received before a failure are kept.
   LONG got = m_session.ReadSome(pBuffer, nCount);
-  return got < 0 ? 0 : static_cast<int>(got);
+  return got < 0 ? -1 : static_cast<int>(got);
 }
 
 int KxFileAccessFtp::Read(BYTE* pBuffer, int nCount) {

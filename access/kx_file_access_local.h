@@ -52,7 +52,13 @@ class KxFileAccessLocal : public KxAsyncFileAccess {
   int CloseFile() override;
 
  protected:
-  int WorkerRead(BYTE* pBuffer, int nCount) override { return DirectRead(pBuffer, nCount); }
+  int WorkerRead(BYTE* pBuffer, int nCount) override {
+    // DirectRead answers 0 both at the end and on a failure; only a failure
+    // sets the last error.
+    SetLastError(ERROR_SUCCESS);
+    int nRead = DirectRead(pBuffer, nCount);
+    return nRead == 0 && GetLastError() != ERROR_SUCCESS ? -1 : nRead;
+  }
   int WorkerWrite(const BYTE* pBuffer, int nCount) override { return DirectWrite(pBuffer, nCount); }
   void ResumeAt(__int64 nFilePos) override;
   __int64 CurrentReadPosition() override { return m_nLogicalPos; }

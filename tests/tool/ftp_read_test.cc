@@ -91,6 +91,7 @@ TEST(FtpFaultCommandTest, StalledOrRefusedTransfersSayWhatHappened) {
     std::string expect;
   } cases[] = {
       {"retrstall", false, "", "did not answer in time"},
+      {"retrstall", false, " --async", "did not answer in time"},
       {"stor552", true, "", "the server refused to store the file"},
       {"storstall", true, "", "did not answer in time"},
   };

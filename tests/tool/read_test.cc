@@ -83,6 +83,10 @@ TEST_F(ReadCommandTest, ToRefusesTheSourceAndWhatItCannotWriteAndNamesAFullDisk)
     EXPECT_EQ(ReadWholeFile(m_dir.file("out.txt")), "");
     EXPECT_TRUE(ReadWholeFile(src) == data);
   }
+  // A ring the accessor cannot run with is refused before anything opens.
+  EXPECT_EQ(RunShell(Env() + Qltfs("read") + src + " --async 4k --to " + m_dir.file("small.dat") + Redirect()), 2);
+  EXPECT_NE(Err().find("bad --async size '4k'"), std::string::npos) << Err();
+  EXPECT_FALSE(fs::exists(m_dir.file("small.dat")));
 }
 
 TEST_F(ReadCommandTest, ExistsAnswersWithItsExitStatusAndReadFailsClearly) {

@@ -46,7 +46,8 @@ std::string OpenFtp(QLCT_FileAccess& access, const std::string& url, DWORD mode,
   if (!access.LogInHost(CComBSTR(host.c_str()), CComBSTR(ToWide(loc.user).c_str()),
                         CComBSTR(ToWide(loc.password).c_str()), loc.port))
     Fail("read", "cannot log in to " + shown + ": " + ErrorText(GetLastError()));
-  if (async && mode == ACCESS_MODE_READ) access.EnableAsyncRead(1, static_cast<int>(ring));
+  if (async && mode == ACCESS_MODE_READ && !access.EnableAsyncRead(1, static_cast<int>(ring)))
+    Fail("read", "cannot start read-ahead for " + shown + ": " + ErrorText(GetLastError()));
   // One leading '/' is the separator after the host; a path that starts
   // with another (from "%2F") stays absolute.
   if (!access.OpenFile(CComBSTR(ToWide("/" + loc.path).c_str()), mode)) {
@@ -56,7 +57,8 @@ std::string OpenFtp(QLCT_FileAccess& access, const std::string& url, DWORD mode,
     Fail("read",
          "cannot open " + shown + (mode == ACCESS_MODE_READ ? " for reading: " : " for writing: ") + ErrorText(error));
   }
-  if (async && mode == ACCESS_MODE_WRITE) access.EnableAsyncWrite(1, static_cast<int>(ring));
+  if (async && mode == ACCESS_MODE_WRITE && !access.EnableAsyncWrite(1, static_cast<int>(ring)))
+    Fail("read", "cannot start write-behind for " + shown + ": " + ErrorText(GetLastError()));
   return shown;
 }
 
@@ -71,7 +73,7 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
              const std::string& blockText) {
   const auto block = static_cast<long long>(SizeOption("read", "--block", blockText, 1, 1 << 30));
   const auto ring = async ? static_cast<long long>(SizeOption(
-                                "read", "--async size", asyncSize.empty() ? "10M" : asyncSize, 1, (1ULL << 31) - 1))
+                                "read", "--async size", asyncSize.empty() ? "10M" : asyncSize, 64 << 10, (1ULL << 31) - 1))
                           : 0;
 
   if (IsLocalPath(source)) {
@@ -100,7 +102,8 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
     // through a first write open; a virtual-storage path keeps its own.
     if (async && IsLocalPath(source) && !MakeLocalBackEnd(in))
       Fail("read", "cannot set up read-ahead (no writable temporary folder)");
-    if (async && IsLocalPath(source)) in.EnableAsyncRead(1, static_cast<int>(ring));
+    if (async && IsLocalPath(source) && !in.EnableAsyncRead(1, static_cast<int>(ring)))
+      Fail("read", "cannot start read-ahead for '" + source + "': " + ErrorText(GetLastError()));
     if (!in.OpenFile(CComBSTR(ToWide(source).c_str()), ACCESS_MODE_READ))
       Fail("read", CannotText("open", source, GetLastError()));
   }
@@ -114,7 +117,8 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
   } else if (writes) {
     if (!out.OpenFile(CComBSTR(ToWide(target).c_str()), ACCESS_MODE_WRITE))
       Fail("read", CannotText("create", target, GetLastError()));
-    if (async) out.EnableAsyncWrite(1, static_cast<int>(ring));
+    if (async && !out.EnableAsyncWrite(1, static_cast<int>(ring)))
+      Fail("read", "cannot start write-behind for '" + target + "': " + ErrorText(GetLastError()));
   }
   // The virtual storage answers a write with 1, the others with the count.
   const bool countsBytes = !IsVirtualPath(target);
@@ -201,7 +205,7 @@ void AddReadCommand(CLI::App& app) {
                   "write what is read to this file (a local or qvf:\\ file, or an ftp:// URL; /dev/null discards "
                   "it); never the source itself");
   auto* async =
-      cmd->add_option("--async", *asyncSize, "read ahead (and write behind) through a ring of SIZE bytes (default 10M)")
+      cmd->add_option("--async", *asyncSize, "read ahead (and write behind) through a ring of SIZE bytes, 64K to 2G-1 (default 10M)")
           ->expected(0, 1);
   cmd->add_option("--block", *block, "bytes per read request (default 1M)");
   cmd->callback([=] { RunRead(*source, *target, async->count() > 0, *asyncSize, *block); });
