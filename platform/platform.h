@@ -31,6 +31,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/thread_annotations.h"
 #include "qltfsdk/wintypes.h"
 
 // ---- Types and constants beyond what hosts need -------------------------------
@@ -67,7 +68,7 @@ struct WIN32_FIND_DATAW {
 
 // Re-entrant lock with the Windows critical-section contract: the owning
 // thread may enter again; each Enter is matched by one Leave.
-struct CRITICAL_SECTION {
+struct CAPABILITY("critical section") CRITICAL_SECTION {
   std::recursive_mutex m;
 };
 typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
@@ -198,8 +199,8 @@ QLTPLATFORM_API void Sleep(DWORD milliseconds);
 
 QLTPLATFORM_API void InitializeCriticalSection(LPCRITICAL_SECTION cs);
 QLTPLATFORM_API void DeleteCriticalSection(LPCRITICAL_SECTION cs);
-QLTPLATFORM_API void EnterCriticalSection(LPCRITICAL_SECTION cs);
-QLTPLATFORM_API void LeaveCriticalSection(LPCRITICAL_SECTION cs);
+QLTPLATFORM_API void EnterCriticalSection(LPCRITICAL_SECTION cs) ACQUIRE(cs);
+QLTPLATFORM_API void LeaveCriticalSection(LPCRITICAL_SECTION cs) RELEASE(cs);
 
 // ---- Memory ------------------------------------------------------------------------
 // Whole committed regions for large buffers (rings, caches). VirtualAlloc
@@ -350,10 +351,10 @@ QLTPLATFORM_API std::wstring QltWindowsPath(const std::string& nativePath);
 
 // Scoped owner of a critical section: enters on construction, leaves on
 // destruction.
-class CAutoLock {
+class SCOPED_CAPABILITY CAutoLock {
  public:
-  explicit CAutoLock(CRITICAL_SECTION* cs) : m_pcs(cs) { EnterCriticalSection(m_pcs); }
-  ~CAutoLock() { LeaveCriticalSection(m_pcs); }
+  explicit CAutoLock(CRITICAL_SECTION* cs) ACQUIRE(cs) : m_pcs(cs) { EnterCriticalSection(m_pcs); }
+  ~CAutoLock() RELEASE() { LeaveCriticalSection(m_pcs); }
   CAutoLock(const CAutoLock&) = delete;
   CAutoLock& operator=(const CAutoLock&) = delete;
 
