@@ -104,7 +104,7 @@ class KxFileAccessFtp : public KxAsyncFileAccess {
   CFtpSession m_session;
   // Caller thread only.
   bool m_bConnected = false;  // logged in
-  bool m_bFileOpen = false;   // a remote file is open (m_pFile of the behaviour)
+  bool m_bFileOpen = false;   // a remote file is open
   std::wstring m_strAgent = L"QlFtpClient";
   std::wstring m_strHost, m_strUser;
   int m_nPort = 0;

@@ -9,10 +9,10 @@
 // Buffered reader over one local file with random access by position.
 // One object serves one thread at a time. The owner creates it with new,
 // calls Initialize(false), Open, then reads, and Close before delete. No
-// exception leaves an operation; when memory runs out the operation fails
-// as described (a buffer that cannot be allocated fails the read with -1,
-// ERROR_NOT_ENOUGH_MEMORY), and an object built without memory for its state
-// fails every operation (Initialize returns 0).
+// exception leaves an operation; when memory runs out the operation returns
+// its failure result (a buffer that cannot be allocated fails the read with
+// -1, ERROR_NOT_ENOUGH_MEMORY), and an object built without memory for its
+// state fails every operation (Initialize returns 0).
 class QLTUTILBASE_API QLT_EasyFile {
  public:
   QLT_EasyFile();
