@@ -41,7 +41,6 @@ const char* const kRetrySeekTitle = "\n    seek file pos when writeretry:   ";
 KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
   InitializeCriticalSection(&m_cs);
   InitializeCriticalSection(&m_csUserData);
-  InitializeCriticalSection(&m_csStatus);
   m_info.nCacheMode = 0;
   m_info.nOpMode = 1;
   m_info.nReserved = 0;
@@ -50,7 +49,6 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
   m_info.dwDiskPoolSize = 4194304;
   m_info.dwWriteCacheSize = 16777216;
   m_hCacheIdle = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-  CoCreateGuid(&m_guid);
   m_nBlockSize = SdkSettings.WriteBufSize;
   if (m_nBlockSize < 1) m_nBlockSize = 524288;
   m_nStagingCapacity = static_cast<int64_t>(m_nBlockSize) + kStagingSlack;
@@ -64,7 +62,7 @@ KxFileEx::~KxFileEx() {
   // A writer ended with its file open closes it as close would: what was
   // queued or staged still reaches the file.
   if (m_bLocalOpen) CloseLocal();
-  LeaveRegistry();
+  m_registryEntry.Leave();
   if (m_pPool) {
     CacheAbort();
     delete m_pPool;
@@ -86,7 +84,6 @@ KxFileEx::~KxFileEx() {
   m_pStaging = nullptr;
   ReleaseWriteTimingLog();
   SysFreeString(m_info.bstrDiskPoolPath);
-  DeleteCriticalSection(&m_csStatus);
   DeleteCriticalSection(&m_csUserData);
   DeleteCriticalSection(&m_cs);
 }
@@ -408,9 +405,7 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
   m_nBytesAccepted += nLength;
   {
     // The registry reads a live writer's length and pending bytes from here.
-    CAutoLock lock(&m_csStatus);
-    m_status.nFileLength = m_nLogicalSize;
-    m_status.nPendingBytes = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
+    m_registryEntry.Progress(m_nLogicalSize, m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0);
   }
   if (!ok) {
     NoteFailedWrite();
@@ -760,7 +755,7 @@ BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
 
 BOOL KxFileEx::CloseLocal() {
   m_bLocalOpen = false;
-  LeaveRegistry();
+  m_registryEntry.Leave();
   DWORD err = m_nFailedWrites > 0 ? m_dwFailError : NO_ERROR;
   if (m_pPool) {
     // Close waits, without a time limit, until every queued record is in
@@ -819,7 +814,6 @@ BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
 }
 
 void KxFileEx::RefreshStatus() {
-  CAutoLock lock(&m_csStatus);
   uint64_t pending = m_nBytesAccepted > m_nBytesOnDisk ? m_nBytesAccepted - m_nBytesOnDisk : 0;
   if (!UsesCache() && m_info.nOpMode != 2) {
     // Outside managed mode the file system's size is the file's size; in
@@ -827,16 +821,21 @@ void KxFileEx::RefreshStatus() {
     LARGE_INTEGER size{};
     if (GetFileSizeEx(m_hFile, &size)) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
   }
-  m_status.bstrFileName = m_bstrFileName;
-  m_status.nFileLength = m_nLogicalSize;
-  m_status.nPendingBytes = pending;
-  m_status.nEstimateMs = m_nBytesOnDisk > 0
-                             ? static_cast<int32_t>(static_cast<int64_t>(m_nWriteMs) * static_cast<int64_t>(pending) /
-                                                    static_cast<int64_t>(m_nBytesOnDisk))
-                             : 0;
+  const int32_t nEstimateMs = m_nBytesOnDisk > 0
+                                  ? static_cast<int32_t>(static_cast<int64_t>(m_nWriteMs) *
+                                                         static_cast<int64_t>(pending) /
+                                                         static_cast<int64_t>(m_nBytesOnDisk))
+                                  : 0;
+  m_registryEntry.Update(m_bstrFileName, m_nLogicalSize, pending, nEstimateMs);
 }
 
-KxWriterStatus KxFileEx::GetStatus() {
-  CAutoLock lock(&m_csStatus);
-  return m_status;
+GUID KxFileEx::NewGuid() {
+  GUID guid{};
+  CoCreateGuid(&guid);
+  return guid;
+}
+
+void KxFileEx::EnterRegistry() {
+  RefreshStatus();
+  m_registryEntry.Enter();
 }

@@ -30,16 +30,7 @@
 #include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
 #include "qltfsdk/fileex.h"
-
-// The writer's status, as the registry of files being written reads it
-// (under m_csStatus).
-struct KxWriterStatus {
-  CComBSTR bstrFileName;       // the open file's name
-  int32_t bFound = 0;          // set by the registry's lookup, not here
-  uint64_t nFileLength = 0;    // bytes
-  uint64_t nPendingBytes = 0;  // accepted but not counted on disk
-  int32_t nEstimateMs = 0;     // time to write the pending bytes
-};
+#include "writer/writer_registry_entry.h"
 
 class KxFileEx {
  public:
@@ -69,8 +60,8 @@ class KxFileEx {
   BOOL CloseHandle(HANDLE hFile);
   BOOL GetUserDataList(CArray<DWORD, DWORD>& list, int nMode);
 
-  // A copy of the status record (taken under m_csStatus). Any thread.
-  KxWriterStatus GetStatus();
+  // A copy of the status record. Any thread.
+  KxWriterStatus GetStatus() { return m_registryEntry.Copy(); }
 
   // For tests and tools: the current write block size and staged bytes.
   int32_t BlockSize() const { return m_nBlockSize; }
@@ -153,11 +144,12 @@ class KxFileEx {
   // target before the start. FILE_END counts from the furthest byte written.
   bool ManagedTarget(int64_t nDistance, DWORD dwMoveMethod, uint64_t* pTarget) const;
 
+  static GUID NewGuid();
   void LogEntry(const char* pszTitle, const std::wstring& strDetail);
   void RefreshStatus();
 
   // Identity and locking.
-  GUID m_guid{};
+  GUID m_guid = NewGuid();
   CRITICAL_SECTION m_cs;  // held across local open, attach and the status refresh
 
   // Configuration.
@@ -220,8 +212,6 @@ class KxFileEx {
   DWORD m_dwCacheError = 0;
 
   // Status.
-  KxWriterStatus m_status;        // guarded by m_csStatus
-  CRITICAL_SECTION m_csStatus;    // the status record's own lock; the registry takes it after its writer-list lock
   uint64_t m_nBytesAccepted = 0;  // bytes accepted by WriteFile since the open
   uint64_t m_nBytesOnDisk = 0;    // bytes written by the sector-aligned route (never taken here)
   int32_t m_nWriteMs = 0;         // time spent in that route
@@ -230,21 +220,10 @@ class KxFileEx {
   CArray<DWORD, DWORD> m_userData;  // guarded by m_csUserData
   CRITICAL_SECTION m_csUserData;    // a cache thread appends while the host reads
 
-  // The writer as the registry of files being written sees it: listed while
+  // The status record, listed in the registry of files being written while
   // a local file is open, so hosts can ask for its status.
-  class CRegistryEntry final : public qlt::pool::CWriterStatusSource {
-   public:
-    explicit CRegistryEntry(KxFileEx* pWriter) : m_pWriter(pWriter) {}
-    GUID WriterGuid() const override { return m_pWriter->m_guid; }
-    bool CopyStatus(QLCT_POOL_STATUS_ST* pOut) override;
-
-   private:
-    KxFileEx* const m_pWriter;
-  };
-  CRegistryEntry m_registryEntry{this};
-  bool m_bRegistered = false;  // host thread only
+  CWriterRegistryEntry m_registryEntry{m_guid};
   void EnterRegistry();
-  void LeaveRegistry();
 };
 
 #endif  // QLTFSDK_WRITER_KX_FILE_EX_H

@@ -325,28 +325,3 @@ void KxFileEx::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer
     NoteCacheFailure(err);
   }
 }
-
-// ---- The registry of files being written ------------------------------------------
-
-bool KxFileEx::CRegistryEntry::CopyStatus(QLCT_POOL_STATUS_ST* pOut) {
-  CAutoLock lock(&m_pWriter->m_csStatus);
-  const KxWriterStatus& status = m_pWriter->m_status;
-  pOut->bstrFileName = status.bstrFileName.Copy();
-  if (!pOut->bstrFileName && status.bstrFileName.m_str) return false;
-  pOut->dwFound = 0;
-  pOut->nFileLength = status.nFileLength;
-  pOut->nPendingBytes = status.nPendingBytes;
-  pOut->dwEstimateMs = static_cast<DWORD>(status.nEstimateMs);
-  return true;
-}
-
-void KxFileEx::EnterRegistry() {
-  RefreshStatus();
-  if (!m_bRegistered) m_bRegistered = qlt::pool::RegisterWriter(&m_registryEntry) == 1;
-}
-
-void KxFileEx::LeaveRegistry() {
-  if (!m_bRegistered) return;
-  qlt::pool::UnregisterWriter(&m_registryEntry);
-  m_bRegistered = false;
-}
