@@ -4,7 +4,7 @@
 #include <new>
 
 #include "companions/logbook/logbook_api.h"
-#include "diagnostics/error_log.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/virtual_storage.h"
 #include "diagnostics/web_plugin.h"
@@ -19,22 +19,6 @@ constexpr int32_t kStagingSlack = 1024;           // spare bytes behind each sta
 constexpr int32_t kErrorCode = 200;               // the writer's code in the error-code register
 
 bool IsBadHandle(HANDLE h) { return h == nullptr || h == INVALID_HANDLE_VALUE; }
-
-std::wstring PairDetail(const wchar_t* first, int64_t a, const wchar_t* second, int64_t b) {
-  return std::wstring(first) + std::to_wstring(a) + second + std::to_wstring(b) + L": \n";
-}
-std::wstring WriteDetail(int64_t toWrite, int64_t written) {
-  return PairDetail(L"To write bytes :", toWrite, L"   written bytes ", written);
-}
-std::wstring SeekDetail(int64_t distance, int64_t newPos) {
-  return PairDetail(L"Mov pos :", distance, L"   new pos ", newPos);
-}
-std::wstring ReadDetail(int64_t toRead, int64_t read) {
-  return PairDetail(L"To read bytes :", toRead, L"   readed bytes ", read);
-}
-
-const char* const kWriteTitle = "\n    write file  :   ";
-const char* const kRetrySeekTitle = "\n    seek file pos when writeretry:   ";
 
 }  // namespace
 
@@ -299,9 +283,9 @@ BOOL KxFileEx::Attach(HANDLE hFile, const CComBSTR& strFileName) {
 
 // ---- Writing ------------------------------------------------------------------
 
-void KxFileEx::LogEntry(const char* pszTitle, const std::wstring& strDetail) {
+void KxFileEx::LogEntry(const CErrorLogEntry& entry) {
   if (SdkSettings.LogFileOn == 0) return;
-  WriteErrorLogEntry(m_errorLog, m_strPath, pszTitle, strDetail.c_str());
+  WriteErrorLogEntry(m_errorLog, m_strPath, entry);
 }
 
 BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten,
@@ -310,7 +294,7 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     // Nothing can be taken from a null buffer: the call fails and accepts
     // nothing.
     SetLastError(ERROR_INVALID_PARAMETER);
-    LogEntry(kWriteTitle, WriteDetail(nLength, 0));
+    LogEntry(WriteFailedEntry(nLength, 0));
     return 0;
   }
   if (m_bWebFile) {
@@ -394,7 +378,7 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     DWORD nDone = pWritten ? *pWritten : 0;
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     try {
-      LogEntry(kWriteTitle, PairDetail(L"To write bytes :", nLength, L"   written bytes ", nDone));
+      LogEntry(WriteFailedEntry(nLength, nDone));
     } catch (...) {
     }
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -476,7 +460,7 @@ DWORD KxFileEx::WriteOnce(const BYTE* pBuffer, DWORD nLength) {
     TrackWritten(nWritten);
     if (!bOk) {
       DWORD err = GetLastError();
-      LogEntry(kWriteTitle, WriteDetail(nLength, nWritten));
+      LogEntry(WriteFailedEntry(nLength, nWritten));
       SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
       if (nWritten == nLength) nWritten = 0;  // a failed call never counts as complete
     }
@@ -484,7 +468,7 @@ DWORD KxFileEx::WriteOnce(const BYTE* pBuffer, DWORD nLength) {
     // A failed attempt like any other, with its entry.
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     try {
-      LogEntry(kWriteTitle, PairDetail(L"To write bytes :", nLength, L"   written bytes ", nWritten));
+      LogEntry(WriteFailedEntry(nLength, nWritten));
     } catch (...) {
     }
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -517,7 +501,7 @@ BOOL KxFileEx::RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten) {
     LARGE_INTEGER back{}, now{};
     back.QuadPart = static_cast<LONGLONG>(m_nGoodPos);
     if (!::SetFilePointerEx(m_hFile, back, &now, FILE_BEGIN)) {
-      LogEntry(kRetrySeekTitle, SeekDetail(back.QuadPart, now.QuadPart));
+      LogEntry(RetrySeekFailedEntry(back.QuadPart, now.QuadPart));
     } else {
       // The rewrite starts where the failed block was to be written: bytes
       // a failed attempt left behind are overwritten, not counted twice.
@@ -528,7 +512,7 @@ BOOL KxFileEx::RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten) {
   }
   *pWritten = nWritten;
   if (nWritten == nLength) {
-    if (!FilePosition(&m_nGoodPos)) LogEntry(kRetrySeekTitle, SeekDetail(0, static_cast<int64_t>(m_nGoodPos)));
+    if (!FilePosition(&m_nGoodPos)) LogEntry(RetrySeekFailedEntry(0, static_cast<int64_t>(m_nGoodPos)));
     return 1;
   }
   m_errorCodes.Report(kErrorCode, L"write file error");
@@ -604,7 +588,7 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
       // furthest byte written, not the end of a preset allocation.
       uint64_t target = 0;
       if (!ManagedTarget(distance, dwMoveMethod, &target)) {
-        LogEntry("\n    seek file pos :   ", SeekDetail(distance, 0));
+        LogEntry(SeekFailedEntry(distance, 0));
         SetLastError(ERROR_NEGATIVE_SEEK);
         return 0;
       }
@@ -613,7 +597,7 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
     }
     BOOL bOk = ::SetFilePointerEx(m_hFile, to, &newPos, dwMethod);
     if (!bOk) {
-      LogEntry("\n    seek file pos :   ", SeekDetail(distance, newPos.QuadPart));
+      LogEntry(SeekFailedEntry(distance, newPos.QuadPart));
       return 0;
     }
     if (pNewPos) *pNewPos = newPos;
@@ -625,7 +609,7 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
     }
     return bOk;
   } catch (...) {
-    LogEntry("\n    seek file pos exception :   ", SeekDetail(distance, newPos.QuadPart));
+    LogEntry(SeekExceptionEntry(distance, newPos.QuadPart));
     throw;
   }
 }
@@ -710,10 +694,10 @@ BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD
   try {
     LARGE_INTEGER zero{}, pos{};
     if (!::SetFilePointerEx(m_hFile, zero, &pos, FILE_CURRENT))
-      LogEntry("\n    seek file pos when read:   ", SeekDetail(0, pos.QuadPart));
+      LogEntry(SeekBeforeReadFailedEntry(0, pos.QuadPart));
     BOOL bOk = ::ReadFile(m_hFile, pBuffer, nToRead, &nRead, pOverlapped);
     if (pRead) *pRead = nRead;
-    if (!bOk) LogEntry("\n    read file  :   ", ReadDetail(nToRead, nRead));
+    if (!bOk) LogEntry(ReadFailedEntry(nToRead, nRead));
     // The read moved the file pointer: the next block is written after the
     // bytes read, and a retry rewrites from there.
     uint64_t after = 0;
@@ -726,7 +710,7 @@ BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD
     }
     return bOk;
   } catch (...) {
-    LogEntry("\n    read file exception  :   ", ReadDetail(nToRead, nRead));
+    LogEntry(ReadExceptionEntry(nToRead, nRead));
     throw;
   }
 }

@@ -26,6 +26,7 @@
 #include "companions/virtualfile/qvf_virtual_file.h"
 #include "companions/webfile/web_file_api.h"
 #include "diagnostics/error_code_register.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/log_file_writer2.h"
 #include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
@@ -145,7 +146,8 @@ class KxFileEx {
   bool ManagedTarget(int64_t nDistance, DWORD dwMoveMethod, uint64_t* pTarget) const;
 
   static GUID NewGuid();
-  void LogEntry(const char* pszTitle, const std::wstring& strDetail);
+  // Writes entry to the error log while LogFileOn is set.
+  void LogEntry(const CErrorLogEntry& entry);
   void RefreshStatus();
 
   // Identity and locking.

@@ -247,12 +247,7 @@ DWORD KxFileEx::RunCacheThread() {
         } else {
           // Later writes would land in the wrong place: the close reports it.
           NoteCacheFailure(GetLastError());
-          if (SdkSettings.LogFileOn != 0) {
-            WriteErrorLogEntry(m_errorLog, m_strPath, "\n    seek file pos :   ",
-                               (L"Mov pos :" + std::to_wstring(distance.QuadPart) + L"   new pos " +
-                                std::to_wstring(newPos.QuadPart) + L": \n")
-                                   .c_str());
-          }
+          LogEntry(SeekFailedEntry(distance.QuadPart, newPos.QuadPart));
         }
       }
     }
@@ -319,8 +314,7 @@ void KxFileEx::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer
   if (!bWritten) {
     if (err == ERROR_NOT_ENOUGH_MEMORY && SdkSettings.LogFileOn != 0) {
       SetLastError(err);
-      WriteErrorLogEntry(m_errorLog, m_strPath, "\n    write file  :   ",
-                         (L"To write bytes :" + std::to_wstring(nHeaderLength) + L"   written bytes 0: \n").c_str());
+      LogEntry(WriteFailedEntry(nHeaderLength, 0));
     }
     NoteCacheFailure(err);
   }
