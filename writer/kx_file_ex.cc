@@ -32,7 +32,6 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
   m_info.bstrDiskPoolPath = nullptr;
   m_info.dwDiskPoolSize = 4194304;
   m_info.dwWriteCacheSize = 16777216;
-  m_hCacheIdle = CreateEventW(nullptr, TRUE, TRUE, nullptr);
   m_nBlockSize = SdkSettings.WriteBufSize;
   if (m_nBlockSize < 1) m_nBlockSize = 524288;
   m_nStagingCapacity = static_cast<int64_t>(m_nBlockSize) + kStagingSlack;
@@ -47,11 +46,7 @@ KxFileEx::~KxFileEx() {
   // queued or staged still reaches the file.
   if (m_bLocalOpen) CloseLocal();
   m_registryEntry.Leave();
-  if (m_pPool) {
-    CacheAbort();
-    delete m_pPool;
-    m_pPool = nullptr;
-  }
+  m_cache.End();
   if (m_pVirtualFile) {
     QltDeleteVirtualFile(m_pVirtualFile);
     m_pVirtualFile = nullptr;
@@ -59,10 +54,6 @@ KxFileEx::~KxFileEx() {
   if (m_pWebWriter) {
     m_pWebWriter->Destroy(1);
     m_pWebWriter = nullptr;
-  }
-  if (m_hCacheIdle) {
-    ::CloseHandle(m_hCacheIdle);
-    m_hCacheIdle = nullptr;
   }
   delete[] m_pStaging;
   m_pStaging = nullptr;
@@ -175,7 +166,7 @@ HANDLE KxFileEx::OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, D
   m_bstrFileName = strFileName;
   ResetCounters();
   if ((m_info.nOpMode == 2 && !ApplyPresetSize(m_hFile, strFileName, 0)) || !ApplyBlockSize(strFileName) ||
-      SetUpCache() <= 0) {
+      m_cache.SetUp(m_info, m_bstrFileName, m_guid, m_hFile) <= 0) {
     AbandonLocal(bCreated, nStart);
     return nullptr;
   }
@@ -244,8 +235,7 @@ void KxFileEx::ResetCounters() {
   m_nExtent = 0;
   // No cache thread runs here: the last one was joined by close or by the
   // set-up that replaced it.
-  m_bCacheFailed.store(false, std::memory_order_relaxed);
-  m_dwCacheError = 0;
+  m_cache.ResetFailure();
   m_nBytesAccepted = 0;
   m_nBytesOnDisk = 0;
   m_nWriteMs = 0;
@@ -272,7 +262,7 @@ BOOL KxFileEx::Attach(HANDLE hFile, const CComBSTR& strFileName) {
   // The bytes already in the file count as written: a trim keeps them.
   m_nExtent = nSize > nPos ? nSize : nPos;
   if ((m_info.nOpMode == 2 && !ApplyPresetSize(hFile, strFileName, nPos)) || !ApplyBlockSize(strFileName) ||
-      SetUpCache() <= 0) {
+      m_cache.SetUp(m_info, m_bstrFileName, m_guid, m_hFile) <= 0) {
     AbandonLocal(false, nSize);
     return 0;
   }
@@ -322,17 +312,17 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
   bool ok = true;
   try {
     if (UsesCache()) {
-      if (m_bCacheFailed.load(std::memory_order_acquire)) {
+      if (m_cache.Failed()) {
         // The cache thread could not write earlier bytes: nothing more is
         // taken, so the host learns of the loss now.
-        SetLastError(m_dwCacheError);
+        SetLastError(m_cache.Error());
         ok = false;
-      } else if (!m_pPool) {
+      } else if (!m_cache.HasPool()) {
         SetLastError(ERROR_INVALID_FUNCTION);  // a cache needs managed mode
         ok = false;
       } else {
         SetLastError(NO_ERROR);
-        ok = QueueWrite(pData, nLength, dwUserData);
+        ok = m_cache.QueueWrite(pData, nLength, dwUserData);
         if (!ok && GetLastError() == NO_ERROR) SetLastError(ERROR_WRITE_FAULT);
       }
       if (pWritten) *pWritten = nLength;
@@ -405,10 +395,9 @@ void KxFileEx::NoteFailedWrite() {
   if (m_dwFailError == NO_ERROR) m_dwFailError = GetLastError() != NO_ERROR ? GetLastError() : ERROR_WRITE_FAULT;
 }
 
-void KxFileEx::NoteCacheFailure(DWORD dwError) {
-  if (m_bCacheFailed.load(std::memory_order_relaxed)) return;
-  m_dwCacheError = dwError != NO_ERROR ? dwError : ERROR_WRITE_FAULT;
-  m_bCacheFailed.store(true, std::memory_order_release);
+void KxFileEx::CacheUserData(DWORD dwUserData) {
+  CAutoLock lock(&m_csUserData);
+  m_userData.Add(dwUserData);
 }
 
 bool KxFileEx::FilePosition(uint64_t* pPos) {
@@ -560,7 +549,7 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
   }
   if (UsesCache()) {
     // The cache thread makes the platform seek, in order with the writes.
-    if (m_info.nOpMode == 1 || !m_pPool) {
+    if (m_info.nOpMode == 1 || !m_cache.HasPool()) {
       SetLastError(ERROR_INVALID_FUNCTION);
       return 0;
     }
@@ -568,9 +557,7 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
     // allocation is in place: every seek is queued from the beginning.
     uint64_t target = 0;
     if (!ManagedTarget(distance, dwMoveMethod, &target)) return 0;
-    LARGE_INTEGER absolute{};
-    absolute.QuadPart = static_cast<LONGLONG>(target);
-    bool bQueued = QueueSeek(absolute, FILE_BEGIN);
+    bool bQueued = m_cache.QueueSeek(target);
     m_nLogicalPos = target;
     if (pNewPos) pNewPos->QuadPart = static_cast<LONGLONG>(m_nLogicalPos);
     return bQueued ? 1 : 0;
@@ -595,23 +582,32 @@ BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLAR
       to.QuadPart = static_cast<LONGLONG>(target);
       dwMethod = FILE_BEGIN;
     }
-    BOOL bOk = ::SetFilePointerEx(m_hFile, to, &newPos, dwMethod);
-    if (!bOk) {
-      LogEntry(SeekFailedEntry(distance, newPos.QuadPart));
-      return 0;
-    }
+    if (!SeekFile(to, dwMethod, distance, bManaged, newPos)) return 0;
     if (pNewPos) *pNewPos = newPos;
-    // The next block is written here, and a retry rewrites from here.
-    m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
-    if (bManaged) {
-      m_nLogicalPos = m_nPhysPos;
-      if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
-    }
-    return bOk;
+    if (bManaged) m_nLogicalPos = m_nPhysPos;
+    return 1;
   } catch (...) {
     LogEntry(SeekExceptionEntry(distance, newPos.QuadPart));
     throw;
   }
+}
+
+bool KxFileEx::SeekFile(LARGE_INTEGER liTo, DWORD dwMoveMethod, int64_t nLoggedDistance, bool bExtend,
+                        LARGE_INTEGER& newPos) {
+  if (!::SetFilePointerEx(m_hFile, liTo, &newPos, dwMoveMethod)) {
+    LogEntry(SeekFailedEntry(nLoggedDistance, newPos.QuadPart));
+    return false;
+  }
+  // The next block is written here, and a retry rewrites from here.
+  m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
+  if (bExtend && m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
+  return true;
+}
+
+bool KxFileEx::CacheSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod) {
+  // Every seek the cache queues is absolute and in managed mode.
+  LARGE_INTEGER newPos{};
+  return SeekFile(liDistance, dwMoveMethod, liDistance.QuadPart, true, newPos);
 }
 
 bool KxFileEx::ManagedTarget(int64_t nDistance, DWORD dwMoveMethod, uint64_t* pTarget) const {
@@ -741,13 +737,12 @@ BOOL KxFileEx::CloseLocal() {
   m_bLocalOpen = false;
   m_registryEntry.Leave();
   DWORD err = m_nFailedWrites > 0 ? m_dwFailError : NO_ERROR;
-  if (m_pPool) {
+  if (m_cache.HasPool()) {
     // Close waits, without a time limit, until every queued record is in
     // the file and the cache thread has ended.
-    m_pPool->WriteBuffer(nullptr, 0);
-    CacheStop();
+    m_cache.Drain();
     // Joined: the thread's failure record is final and visible here.
-    if (m_bCacheFailed.load(std::memory_order_acquire) && err == NO_ERROR) err = m_dwCacheError;
+    if (m_cache.Failed() && err == NO_ERROR) err = m_cache.Error();
   }
   m_nLogicalPos = 0;
   m_nLogicalSize = 0;
@@ -774,7 +769,7 @@ BOOL KxFileEx::CloseLocal() {
   if (!::CloseHandle(m_hFile) && err == NO_ERROR) err = GetLastError();
   m_hFile = INVALID_HANDLE_VALUE;
   m_nPresetSize = 0;
-  if (err != NO_ERROR || m_nFailedWrites > 0 || m_bCacheFailed.load(std::memory_order_relaxed)) {
+  if (err != NO_ERROR || m_nFailedWrites > 0 || m_cache.Failed()) {
     SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
     return 0;
   }

@@ -31,9 +31,10 @@
 #include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
 #include "qltfsdk/fileex.h"
+#include "writer/write_cache.h"
 #include "writer/writer_registry_entry.h"
 
-class KxFileEx {
+class KxFileEx : private CWriteCache::CClient {
  public:
   KxFileEx();
   virtual ~KxFileEx();
@@ -83,9 +84,6 @@ class KxFileEx {
   // buffer when needed. False for a block size below 1 or no memory.
   bool ApplyBlockSize(const CComBSTR& strName);
   void ResetCounters();
-  // Sets up the write cache for the open file; above 0 on success. On
-  // failure the last error names the cause and the cache folder is gone.
-  int SetUpCache();
   // Closes the open local file as CloseHandle does (drain, staged bytes,
   // trim, options cleared). Used by close and by an open on a writer that
   // still holds a file. 1 when every byte accepted since the open reached
@@ -96,36 +94,20 @@ class KxFileEx {
   // closes the handle and deletes the file when bCreated (this open made
   // it). Keeps the caller's last error.
   void AbandonLocal(bool bCreated, uint64_t nStart);
-  // Records that a write on the cache thread failed: the first failure's
-  // error is kept for close. Cache thread.
-  void NoteCacheFailure(DWORD dwError);
   // True when the open file is written through a write cache (asked for by
   // the access information or the registry); without a pool such a file
   // refuses writes and seeks.
   bool UsesCache() const { return m_info.nCacheMode != 0; }
 
-  // The write cache (write_cache.cc). Queue hands one record to the pool:
-  // 0 without a pool, 1 for a length below 1 (nothing queued), else the
-  // pool's result. QueueWrite queues a write as header and data records
-  // (split into several when longer than one record can be); QueueSeek a
-  // seek as header and seek record. Host thread.
-  BOOL Queue(const void* pBuffer, int nLength);
-  bool QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData);
-  bool QueueSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod);
-  // Waits until no cache thread runs (joining it), then stops the pool.
-  void CacheStop();
-  // Stops the pool at once (queued records are dropped), then joins the
-  // thread: for a cache that must end without being drained.
-  void CacheAbort();
-  static DWORD WINAPI CacheThreadMain(LPVOID pWriter);
-  DWORD RunCacheThread();
-  // Takes the data record of a header of nHeaderLength bytes out of the
-  // pool and block-writes it; a write that fails is noted for close. Throws
-  // when the record is missing. Cache thread.
-  void HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer);
+  // The writer as the cache thread sees it (CWriteCache::CClient).
+  DWORD CacheBlockWrite(const BYTE* pBuffer, int64_t nLength) override { return BlockWrite(m_hFile, pBuffer, nLength); }
+  bool CacheSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod) override;
+  void CacheUserData(DWORD dwUserData) override;
+  void CacheLogEntry(const CErrorLogEntry& entry) override { LogEntry(entry); }
+  void CacheEnded() override { RefreshStatus(); }
   // The offset a block write reports to the timing log: the host's logical
   // position, or, while a cache thread does the writes, its own position.
-  __int64 LoggedOffset() const { return static_cast<__int64>(m_pPool ? m_nPhysPos : m_nLogicalPos); }
+  __int64 LoggedOffset() const { return static_cast<__int64>(m_cache.HasPool() ? m_nPhysPos : m_nLogicalPos); }
 
   // The block write: writes nLength bytes at the file pointer and returns
   // the bytes written (0 on failure).
@@ -135,6 +117,14 @@ class KxFileEx {
   BOOL RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten);
   // One timed platform write to m_hFile with its bookkeeping and entries.
   DWORD WriteOnce(const BYTE* pBuffer, DWORD nLength);
+  // The one seek of m_hFile, for SetFilePointerEx and the cache thread:
+  // moves the pointer to (liTo, dwMoveMethod) and puts the platform's new
+  // position in newPos; the next block is written there and a retry
+  // rewrites from there, and with bExtend the furthest end grows to it. On
+  // failure logs a seek entry naming nLoggedDistance and returns false with
+  // the last error set.
+  bool SeekFile(LARGE_INTEGER liTo, DWORD dwMoveMethod, int64_t nLoggedDistance, bool bExtend,
+                LARGE_INTEGER& newPos);
   // Writes out the staged bytes; true when all of them reached the file.
   bool WriteOutStaged();
   void TrackWritten(DWORD nWritten);
@@ -191,27 +181,11 @@ class KxFileEx {
   CLogFileWriter2 m_errorLog;
   CErrorCodeRegister m_errorCodes;
 
-  // Write cache (set up by SetUpCache when a cache is asked for). The host
-  // thread sets these while no cache thread runs; the thread only reads
-  // them. While the thread runs it alone makes the block writes and seeks,
-  // so m_hFile, m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its
-  // own until CacheStop has joined it.
-  // The pool's implementation object rather than its exported facade: the
-  // cache thread reads records in place through it.
-  KxDataFifoPool* m_pPool = nullptr;  // owned; null: no cache
-  HANDLE m_hCacheIdle = nullptr;      // manual reset; set while no cache thread runs
-  HANDLE m_hCacheThread = nullptr;    // the running cache thread, joined by CacheStop
-  uint32_t m_nCacheFileTag = 0;       // the handle when the cache started, for the record headers
-  int m_nCacheRecordMax = 0;          // the longest record the pool takes
-  // Set by the cache thread when a block write or seek of its own failed, or
-  // when it ended before the end of the data (the queued bytes are then
-  // dropped); read by the host thread to fail later writes and the close.
-  // Reset by the host thread only while no cache thread runs.
-  std::atomic<bool> m_bCacheFailed{false};
-  // The error of the cache thread's first failure; written by the cache
-  // thread before it sets m_bCacheFailed (release), read by the host after
-  // seeing the flag (acquire) or after joining the thread.
-  DWORD m_dwCacheError = 0;
+  // The write cache. While its thread runs, that thread alone makes the
+  // block writes and seeks (through the CClient calls above), so m_hFile,
+  // m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its own until
+  // the cache has been drained or ended.
+  CWriteCache m_cache{*this};
 
   // Status.
   uint64_t m_nBytesAccepted = 0;  // bytes accepted by WriteFile since the open
