@@ -47,14 +47,8 @@ KxFileEx::~KxFileEx() {
   if (m_bLocalOpen) CloseLocal();
   m_registryEntry.Leave();
   m_cache.End();
-  if (m_pVirtualFile) {
-    QltDeleteVirtualFile(m_pVirtualFile);
-    m_pVirtualFile = nullptr;
-  }
-  if (m_pWebWriter) {
-    m_pWebWriter->Destroy(1);
-    m_pWebWriter = nullptr;
-  }
+  m_virtualTarget.End();
+  m_webTarget.End();
   delete[] m_pStaging;
   m_pStaging = nullptr;
   ReleaseWriteTimingLog();
@@ -88,52 +82,19 @@ HANDLE KxFileEx::CreateKXFile(const CComBSTR& strFileName, DWORD dwDesiredAccess
   const wchar_t* path = strFileName.m_str ? strFileName.m_str : L"";
   std::wstring scheme = QltUrlScheme(path);
   if (scheme == L"FTP" || scheme == L"OSS") m_bWebFile = 1;
-  if (m_bWebFile) return OpenWeb(strFileName, lpSecurityAttributes);
+  // Once a web or virtual-storage file was opened, every later file of this
+  // writer goes the same way.
+  if (m_bWebFile) {
+    m_pTarget = &m_webTarget;
+    return m_webTarget.Open(strFileName, lpSecurityAttributes);
+  }
   if (QltIsVirtualStoragePath(path)) m_bVirtual = 1;
-  if (m_bVirtual) return OpenVirtual(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition);
+  if (m_bVirtual) {
+    m_pTarget = &m_virtualTarget;
+    return m_virtualTarget.Open(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition);
+  }
   return OpenLocal(strFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition, dwFlagsAndAttributes,
                    hTemplateFile);
-}
-
-HANDLE KxFileEx::OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions) {
-  if (m_pWebWriter) {
-    // The writer of an earlier web file of this object ends here.
-    m_pWebWriter->Destroy(1);
-    m_pWebWriter = nullptr;
-  }
-  m_pWebWriter = QltCreateWebFileWriter();
-  if (!m_pWebWriter) return nullptr;
-  if (lpOptions && lpOptions->lpSecurityDescriptor) {
-    // The security-attributes argument carries option words for web files:
-    // nLength bytes of narrow text at lpSecurityDescriptor.
-    const char* text = static_cast<const char*>(lpOptions->lpSecurityDescriptor);
-    const size_t length = lpOptions->nLength;
-    size_t at = 0;
-    if (length - at >= 13 && std::memcmp(text + at, "PublicWebFile", 13) == 0) {
-      m_pWebWriter->SetOrOpen(CComBSTR(L"PublicWebFile"));
-      at += 14;  // the word and one separator
-    }
-    if (at <= length && length - at >= 7 && std::memcmp(text + at, "PutMode", 7) == 0)
-      m_pWebWriter->SetOrOpen(CComBSTR(L"PutMode"));
-  }
-  if (m_pWebWriter->SetOrOpen(strFileName) > 0) return reinterpret_cast<HANDLE>(m_pWebWriter);
-  m_pWebWriter->Destroy(1);
-  m_pWebWriter = nullptr;
-  return nullptr;
-}
-
-HANDLE KxFileEx::OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                             DWORD dwCreationDisposition) {
-  if (m_pVirtualFile) {
-    QltDeleteVirtualFile(m_pVirtualFile);
-    m_pVirtualFile = nullptr;
-  }
-  m_pVirtualFile = QltNewVirtualFile();
-  if (!m_pVirtualFile) return nullptr;
-  if (m_pVirtualFile->Open(strFileName.m_str ? strFileName.m_str : L"", dwDesiredAccess, dwShareMode,
-                           dwCreationDisposition) == 0)
-    return nullptr;
-  return m_pVirtualFile->GetHandle();
 }
 
 HANDLE KxFileEx::OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
@@ -243,7 +204,10 @@ void KxFileEx::ResetCounters() {
 
 BOOL KxFileEx::Attach(HANDLE hFile, const CComBSTR& strFileName) {
   if (m_bLocalOpen) CloseLocal();
-  if (m_bVirtual || m_bWebFile) return 1;
+  return m_pTarget->AttachFile(hFile, strFileName);
+}
+
+BOOL KxFileEx::AttachFile(HANDLE hFile, const CComBSTR& strFileName) {
   CAutoLock lock(&m_cs);
   // The handle may be anywhere in a file of any length: writing goes on
   // from its position, and a retry rewrites from there.
@@ -287,27 +251,10 @@ BOOL KxFileEx::WriteFile(HANDLE /*hFile*/, LPCVOID pBuffer, DWORD nLength, LPDWO
     LogEntry(WriteFailedEntry(nLength, 0));
     return 0;
   }
-  if (m_bWebFile) {
-    if (!m_pWebWriter) return 0;
-    int n = m_pWebWriter->Write(pBuffer, nLength);
-    if (n <= 0) return 0;
-    if (pWritten) *pWritten = static_cast<DWORD>(n);
-    return 1;
-  }
-  if (m_bVirtual) {
-    // The storage reports the bytes it wrote; fewer than asked is a failed
-    // write with the last error set, and the close reports it too.
-    if (nLength == 0) return 1;
-    int n = 0;
-    if (!m_pVirtualFile) {
-      SetLastError(ERROR_INVALID_HANDLE);
-    } else {
-      n = m_pVirtualFile->Write(pBuffer, nLength);
-      if (n >= 0 && static_cast<DWORD>(n) == nLength) return 1;
-    }
-    NoteFailedWrite();
-    return 0;
-  }
+  return m_pTarget->Write(pBuffer, nLength, pWritten, dwUserData);
+}
+
+BOOL KxFileEx::Write(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, DWORD dwUserData) {
   const BYTE* pData = static_cast<const BYTE*>(pBuffer);
   bool ok = true;
   try {
@@ -521,32 +468,12 @@ bool KxFileEx::WriteOutStaged() {
 
 BOOL KxFileEx::SetFilePointerEx(HANDLE /*hFile*/, LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos,
                                 DWORD dwMoveMethod) {
+  return m_pTarget->Seek(liDistance, pNewPos, dwMoveMethod);
+}
+
+BOOL KxFileEx::Seek(LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos, DWORD dwMoveMethod) {
   const int64_t distance = liDistance.QuadPart;
   LARGE_INTEGER newPos{};
-  if (m_bWebFile) {
-    if (!m_pWebWriter) return 0;
-    __int64 pos = m_pWebWriter->Seek(distance, static_cast<int>(dwMoveMethod));
-    if (pos < 0) return 0;
-    if (pNewPos) pNewPos->QuadPart = pos;
-    return 1;
-  }
-  if (m_bVirtual) {
-    if (!m_pVirtualFile) return 0;
-    int origin = 0, forward = 0;
-    switch (dwMoveMethod) {
-      case FILE_BEGIN: forward = 1; break;
-      case FILE_CURRENT:
-        origin = 1;
-        forward = distance > 0 ? 1 : 0;
-        break;
-      case FILE_END: origin = 2; break;
-      default: break;
-    }
-    __int64 d = distance;
-    __int64 pos = m_pVirtualFile->Seek(&d, origin, forward);
-    if (pNewPos) pNewPos->QuadPart = pos;
-    return 1;
-  }
   if (UsesCache()) {
     // The cache thread makes the platform seek, in order with the writes.
     if (m_info.nOpMode == 1 || !m_cache.HasPool()) {
@@ -641,17 +568,9 @@ DWORD KxFileEx::SetFilePointer(HANDLE hFile, LONG lDistance, LONG* pDistanceHigh
   return newPos.u.LowPart;
 }
 
-BOOL KxFileEx::GetFileSizeEx(HANDLE /*hFile*/, PLARGE_INTEGER pSize) {
-  if (m_bWebFile) {
-    __int64 size = m_pWebWriter ? m_pWebWriter->GetSize() : -1;
-    if (size < 0) return 0;
-    if (pSize) pSize->QuadPart = size;
-    return 1;
-  }
-  if (m_bVirtual) {
-    if (pSize) pSize->QuadPart = m_pVirtualFile ? m_pVirtualFile->GetSize() : 0;
-    return 1;
-  }
+BOOL KxFileEx::GetFileSizeEx(HANDLE /*hFile*/, PLARGE_INTEGER pSize) { return m_pTarget->GetSize(pSize); }
+
+BOOL KxFileEx::GetSize(PLARGE_INTEGER pSize) {
   if (m_info.nOpMode == 2 || UsesCache()) {
     if (pSize) pSize->QuadPart = static_cast<LONGLONG>(m_nLogicalSize);
     return 1;
@@ -659,13 +578,9 @@ BOOL KxFileEx::GetFileSizeEx(HANDLE /*hFile*/, PLARGE_INTEGER pSize) {
   return ::GetFileSizeEx(m_hFile, pSize);
 }
 
-DWORD KxFileEx::GetFileSize(HANDLE /*hFile*/, LPDWORD pHigh) {
-  if (m_bWebFile || m_bVirtual) {
-    LARGE_INTEGER size{};
-    if (!GetFileSizeEx(nullptr, &size)) return INVALID_FILE_SIZE;
-    if (pHigh) *pHigh = static_cast<DWORD>(size.u.HighPart);
-    return size.u.LowPart;
-  }
+DWORD KxFileEx::GetFileSize(HANDLE /*hFile*/, LPDWORD pHigh) { return m_pTarget->GetSize32(pHigh); }
+
+DWORD KxFileEx::GetSize32(LPDWORD pHigh) {
   if (m_info.nOpMode == 2 || UsesCache()) {
     if (pHigh) *pHigh = static_cast<DWORD>(m_nLogicalSize >> 32);
     return static_cast<DWORD>(m_nLogicalSize);
@@ -674,17 +589,10 @@ DWORD KxFileEx::GetFileSize(HANDLE /*hFile*/, LPDWORD pHigh) {
 }
 
 BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) {
-  if (m_bWebFile) {
-    int n = m_pWebWriter ? m_pWebWriter->Read(pBuffer, nToRead) : 0;
-    if (n <= 0) return 0;
-    if (pRead) *pRead = static_cast<DWORD>(n);
-    return 1;
-  }
-  if (m_bVirtual) {
-    int n = m_pVirtualFile ? m_pVirtualFile->Read(pBuffer, nToRead) : 0;
-    if (pRead) *pRead = static_cast<DWORD>(n);
-    return 1;
-  }
+  return m_pTarget->Read(pBuffer, nToRead, pRead, pOverlapped);
+}
+
+BOOL KxFileEx::Read(LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) {
   if (UsesCache()) return 0;
   DWORD nRead = 0;
   try {
@@ -713,19 +621,9 @@ BOOL KxFileEx::ReadFile(HANDLE /*hFile*/, LPVOID pBuffer, DWORD nToRead, LPDWORD
 
 // ---- Close, user data and status -------------------------------------------
 
-BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) {
-  if (m_bWebFile) return (m_pWebWriter && m_pWebWriter->Close() == 1) ? 1 : 0;
-  if (m_bVirtual) {
-    // A write the storage refused since the open fails the close too.
-    BOOL bClosed = m_pVirtualFile && m_pVirtualFile->Close() == 1;
-    if (m_nFailedWrites > 0) {
-      m_nFailedWrites = 0;
-      SetLastError(m_dwFailError);
-      m_dwFailError = 0;
-      return 0;
-    }
-    return bClosed ? 1 : 0;
-  }
+BOOL KxFileEx::CloseHandle(HANDLE /*hFile*/) { return m_pTarget->Close(); }
+
+BOOL KxFileEx::Close() {
   if (!m_bLocalOpen) {
     SetLastError(ERROR_INVALID_HANDLE);
     return 0;
@@ -776,8 +674,9 @@ BOOL KxFileEx::CloseLocal() {
   return 1;
 }
 
-BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
-  if (m_bWebFile || m_bVirtual) return 1;
+BOOL KxFileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) { return m_pTarget->GetUserData(list, nMode); }
+
+BOOL KxFileEx::GetUserData(CArray<DWORD, DWORD>& list, int nMode) {
   CAutoLock lock(&m_csUserData);
   if (m_userData.IsEmpty()) return 0;
   list.RemoveAll();
@@ -798,7 +697,7 @@ void KxFileEx::RefreshStatus() {
     // Outside managed mode the file system's size is the file's size; in
     // managed mode a preset allocation makes it larger than what was written.
     LARGE_INTEGER size{};
-    if (GetFileSizeEx(m_hFile, &size)) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
+    if (GetSize(&size)) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
   }
   const int32_t nEstimateMs = m_nBytesOnDisk > 0
                                   ? static_cast<int32_t>(static_cast<int64_t>(m_nWriteMs) *

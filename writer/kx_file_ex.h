@@ -31,10 +31,13 @@
 #include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
 #include "qltfsdk/fileex.h"
+#include "writer/virtual_target.h"
+#include "writer/web_target.h"
 #include "writer/write_cache.h"
+#include "writer/writer_target.h"
 #include "writer/writer_registry_entry.h"
 
-class KxFileEx : private CWriteCache::CClient {
+class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
  public:
   KxFileEx();
   virtual ~KxFileEx();
@@ -70,10 +73,18 @@ class KxFileEx : private CWriteCache::CClient {
   int32_t StagedBytes() const { return m_nStaged; }
 
  private:
+  // The local file as the writer's target (CWriterTarget): the staging
+  // engine, the write cache, managed positions and the preset size.
+  BOOL Write(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, DWORD dwUserData) override;
+  BOOL Seek(LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos, DWORD dwMoveMethod) override;
+  BOOL GetSize(PLARGE_INTEGER pSize) override;
+  DWORD GetSize32(LPDWORD pHigh) override;
+  BOOL Read(LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) override;
+  BOOL Close() override;
+  BOOL AttachFile(HANDLE hFile, const CComBSTR& strFileName) override;
+  BOOL GetUserData(CArray<DWORD, DWORD>& list, int nMode) override;
+
   // Open helpers.
-  HANDLE OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions);
-  HANDLE OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                     DWORD dwCreationDisposition);
   HANDLE OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition,
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
   // Allocates hFile at its registered preset size (managed mode), then puts
@@ -152,9 +163,9 @@ class KxFileEx : private CWriteCache::CClient {
   std::wstring m_strPath;                     // path of the local file, named by error-log entries
   CComBSTR m_bstrFileName;                    // name given to CreateKXFile/Attach
   BOOL m_bVirtual = 0;                        // the file lives in the virtual storage (never cleared)
-  CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; ended with QltDeleteVirtualFile
+  CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; ended with QltDeleteVirtualFile (by m_virtualTarget)
   BOOL m_bWebFile = 0;                        // the file is a web file (never cleared)
-  CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1)
+  CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1) (by m_webTarget)
 
   // Staging.
   BYTE* m_pStaging = nullptr;  // m_nStagingCapacity bytes, owned
@@ -178,6 +189,13 @@ class KxFileEx : private CWriteCache::CClient {
   uint64_t m_nFailedWrites = 0;  // WriteFile calls that did not write everything
   bool m_bLocalOpen = false;     // a local file is open (from a good open or attach until close)
   DWORD m_dwFailError = 0;       // last error of the first failed write since the open
+
+  // What the writer writes to, chosen at open: the local file (the writer
+  // itself) until a web or virtual-storage file is opened, then that kind
+  // for good, as m_bWebFile and m_bVirtual say.
+  CWebTarget m_webTarget{m_pWebWriter};
+  CVirtualTarget m_virtualTarget{m_pVirtualFile, m_nFailedWrites, m_dwFailError};
+  CWriterTarget* m_pTarget = this;
   CLogFileWriter2 m_errorLog;
   CErrorCodeRegister m_errorCodes;
 
