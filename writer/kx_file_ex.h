@@ -1,12 +1,15 @@
 // KxFileEx: the implementation behind QLCT_FileEx.
 //
-// A local file is written through the staging engine: the host's bytes are
-// gathered into whole blocks of m_nBlockSize bytes and each block goes to
-// the file system through one block write, which times it for the write
-// timing log, tracks positions, forces a flush past 16 MiB and, with
-// WriteRetryCount set, flushes every block and rewrites a failed one after
-// reopening the file. Web and virtual-storage files are handed to the
-// plug-in objects of the companion libraries.
+// Each open chooses what the writer writes to (CWriterTarget): a web file
+// goes to CWebTarget, a virtual-storage file to CVirtualTarget, and a local
+// file is the writer's own target (local_open.cc, local_write.cc,
+// local_seek.cc). A local file is written through the staging engine: the
+// host's bytes are gathered into whole blocks of m_nBlockSize bytes and each
+// block goes to the file system through one block write, which times it for
+// the write timing log, tracks positions, forces a flush past 16 MiB and,
+// with WriteRetryCount set, flushes every block and rewrites a failed one
+// after reopening the file. With a write cache (CWriteCache) the block
+// writes and seeks happen on the cache's thread instead.
 //
 // Results follow the platform's file calls (0 for failure). Failures write
 // error-log entries while LogFileOn is set and report error code 200 to the
@@ -14,7 +17,7 @@
 //
 // Threads: a writer serves one host thread at a time; every field below is
 // used on that thread only unless its comment says otherwise. m_cs is held
-// across opening and attaching a local file and around the status refresh.
+// across opening and attaching a local file.
 #ifndef QLTFSDK_WRITER_KX_FILE_EX_H
 #define QLTFSDK_WRITER_KX_FILE_EX_H
 
@@ -30,6 +33,7 @@
 #include "diagnostics/log_file_writer2.h"
 #include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
+#include "platform/thread_annotations.h"
 #include "qltfsdk/fileex.h"
 #include "writer/virtual_target.h"
 #include "writer/web_target.h"
@@ -153,7 +157,7 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
 
   // Identity and locking.
   GUID m_guid = NewGuid();
-  CRITICAL_SECTION m_cs;  // held across local open, attach and the status refresh
+  CRITICAL_SECTION m_cs;  // held across local open and attach
 
   // Configuration.
   QLCT_FIlEACCESSINFO_ST m_info{};  // own copy; the BSTR is owned
@@ -211,8 +215,8 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   int32_t m_nWriteMs = 0;         // time spent in that route
 
   // User data of the writes, in write order.
-  CArray<DWORD, DWORD> m_userData;  // guarded by m_csUserData
-  CRITICAL_SECTION m_csUserData;    // a cache thread appends while the host reads
+  CRITICAL_SECTION m_csUserData;                           // a cache thread appends while the host reads
+  CArray<DWORD, DWORD> m_userData GUARDED_BY(m_csUserData);
 
   // The status record, listed in the registry of files being written while
   // a local file is open, so hosts can ask for its status.
