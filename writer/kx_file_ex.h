@@ -193,6 +193,8 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   uint64_t m_nFailedWrites = 0;  // WriteFile calls that did not write everything
   bool m_bLocalOpen = false;     // a local file is open (from a good open or attach until close)
   DWORD m_dwFailError = 0;       // last error of the first failed write since the open
+  CLogFileWriter2 m_errorLog;
+  CErrorCodeRegister m_errorCodes;
 
   // What the writer writes to, chosen at open: the local file (the writer
   // itself) until a web or virtual-storage file is opened, then that kind
@@ -200,8 +202,6 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   CWebTarget m_webTarget{m_pWebWriter};
   CVirtualTarget m_virtualTarget{m_pVirtualFile, m_nFailedWrites, m_dwFailError};
   CWriterTarget* m_pTarget = this;
-  CLogFileWriter2 m_errorLog;
-  CErrorCodeRegister m_errorCodes;
 
   // The write cache. While its thread runs, that thread alone makes the
   // block writes and seeks (through the CClient calls above), so m_hFile,
