@@ -9,7 +9,7 @@
 #include <cstring>
 #include <new>
 
-#include "diagnostics/error_log.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/sdk_settings.h"
 
 namespace {
@@ -17,27 +17,6 @@ namespace {
 constexpr __int64 kAlign = 4096;
 constexpr int kDefaultBlock = 262144;
 constexpr DWORD kMaxBlock = 1u << 30;
-
-const char kSeekTitle[] = "\n    seek file pos :   ";
-const char kSeekExceptionTitle[] = "\n  seek file pos Exception :   ";
-const char kReadExceptionTitle[] = "\n    read file  exception :   ";
-const char kWriteExceptionTitle[] = "\n    write file exception   :   ";
-const char kWriteTitle[] = "\n    write file  :   ";
-const char kSeekWhenReadTitle[] = "\n    seek file pos when read:   ";
-const char kReadTitle[] = "\n    read file  :   ";
-
-std::wstring MoveDetail(__int64 nPos, __int64 nNewPos) {
-  wchar_t text[128];
-  swprintf(text, 128, L"Mov pos :%lld   new pos %lld: \n", static_cast<long long>(nPos),
-           static_cast<long long>(nNewPos));
-  return text;
-}
-
-std::wstring CountDetail(const wchar_t* fmt, long long nAsked, long long nDone) {
-  wchar_t text[128];
-  swprintf(text, 128, fmt, nAsked, nDone);
-  return text;
-}
 
 __int64 AlignDown(__int64 n) { return std::max<__int64>(0, n - n % kAlign); }
 
@@ -56,8 +35,8 @@ KxFileAccessLocal::~KxFileAccessLocal() {
   FreeAligned(m_pReadCache);
 }
 
-void KxFileAccessLocal::LogEntry(const char* title, const wchar_t* detail) {
-  if (SdkSettings.LogFileOn != 0) WriteErrorLogEntry(m_errorLog, m_strPath, title, detail);
+void KxFileAccessLocal::LogEntry(const CErrorLogEntry& entry) {
+  if (SdkSettings.LogFileOn != 0) WriteErrorLogEntry(m_errorLog, m_strPath, entry);
 }
 
 int KxFileAccessLocal::OpenFile(CComBSTR strPath, DWORD nMode) {
@@ -145,7 +124,7 @@ int KxFileAccessLocal::Read(BYTE* pBuffer, int nCount) {
     return DirectRead(pBuffer, nCount);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    LogEntry(kReadExceptionTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nCount, 0).c_str());
+    LogEntry(AccessReadExceptionEntry(nCount, 0));
     return 0;
   }
 }
@@ -173,7 +152,7 @@ int KxFileAccessLocal::SyncSetPosition(__int64 nPos, bool bAsyncEntry) {
   if (!MovePointer(m_nDiskPos, &nNew)) {
     // A seek asked for in asynchronous mode names the caller's position; a
     // synchronous one the aligned position the pointer was sent to.
-    LogEntry(kSeekTitle, MoveDetail(bAsyncEntry ? nPos : m_nDiskPos, nNew).c_str());
+    LogEntry(SeekFailedEntry(bAsyncEntry ? nPos : m_nDiskPos, nNew));
     return 0;
   }
   return 1;
@@ -202,7 +181,7 @@ int KxFileAccessLocal::SetPosition(__int64 nPos) {
     return SyncSetPosition(nPos, false);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    LogEntry(kSeekExceptionTitle, MoveDetail(nPos, 0).c_str());
+    LogEntry(AccessSeekExceptionEntry(nPos, 0));
     return 0;
   }
 }
@@ -214,7 +193,7 @@ int KxFileAccessLocal::Write(const BYTE* pBuffer, int nCount) {
     return DirectWrite(pBuffer, nCount);
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    LogEntry(kWriteExceptionTitle, CountDetail(L"To write bytes :%lld   written bytes %lld: \n", nCount, 0).c_str());
+    LogEntry(AccessWriteExceptionEntry(nCount, 0));
     return 0;
   }
 }
@@ -250,7 +229,7 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     __int64 nNew = 0;
     if (nTarget < 0 || !MovePointer(nTarget, &nNew)) {
       if (nTarget < 0) SetLastError(ERROR_NEGATIVE_SEEK);
-      LogEntry(kSeekWhenReadTitle, MoveDetail(nTarget, nNew).c_str());
+      LogEntry(SeekBeforeReadFailedEntry(nTarget, nNew));
       return 0;
     }
     m_nLogicalPos = nTarget;
@@ -284,7 +263,7 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     __int64 nDisk = AlignDown(m_nLogicalPos);
     __int64 nNew = 0;
     if (!MovePointer(nDisk, &nNew)) {
-      LogEntry(kSeekWhenReadTitle, MoveDetail(nDisk, nNew).c_str());
+      LogEntry(SeekBeforeReadFailedEntry(nDisk, nNew));
       return static_cast<int>(nCount - nRemainder);
     }
     m_nDiskPos = nDisk;
@@ -306,7 +285,7 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     // system read ahead as far as the caller wants.
     if (!ReadFile(m_hFile, pDest, static_cast<DWORD>(nDirect), &nRead, nullptr)) {
       // The entry names the block size, as every failed read does.
-      LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nBlock, nRead).c_str());
+      LogEntry(ReadFailedEntry(nBlock, nRead));
       m_nDiskPos = m_nReadCacheStart = m_nLogicalPos;
       m_nReadCacheLen = 0;
       MovePointer(m_nDiskPos, nullptr);  // where the next read retries
@@ -338,11 +317,11 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     zero.QuadPart = 0;
     cur.QuadPart = 0;
     if (!SetFilePointerEx(m_hFile, zero, &cur, FILE_CURRENT))
-      LogEntry(kSeekWhenReadTitle, MoveDetail(0, cur.QuadPart).c_str());
+      LogEntry(SeekBeforeReadFailedEntry(0, cur.QuadPart));
     DWORD nRead = 0;
     bFailed = !ReadFile(m_hFile, m_pReadCache + m_nReadCacheLen, static_cast<DWORD>(nBlock), &nRead, nullptr);
     if (bFailed)
-      LogEntry(kReadTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nBlock, nRead).c_str());
+      LogEntry(ReadFailedEntry(nBlock, nRead));
     m_nReadCacheLen += nRead;
     if (bFailed || nRead < nBlock) break;
   }
@@ -370,7 +349,7 @@ int KxFileAccessLocal::DirectWrite(const BYTE* pBuffer, int nCount) {
   if (!pBuffer || nCount < 1 || !HasFile()) return 0;
   DWORD nWritten = 0;
   if (!WriteFile(m_hFile, pBuffer, static_cast<DWORD>(nCount), &nWritten, nullptr))
-    LogEntry(kWriteTitle, CountDetail(L"To write bytes :%lld   written bytes %lld: \n", nCount, nWritten).c_str());
+    LogEntry(WriteFailedEntry(nCount, nWritten));
   if (nWritten != static_cast<DWORD>(nCount)) ++m_nShortWrites;
   return static_cast<int>(nWritten);
 }

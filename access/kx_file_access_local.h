@@ -22,6 +22,7 @@
 #include <string>
 
 #include "access/kx_async_file_access.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/log_file_writer2.h"
 
 class KxFileAccessLocal : public KxAsyncFileAccess {
@@ -72,7 +73,7 @@ class KxFileAccessLocal : public KxAsyncFileAccess {
   int SyncSetPosition(__int64 nPos, bool bAsyncEntry);
   bool MovePointer(__int64 nPos, __int64* pNewPos);
   bool GrowCache(__int64 nNeed);
-  void LogEntry(const char* title, const wchar_t* detail);
+  void LogEntry(const CErrorLogEntry& entry);
 
   // All fields: caller thread, or the worker while one runs (see the class
   // comment); never both at once.

@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "access/kx_async_file_access.h"
-#include "diagnostics/error_log.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/sdk_settings.h"
 #include "diagnostics/virtual_storage.h"
 
@@ -12,8 +12,8 @@ kxVirtualFile::kxVirtualFile() : m_pVirtualFile(QltNewVirtualFile()) {}
 
 kxVirtualFile::~kxVirtualFile() { QltDeleteVirtualFile(m_pVirtualFile); }
 
-void kxVirtualFile::LogEntry(const char* title, const wchar_t* detail) {
-  if (SdkSettings.LogFileOn != 0) WriteErrorLogEntry(m_errorLog, m_strPath, title, detail);
+void kxVirtualFile::LogEntry(const CErrorLogEntry& entry) {
+  if (SdkSettings.LogFileOn != 0) WriteErrorLogEntry(m_errorLog, m_strPath, entry);
 }
 
 int kxVirtualFile::EnableAsync(int nBufferSize) {
@@ -33,7 +33,7 @@ int kxVirtualFile::OpenFile(CComBSTR strPath, DWORD nMode) {
     // for reading and writing and creates a missing file.
     int r = m_pVirtualFile->Open(path.c_str(), GENERIC_READ | GENERIC_WRITE, nMode, OPEN_ALWAYS);
     m_strPath = path;
-    if (r < 1) LogEntry("\n    open file fail!   ", nullptr);
+    if (r < 1) LogEntry(VirtualOpenFailedEntry());
     return r;
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -46,9 +46,7 @@ ULONGLONG kxVirtualFile::GetLength() {
   __int64 nSize = m_pVirtualFile->GetSize();
   if (nSize < 0) return 0;
   if (static_cast<ULONGLONG>(nSize) < 64) {
-    wchar_t detail[64];
-    swprintf(detail, 64, L"size :%lld   \n", static_cast<long long>(nSize));
-    LogEntry("\n    Get file size:   ", detail);
+    LogEntry(VirtualSizeEntry(nSize));
   }
   return static_cast<ULONGLONG>(nSize);
 }
@@ -57,9 +55,7 @@ int kxVirtualFile::Read(BYTE* pBuffer, int nCount) {
   if (!m_pVirtualFile || nCount < 0) return 0;
   int nRead = m_pVirtualFile->Read(pBuffer, static_cast<DWORD>(nCount));
   if (nRead != nCount) {
-    wchar_t detail[96];
-    swprintf(detail, 96, L"size to read  :%d  real size  :%d  \n", nCount, nRead);
-    LogEntry("\n    read file :   ", detail);
+    LogEntry(VirtualShortReadEntry(nCount, nRead));
   }
   return nRead;
 }
@@ -75,10 +71,7 @@ int kxVirtualFile::SetPosition(__int64 nPos) {
   __int64 nDistance = nPos;
   __int64 nNew = m_pVirtualFile->Seek(&nDistance, 0, 1);
   if (nNew != nPos) {
-    wchar_t detail[128];
-    swprintf(detail, 128, L"position to mov  :%lld new  position :%lld  \n", static_cast<long long>(nPos),
-             static_cast<long long>(nNew));
-    LogEntry("\n   mov file postion :   ", detail);
+    LogEntry(VirtualSeekMissedEntry(nPos, nNew));
   }
   return static_cast<int>(static_cast<uint32_t>(static_cast<uint64_t>(nNew) & 0xFFFFFFFFu));
 }

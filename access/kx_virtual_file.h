@@ -25,6 +25,7 @@
 #include <string>
 
 #include "access/kx_file_access_base.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/log_file_writer2.h"
 
 class CQVFVirtualFile;
@@ -49,7 +50,7 @@ class kxVirtualFile : public KxFileAccessBase {
   int CloseFile() override;
 
  private:
-  void LogEntry(const char* title, const wchar_t* detail);
+  void LogEntry(const CErrorLogEntry& entry);
   // Reads and writes stay synchronous; only the capacity is checked.
   int EnableAsync(int nBufferSize);
 

@@ -5,22 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
-namespace {
-
-// Reads a 32-bit number from four bytes in little-endian order.
-DWORD LoadLe32(const uint8_t* p) {
-  return static_cast<DWORD>(p[0]) | static_cast<DWORD>(p[1]) << 8 | static_cast<DWORD>(p[2]) << 16 |
-         static_cast<DWORD>(p[3]) << 24;
-}
-
-void StoreLe32(uint8_t* p, DWORD v) {
-  p[0] = static_cast<uint8_t>(v);
-  p[1] = static_cast<uint8_t>(v >> 8);
-  p[2] = static_cast<uint8_t>(v >> 16);
-  p[3] = static_cast<uint8_t>(v >> 24);
-}
-
-}  // namespace
+#include "platform/guid_text.h"
 
 CFifoDiskFile::CFifoDiskFile() = default;
 
@@ -35,10 +20,7 @@ BOOL CFifoDiskFile::CreateNewFile() {
   CloseFile();
   GUID guid{};
   CoCreateGuid(&guid);
-  wchar_t szName[40];
-  std::swprintf(szName, sizeof szName / sizeof szName[0], L"%08x%04x%04x%08x%08x", guid.Data1, guid.Data2, guid.Data3,
-                LoadLe32(guid.Data4), LoadLe32(guid.Data4 + 4));
-  m_strFileName = szName;
+  m_strFileName = GuidText(guid, L"");
   m_strPath = m_strFolder + L"\\" + m_strFileName + L".dat";
   m_hFile = CreateFileW(m_strPath.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
   m_nWrittenSize = 0;

@@ -1,12 +1,15 @@
 // KxFileEx: the implementation behind QLCT_FileEx.
 //
-// A local file is written through the staging engine: the host's bytes are
-// gathered into whole blocks of m_nBlockSize bytes and each block goes to
-// the file system through one block write, which times it for the write
-// timing log, tracks positions, forces a flush past 16 MiB and, with
-// WriteRetryCount set, flushes every block and rewrites a failed one after
-// reopening the file. Web and virtual-storage files are handed to the
-// plug-in objects of the companion libraries.
+// Each open chooses what the writer writes to (CWriterTarget): a web file
+// goes to CWebTarget, a virtual-storage file to CVirtualTarget, and a local
+// file is the writer's own target (local_open.cc, local_write.cc,
+// local_seek.cc). A local file is written through the staging engine: the
+// host's bytes are gathered into whole blocks of m_nBlockSize bytes and each
+// block goes to the file system through one block write, which times it for
+// the write timing log, tracks positions, forces a flush past 16 MiB and,
+// with WriteRetryCount set, flushes every block and rewrites a failed one
+// after reopening the file. With a write cache (CWriteCache) the block
+// writes and seeks happen on the cache's thread instead.
 //
 // Results follow the platform's file calls (0 for failure). Failures write
 // error-log entries while LogFileOn is set and report error code 200 to the
@@ -14,7 +17,7 @@
 //
 // Threads: a writer serves one host thread at a time; every field below is
 // used on that thread only unless its comment says otherwise. m_cs is held
-// across opening and attaching a local file and around the status refresh.
+// across opening and attaching a local file.
 #ifndef QLTFSDK_WRITER_KX_FILE_EX_H
 #define QLTFSDK_WRITER_KX_FILE_EX_H
 
@@ -26,22 +29,19 @@
 #include "companions/virtualfile/qvf_virtual_file.h"
 #include "companions/webfile/web_file_api.h"
 #include "diagnostics/error_code_register.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/log_file_writer2.h"
 #include "fifo/kx_data_fifo_pool.h"
 #include "pool/registry.h"
+#include "platform/thread_annotations.h"
 #include "qltfsdk/fileex.h"
+#include "writer/virtual_target.h"
+#include "writer/web_target.h"
+#include "writer/write_cache.h"
+#include "writer/writer_target.h"
+#include "writer/writer_registry_entry.h"
 
-// The writer's status, as the registry of files being written reads it
-// (under m_csStatus).
-struct KxWriterStatus {
-  CComBSTR bstrFileName;       // the open file's name
-  int32_t bFound = 0;          // set by the registry's lookup, not here
-  uint64_t nFileLength = 0;    // bytes
-  uint64_t nPendingBytes = 0;  // accepted but not counted on disk
-  int32_t nEstimateMs = 0;     // time to write the pending bytes
-};
-
-class KxFileEx {
+class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
  public:
   KxFileEx();
   virtual ~KxFileEx();
@@ -69,18 +69,26 @@ class KxFileEx {
   BOOL CloseHandle(HANDLE hFile);
   BOOL GetUserDataList(CArray<DWORD, DWORD>& list, int nMode);
 
-  // A copy of the status record (taken under m_csStatus). Any thread.
-  KxWriterStatus GetStatus();
+  // A copy of the status record. Any thread.
+  KxWriterStatus GetStatus() { return m_registryEntry.Copy(); }
 
   // For tests and tools: the current write block size and staged bytes.
   int32_t BlockSize() const { return m_nBlockSize; }
   int32_t StagedBytes() const { return m_nStaged; }
 
  private:
+  // The local file as the writer's target (CWriterTarget): the staging
+  // engine, the write cache, managed positions and the preset size.
+  BOOL Write(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, DWORD dwUserData) override;
+  BOOL Seek(LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos, DWORD dwMoveMethod) override;
+  BOOL GetSize(PLARGE_INTEGER pSize) override;
+  DWORD GetSize32(LPDWORD pHigh) override;
+  BOOL Read(LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) override;
+  BOOL Close() override;
+  BOOL AttachFile(HANDLE hFile, const CComBSTR& strFileName) override;
+  BOOL GetUserData(CArray<DWORD, DWORD>& list, int nMode) override;
+
   // Open helpers.
-  HANDLE OpenWeb(const CComBSTR& strFileName, LPSECURITY_ATTRIBUTES lpOptions);
-  HANDLE OpenVirtual(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                     DWORD dwCreationDisposition);
   HANDLE OpenLocal(const CComBSTR& strFileName, DWORD dwDesiredAccess, DWORD dwShareMode, DWORD dwCreationDisposition,
                    DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
   // Allocates hFile at its registered preset size (managed mode), then puts
@@ -91,9 +99,6 @@ class KxFileEx {
   // buffer when needed. False for a block size below 1 or no memory.
   bool ApplyBlockSize(const CComBSTR& strName);
   void ResetCounters();
-  // Sets up the write cache for the open file; above 0 on success. On
-  // failure the last error names the cause and the cache folder is gone.
-  int SetUpCache();
   // Closes the open local file as CloseHandle does (drain, staged bytes,
   // trim, options cleared). Used by close and by an open on a writer that
   // still holds a file. 1 when every byte accepted since the open reached
@@ -104,36 +109,20 @@ class KxFileEx {
   // closes the handle and deletes the file when bCreated (this open made
   // it). Keeps the caller's last error.
   void AbandonLocal(bool bCreated, uint64_t nStart);
-  // Records that a write on the cache thread failed: the first failure's
-  // error is kept for close. Cache thread.
-  void NoteCacheFailure(DWORD dwError);
   // True when the open file is written through a write cache (asked for by
   // the access information or the registry); without a pool such a file
   // refuses writes and seeks.
   bool UsesCache() const { return m_info.nCacheMode != 0; }
 
-  // The write cache (write_cache.cc). Queue hands one record to the pool:
-  // 0 without a pool, 1 for a length below 1 (nothing queued), else the
-  // pool's result. QueueWrite queues a write as header and data records
-  // (split into several when longer than one record can be); QueueSeek a
-  // seek as header and seek record. Host thread.
-  BOOL Queue(const void* pBuffer, int nLength);
-  bool QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData);
-  bool QueueSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod);
-  // Waits until no cache thread runs (joining it), then stops the pool.
-  void CacheStop();
-  // Stops the pool at once (queued records are dropped), then joins the
-  // thread: for a cache that must end without being drained.
-  void CacheAbort();
-  static DWORD WINAPI CacheThreadMain(LPVOID pWriter);
-  DWORD RunCacheThread();
-  // Takes the data record of a header of nHeaderLength bytes out of the
-  // pool and block-writes it; a write that fails is noted for close. Throws
-  // when the record is missing. Cache thread.
-  void HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer);
+  // The writer as the cache thread sees it (CWriteCache::CClient).
+  DWORD CacheBlockWrite(const BYTE* pBuffer, int64_t nLength) override { return BlockWrite(m_hFile, pBuffer, nLength); }
+  bool CacheSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod) override;
+  void CacheUserData(DWORD dwUserData) override;
+  void CacheLogEntry(const CErrorLogEntry& entry) override { LogEntry(entry); }
+  void CacheEnded() override { RefreshStatus(); }
   // The offset a block write reports to the timing log: the host's logical
   // position, or, while a cache thread does the writes, its own position.
-  __int64 LoggedOffset() const { return static_cast<__int64>(m_pPool ? m_nPhysPos : m_nLogicalPos); }
+  __int64 LoggedOffset() const { return static_cast<__int64>(m_cache.HasPool() ? m_nPhysPos : m_nLogicalPos); }
 
   // The block write: writes nLength bytes at the file pointer and returns
   // the bytes written (0 on failure).
@@ -143,6 +132,14 @@ class KxFileEx {
   BOOL RetryWrite(const BYTE* pBuffer, DWORD nLength, DWORD* pWritten);
   // One timed platform write to m_hFile with its bookkeeping and entries.
   DWORD WriteOnce(const BYTE* pBuffer, DWORD nLength);
+  // The one seek of m_hFile, for SetFilePointerEx and the cache thread:
+  // moves the pointer to (liTo, dwMoveMethod) and puts the platform's new
+  // position in newPos; the next block is written there and a retry
+  // rewrites from there, and with bExtend the furthest end grows to it. On
+  // failure logs a seek entry naming nLoggedDistance and returns false with
+  // the last error set.
+  bool SeekFile(LARGE_INTEGER liTo, DWORD dwMoveMethod, int64_t nLoggedDistance, bool bExtend,
+                LARGE_INTEGER& newPos);
   // Writes out the staged bytes; true when all of them reached the file.
   bool WriteOutStaged();
   void TrackWritten(DWORD nWritten);
@@ -153,12 +150,14 @@ class KxFileEx {
   // target before the start. FILE_END counts from the furthest byte written.
   bool ManagedTarget(int64_t nDistance, DWORD dwMoveMethod, uint64_t* pTarget) const;
 
-  void LogEntry(const char* pszTitle, const std::wstring& strDetail);
+  static GUID NewGuid();
+  // Writes entry to the error log while LogFileOn is set.
+  void LogEntry(const CErrorLogEntry& entry);
   void RefreshStatus();
 
   // Identity and locking.
-  GUID m_guid{};
-  CRITICAL_SECTION m_cs;  // held across local open, attach and the status refresh
+  GUID m_guid = NewGuid();
+  CRITICAL_SECTION m_cs;  // held across local open and attach
 
   // Configuration.
   QLCT_FIlEACCESSINFO_ST m_info{};  // own copy; the BSTR is owned
@@ -168,9 +167,9 @@ class KxFileEx {
   std::wstring m_strPath;                     // path of the local file, named by error-log entries
   CComBSTR m_bstrFileName;                    // name given to CreateKXFile/Attach
   BOOL m_bVirtual = 0;                        // the file lives in the virtual storage (never cleared)
-  CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; ended with QltDeleteVirtualFile
+  CQVFVirtualFile* m_pVirtualFile = nullptr;  // owned; ended with QltDeleteVirtualFile (by m_virtualTarget)
   BOOL m_bWebFile = 0;                        // the file is a web file (never cleared)
-  CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1)
+  CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1) (by m_webTarget)
 
   // Staging.
   BYTE* m_pStaging = nullptr;  // m_nStagingCapacity bytes, owned
@@ -197,54 +196,32 @@ class KxFileEx {
   CLogFileWriter2 m_errorLog;
   CErrorCodeRegister m_errorCodes;
 
-  // Write cache (set up by SetUpCache when a cache is asked for). The host
-  // thread sets these while no cache thread runs; the thread only reads
-  // them. While the thread runs it alone makes the block writes and seeks,
-  // so m_hFile, m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its
-  // own until CacheStop has joined it.
-  // The pool's implementation object rather than its exported facade: the
-  // cache thread reads records in place through it.
-  KxDataFifoPool* m_pPool = nullptr;  // owned; null: no cache
-  HANDLE m_hCacheIdle = nullptr;      // manual reset; set while no cache thread runs
-  HANDLE m_hCacheThread = nullptr;    // the running cache thread, joined by CacheStop
-  uint32_t m_nCacheFileTag = 0;       // the handle when the cache started, for the record headers
-  int m_nCacheRecordMax = 0;          // the longest record the pool takes
-  // Set by the cache thread when a block write or seek of its own failed, or
-  // when it ended before the end of the data (the queued bytes are then
-  // dropped); read by the host thread to fail later writes and the close.
-  // Reset by the host thread only while no cache thread runs.
-  std::atomic<bool> m_bCacheFailed{false};
-  // The error of the cache thread's first failure; written by the cache
-  // thread before it sets m_bCacheFailed (release), read by the host after
-  // seeing the flag (acquire) or after joining the thread.
-  DWORD m_dwCacheError = 0;
+  // What the writer writes to, chosen at open: the local file (the writer
+  // itself) until a web or virtual-storage file is opened, then that kind
+  // for good, as m_bWebFile and m_bVirtual say.
+  CWebTarget m_webTarget{m_pWebWriter};
+  CVirtualTarget m_virtualTarget{m_pVirtualFile, m_nFailedWrites, m_dwFailError};
+  CWriterTarget* m_pTarget = this;
+
+  // The write cache. While its thread runs, that thread alone makes the
+  // block writes and seeks (through the CClient calls above), so m_hFile,
+  // m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its own until
+  // the cache has been drained or ended.
+  CWriteCache m_cache{*this};
 
   // Status.
-  KxWriterStatus m_status;        // guarded by m_csStatus
-  CRITICAL_SECTION m_csStatus;    // the status record's own lock; the registry takes it after its writer-list lock
   uint64_t m_nBytesAccepted = 0;  // bytes accepted by WriteFile since the open
   uint64_t m_nBytesOnDisk = 0;    // bytes written by the sector-aligned route (never taken here)
   int32_t m_nWriteMs = 0;         // time spent in that route
 
   // User data of the writes, in write order.
-  CArray<DWORD, DWORD> m_userData;  // guarded by m_csUserData
-  CRITICAL_SECTION m_csUserData;    // a cache thread appends while the host reads
+  CRITICAL_SECTION m_csUserData;                           // a cache thread appends while the host reads
+  CArray<DWORD, DWORD> m_userData GUARDED_BY(m_csUserData);
 
-  // The writer as the registry of files being written sees it: listed while
+  // The status record, listed in the registry of files being written while
   // a local file is open, so hosts can ask for its status.
-  class CRegistryEntry final : public qlt::pool::CWriterStatusSource {
-   public:
-    explicit CRegistryEntry(KxFileEx* pWriter) : m_pWriter(pWriter) {}
-    GUID WriterGuid() const override { return m_pWriter->m_guid; }
-    bool CopyStatus(QLCT_POOL_STATUS_ST* pOut) override;
-
-   private:
-    KxFileEx* const m_pWriter;
-  };
-  CRegistryEntry m_registryEntry{this};
-  bool m_bRegistered = false;  // host thread only
+  CWriterRegistryEntry m_registryEntry{m_guid};
   void EnterRegistry();
-  void LeaveRegistry();
 };
 
 #endif  // QLTFSDK_WRITER_KX_FILE_EX_H

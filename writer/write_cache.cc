@@ -1,15 +1,12 @@
-// The writer's write cache: queued writes and seeks drained by a cache
-// thread, and the writer's entry in the registry of files being written.
-#include <cstdio>
+#include "writer/write_cache.h"
+
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
-#include "diagnostics/error_log.h"
 #include "diagnostics/sdk_settings.h"
-#include "platform/platform.h"
-#include "writer/kx_file_ex.h"
+#include "platform/guid_text.h"
+#include "pool/registry.h"
 
 namespace {
 
@@ -17,10 +14,6 @@ constexpr int32_t kTypeData = 1;
 constexpr int32_t kTypeSeek = 2;
 constexpr size_t kThreadBuffer = 1048576;  // the cache thread's first data buffer
 constexpr size_t kGrowSlack = 51200;       // spare bytes when that buffer grows
-constexpr int kRecordLengthBytes = 4;      // the pool's own length field per record
-// The smallest ring the writer uses: its pool length field, a header and a
-// seek record.
-constexpr DWORD kMinRingBytes = kRecordLengthBytes + 16 + 24;
 
 // The record in front of every queued write or seek.
 struct CacheHeader {
@@ -31,8 +24,10 @@ struct CacheHeader {
 };
 static_assert(sizeof(CacheHeader) == 16, "the header record is 16 bytes");
 
+// The record behind a seek header. Always queued extended; the distance is
+// one 64-bit number in either form.
 struct CacheSeek {
-  int32_t bExtended;  // 1: 64-bit seek; 0: 32-bit seek
+  int32_t bExtended;  // 1
   int32_t nReserved1;
   uint32_t dwLow;
   int32_t nHigh;
@@ -41,55 +36,48 @@ struct CacheSeek {
 };
 static_assert(sizeof(CacheSeek) == 24, "the seek record is 24 bytes");
 
-uint32_t LittleEndian32(const uint8_t* p) {
-  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-         static_cast<uint32_t>(p[3]) << 24;
-}
-
-// "%08x-%04x-%04x-%08x-%08x": Data1, Data2, Data3, then Data4's two halves
-// each read as a little-endian 32-bit number.
-std::wstring GuidText(const GUID& guid) {
-  wchar_t text[48] = {};
-  std::swprintf(text, 48, L"%08x-%04x-%04x-%08x-%08x", guid.Data1, static_cast<unsigned>(guid.Data2),
-                static_cast<unsigned>(guid.Data3), LittleEndian32(guid.Data4), LittleEndian32(guid.Data4 + 4));
-  return text;
-}
+// The smallest ring the writer uses: the pool's length field, a header and
+// a seek record.
+constexpr DWORD kMinRingBytes = KxDataFifoPool::kRecordLengthBytes + sizeof(CacheHeader) + sizeof(CacheSeek);
 
 }  // namespace
 
+CWriteCache::CWriteCache(CClient& client)
+    : m_client(client), m_hCacheIdle(CreateEventW(nullptr, TRUE, TRUE, nullptr)) {}
+
+CWriteCache::~CWriteCache() { End(); }
+
 // ---- Set-up and stop ----------------------------------------------------------
 
-int KxFileEx::SetUpCache() {
+int CWriteCache::SetUp(QLCT_FIlEACCESSINFO_ST& info, const CComBSTR& strFileName, const GUID& guid, HANDLE hFile) {
   int result = 1;
   // After a close the old cache has ended already. A file opened without
   // closing the previous one ends the old cache without draining it, since
   // its records belong to the previous file.
-  CacheAbort();
-  delete m_pPool;
-  m_pPool = nullptr;
+  End();
 
-  qlt::pool::CacheRequest request = qlt::pool::LookUpCacheRequest(m_bstrFileName);
-  if (request.bFound && request.dwRequest != 0) m_info.nCacheMode = 3;
-  if (m_info.nCacheMode == 0 || m_info.nOpMode != 2) return result;
+  qlt::pool::CacheRequest request = qlt::pool::LookUpCacheRequest(strFileName);
+  if (request.bFound && request.dwRequest != 0) info.nCacheMode = 3;
+  if (info.nCacheMode == 0 || info.nOpMode != 2) return result;
 
   // Ring sizes that cannot work are refused before anything is made: a
   // ring must hold a header and a seek record, and the pool takes no ring
   // of 2 GiB or more.
-  for (DWORD nRing : {m_info.dwMemoryPoolSize, m_info.dwWriteCacheSize}) {
+  for (DWORD nRing : {info.dwMemoryPoolSize, info.dwWriteCacheSize}) {
     if (nRing < kMinRingBytes || nRing > static_cast<DWORD>(INT32_MAX)) {
       SetLastError(ERROR_INVALID_PARAMETER);
       return 0;
     }
   }
   std::wstring folder = request.cDrive ? std::wstring(1, request.cDrive) + L":\\" : std::wstring(CacheDriveRoot);
-  folder += GuidText(m_guid);
+  folder += GuidText(guid, L"-");
   BSTR bstrFolder = SysAllocString(folder.c_str());
   if (!bstrFolder) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
-  SysFreeString(m_info.bstrDiskPoolPath);
-  m_info.bstrDiskPoolPath = bstrFolder;
+  SysFreeString(info.bstrDiskPoolPath);
+  info.bstrDiskPoolPath = bstrFolder;
 
   m_pPool = new (std::nothrow) KxDataFifoPool;
   if (!m_pPool) {
@@ -105,10 +93,10 @@ int KxFileEx::SetUpCache() {
     result = 0;
   };
   SetLastError(NO_ERROR);
-  if (m_info.nCacheMode != 1) {
+  if (info.nCacheMode != 1) {
     step(m_pPool->SetBufferingMode(1) >= 1);
     try {
-      step(m_pPool->SetDiskPoolProps(folder, m_info.dwDiskPoolSize) > 0);
+      step(m_pPool->SetDiskPoolProps(folder, info.dwDiskPoolSize) > 0);
     } catch (const std::bad_alloc&) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       step(false);
@@ -117,68 +105,80 @@ int KxFileEx::SetUpCache() {
     step(m_pPool->SetBufferingMode(0) > 0);
   }
   SetLastError(NO_ERROR);
-  step(m_pPool->SetFifoOpMode(m_info.nOpMode) >= 1);
-  step(m_pPool->SetMemoryPoolSize(m_info.dwMemoryPoolSize) >= 1);
-  step(m_pPool->SetWriteCacheSize(m_info.dwWriteCacheSize) >= 1);
+  step(m_pPool->SetFifoOpMode(info.nOpMode) >= 1);
+  step(m_pPool->SetMemoryPoolSize(info.dwMemoryPoolSize) >= 1);
+  step(m_pPool->SetWriteCacheSize(info.dwWriteCacheSize) >= 1);
   step(m_pPool->StartFifo() != 0);
-  DWORD nSmaller =
-      m_info.dwMemoryPoolSize < m_info.dwWriteCacheSize ? m_info.dwMemoryPoolSize : m_info.dwWriteCacheSize;
-  m_nCacheRecordMax = nSmaller > static_cast<DWORD>(INT32_MAX) ? INT32_MAX - kRecordLengthBytes
-                                                               : static_cast<int>(nSmaller) - kRecordLengthBytes;
-  m_nCacheFileTag = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(m_hFile));
+  m_nRecordMax = KxDataFifoPool::LargestPayload(info.dwMemoryPoolSize, info.dwWriteCacheSize);
+  m_nFileTag = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(hFile));
 
   if (result != 0) {
-    ResetEvent(m_hCacheIdle);
-    m_hCacheThread = CreateThread(nullptr, 0, &KxFileEx::CacheThreadMain, this, 0, nullptr);
+    ResetEvent(m_hCacheIdle.Get());
+    m_hCacheThread.Reset(CreateThread(nullptr, 0, &CWriteCache::ThreadMain, this, 0, nullptr));
     if (!m_hCacheThread) {
       // No thread will set the event: set it here so no stop waits for ever.
-      SetEvent(m_hCacheIdle);
+      SetEvent(m_hCacheIdle.Get());
       step(false);
     }
   }
   if (result == 0) {
     // A failed cache ends here, and so does its folder.
-    CacheAbort();
-    delete m_pPool;
-    m_pPool = nullptr;
-    ::RemoveDirectoryW(m_info.bstrDiskPoolPath);
+    End();
+    ::RemoveDirectoryW(info.bstrDiskPoolPath);
     SetLastError(err);
   }
   return result;
 }
 
-void KxFileEx::CacheStop() {
+void CWriteCache::Stop() {
   if (m_hCacheThread) {
-    WaitForSingleObject(m_hCacheThread, INFINITE);
-    ::CloseHandle(m_hCacheThread);  // the thread has ended: this joins it
-    m_hCacheThread = nullptr;
+    WaitForSingleObject(m_hCacheThread.Get(), INFINITE);
+    m_hCacheThread.Reset();  // the thread has ended: this joins it
   }
-  WaitForSingleObject(m_hCacheIdle, INFINITE);
+  WaitForSingleObject(m_hCacheIdle.Get(), INFINITE);
   if (m_pPool) m_pPool->StopFifo();
 }
 
-void KxFileEx::CacheAbort() {
+void CWriteCache::Abort() {
   if (m_pPool) m_pPool->StopFifo();  // a waiting cache thread gets the end at once
-  CacheStop();
+  Stop();
+}
+
+void CWriteCache::Drain() {
+  if (!m_pPool) return;
+  m_pPool->WriteBuffer(nullptr, 0);
+  Stop();
+}
+
+void CWriteCache::End() {
+  if (!m_pPool) return;
+  Abort();
+  delete m_pPool;
+  m_pPool = nullptr;
+}
+
+void CWriteCache::ResetFailure() {
+  m_bCacheFailed.store(false, std::memory_order_relaxed);
+  m_dwCacheError = 0;
 }
 
 // ---- Queuing (host thread) -------------------------------------------------------
 
-BOOL KxFileEx::Queue(const void* pBuffer, int nLength) {
+BOOL CWriteCache::Queue(const void* pBuffer, int nLength) {
   if (!m_pPool) return 0;
   if (nLength < 1) return 1;
   return m_pPool->WriteBuffer(pBuffer, nLength);
 }
 
-bool KxFileEx::QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData) {
-  if (!m_pPool || m_nCacheRecordMax < static_cast<int>(sizeof(CacheSeek))) return false;
+bool CWriteCache::QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData) {
+  if (!m_pPool || m_nRecordMax < static_cast<int>(sizeof(CacheSeek))) return false;
   // A write longer than one record goes as several; the user data rides on
   // the last, so it is recorded once all the bytes are in the file.
   DWORD nLeft = nLength;
   do {
-    DWORD nPart = nLeft > static_cast<DWORD>(m_nCacheRecordMax) ? static_cast<DWORD>(m_nCacheRecordMax) : nLeft;
+    DWORD nPart = nLeft > static_cast<DWORD>(m_nRecordMax) ? static_cast<DWORD>(m_nRecordMax) : nLeft;
     nLeft -= nPart;
-    CacheHeader header{kTypeData, nLeft == 0 ? dwUserData : 0, static_cast<int32_t>(nPart), m_nCacheFileTag};
+    CacheHeader header{kTypeData, nLeft == 0 ? dwUserData : 0, static_cast<int32_t>(nPart), m_nFileTag};
     // The data goes only behind an accepted header, so the thread never
     // takes one record for another.
     if (!Queue(&header, sizeof header) || !Queue(pData, static_cast<int>(nPart))) return false;
@@ -187,19 +187,27 @@ bool KxFileEx::QueueWrite(const BYTE* pData, DWORD nLength, DWORD dwUserData) {
   return true;
 }
 
-bool KxFileEx::QueueSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod) {
-  CacheHeader header{kTypeSeek, 0, static_cast<int32_t>(sizeof(CacheSeek)), m_nCacheFileTag};
-  CacheSeek seek{1, 0, liDistance.u.LowPart, liDistance.u.HighPart, dwMoveMethod, 0};
+bool CWriteCache::QueueSeek(uint64_t nTarget) {
+  LARGE_INTEGER distance{};
+  distance.QuadPart = static_cast<LONGLONG>(nTarget);
+  CacheHeader header{kTypeSeek, 0, static_cast<int32_t>(sizeof(CacheSeek)), m_nFileTag};
+  CacheSeek seek{1, 0, distance.u.LowPart, distance.u.HighPart, FILE_BEGIN, 0};
   return Queue(&header, sizeof header) && Queue(&seek, sizeof seek);
 }
 
 // ---- The cache thread ------------------------------------------------------------
 
-DWORD WINAPI KxFileEx::CacheThreadMain(LPVOID pWriter) { return static_cast<KxFileEx*>(pWriter)->RunCacheThread(); }
+DWORD WINAPI CWriteCache::ThreadMain(LPVOID pCache) { return static_cast<CWriteCache*>(pCache)->Run(); }
 
-DWORD KxFileEx::RunCacheThread() {
+void CWriteCache::NoteFailure(DWORD dwError) {
+  if (m_bCacheFailed.load(std::memory_order_relaxed)) return;
+  m_dwCacheError = dwError != NO_ERROR ? dwError : ERROR_WRITE_FAULT;
+  m_bCacheFailed.store(true, std::memory_order_release);
+}
+
+DWORD CWriteCache::Run() {
   if (!m_pPool) {
-    SetEvent(m_hCacheIdle);
+    SetEvent(m_hCacheIdle.Get());
     return 0;
   }
   bool bEnded = false;                    // the end of the data was reached
@@ -219,41 +227,17 @@ DWORD KxFileEx::RunCacheThread() {
       if (nLength != static_cast<int>(sizeof header)) break;
       if (header.nType == kTypeData) {
         if (header.nLength > 0) HandleDataRecord(header.nLength, buffer);
-        if (header.dwUserData != 0) {
-          CAutoLock lock(&m_csUserData);
-          m_userData.Add(header.dwUserData);
-        }
+        if (header.dwUserData != 0) m_client.CacheUserData(header.dwUserData);
       } else if (header.nType == kTypeSeek) {
         CacheSeek seek{};
         if (!m_pPool->ReadBuffer(&seek, nLength) || nLength != static_cast<int>(sizeof seek)) break;
-        // The writer's current handle: a retry on this thread may have
-        // replaced the one the record was queued with.
-        LARGE_INTEGER distance{}, newPos{};
+        // The writer seeks its current handle: a retry on this thread may
+        // have replaced the one the record was queued with.
+        LARGE_INTEGER distance{};
         distance.u.LowPart = seek.dwLow;
         distance.u.HighPart = seek.nHigh;
-        BOOL bOk;
-        if (seek.bExtended) {
-          bOk = ::SetFilePointerEx(m_hFile, distance, &newPos, seek.dwMethod);
-        } else {
-          LONG nHigh = seek.nHigh;
-          DWORD nLow = ::SetFilePointer(m_hFile, static_cast<LONG>(seek.dwLow), &nHigh, seek.dwMethod);
-          bOk = !(nLow == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR);
-          newPos.u.LowPart = nLow;
-          newPos.u.HighPart = nHigh;
-        }
-        if (bOk) {
-          m_nGoodPos = m_nPhysPos = static_cast<uint64_t>(newPos.QuadPart);
-          if (m_nPhysPos > m_nExtent) m_nExtent = m_nPhysPos;
-        } else {
-          // Later writes would land in the wrong place: the close reports it.
-          NoteCacheFailure(GetLastError());
-          if (SdkSettings.LogFileOn != 0) {
-            WriteErrorLogEntry(m_errorLog, m_strPath, "\n    seek file pos :   ",
-                               (L"Mov pos :" + std::to_wstring(distance.QuadPart) + L"   new pos " +
-                                std::to_wstring(newPos.QuadPart) + L": \n")
-                                   .c_str());
-          }
-        }
+        // Later writes would land in the wrong place: the close reports it.
+        if (!m_client.CacheSeek(distance, seek.dwMethod)) NoteFailure(GetLastError());
       }
     }
   } catch (const std::bad_alloc&) {
@@ -265,7 +249,7 @@ DWORD KxFileEx::RunCacheThread() {
     // memory for its buffer): the rest of the queue can no longer be written
     // in order. Later writes fail, the close reports the loss, and the queue
     // is emptied here so a host waiting for room in the pool goes on.
-    NoteCacheFailure(dwEndError);
+    NoteFailure(dwEndError);
     try {
       for (;;) {
         LONG nRest = 0;
@@ -274,12 +258,12 @@ DWORD KxFileEx::RunCacheThread() {
     } catch (...) {
     }
   }
-  RefreshStatus();
-  SetEvent(m_hCacheIdle);
+  m_client.CacheEnded();
+  SetEvent(m_hCacheIdle.Get());
   return 1;
 }
 
-void KxFileEx::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer) {
+void CWriteCache::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer) {
   bool bGrown = true;
   if (static_cast<size_t>(nHeaderLength) > buffer.size()) {
     try {
@@ -300,10 +284,10 @@ void KxFileEx::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer
     try {
       DWORD nAll = n1 + n2;
       if (n2 == 0) {
-        bWritten = BlockWrite(m_hFile, p1, n1) == nAll;
+        bWritten = m_client.CacheBlockWrite(p1, n1) == nAll;
       } else if (bGrown && nAll <= buffer.size()) {
         CRingStream::CopyPieces(buffer.data(), p1, n1, p2, n2);
-        bWritten = BlockWrite(m_hFile, buffer.data(), nAll) == nAll;
+        bWritten = m_client.CacheBlockWrite(buffer.data(), nAll) == nAll;
       } else {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       }
@@ -319,34 +303,8 @@ void KxFileEx::HandleDataRecord(int32_t nHeaderLength, std::vector<BYTE>& buffer
   if (!bWritten) {
     if (err == ERROR_NOT_ENOUGH_MEMORY && SdkSettings.LogFileOn != 0) {
       SetLastError(err);
-      WriteErrorLogEntry(m_errorLog, m_strPath, "\n    write file  :   ",
-                         (L"To write bytes :" + std::to_wstring(nHeaderLength) + L"   written bytes 0: \n").c_str());
+      m_client.CacheLogEntry(WriteFailedEntry(nHeaderLength, 0));
     }
-    NoteCacheFailure(err);
+    NoteFailure(err);
   }
-}
-
-// ---- The registry of files being written ------------------------------------------
-
-bool KxFileEx::CRegistryEntry::CopyStatus(QLCT_POOL_STATUS_ST* pOut) {
-  CAutoLock lock(&m_pWriter->m_csStatus);
-  const KxWriterStatus& status = m_pWriter->m_status;
-  pOut->bstrFileName = status.bstrFileName.Copy();
-  if (!pOut->bstrFileName && status.bstrFileName.m_str) return false;
-  pOut->dwFound = 0;
-  pOut->nFileLength = status.nFileLength;
-  pOut->nPendingBytes = status.nPendingBytes;
-  pOut->dwEstimateMs = static_cast<DWORD>(status.nEstimateMs);
-  return true;
-}
-
-void KxFileEx::EnterRegistry() {
-  RefreshStatus();
-  if (!m_bRegistered) m_bRegistered = qlt::pool::RegisterWriter(&m_registryEntry) == 1;
-}
-
-void KxFileEx::LeaveRegistry() {
-  if (!m_bRegistered) return;
-  qlt::pool::UnregisterWriter(&m_registryEntry);
-  m_bRegistered = false;
 }

@@ -18,6 +18,7 @@
 
 #include "companions/logbook/logbook_api.h"
 #include "diagnostics/error_code_register.h"
+#include "diagnostics/error_entries.h"
 #include "diagnostics/error_log.h"
 #include "diagnostics/module_paths.h"
 #include "diagnostics/sdk_settings.h"
@@ -178,6 +179,43 @@ TEST_F(DiagnosticsTest, ErrorEntriesAreThreeLinesAppendedToNewestFileOfFamily) {
   WriteSeekEntry();
   ExpectEntries(log + ".txt", "", 2);
   ExpectEntries(log + "[12].txt", big, 1);
+}
+
+// The entries no component test reads back: their bytes are what readers
+// of the log match on, so each is pinned here; a title without a detail
+// puts the last error on the title's line.
+TEST_F(DiagnosticsTest, EventEntriesKeepTheirTextsByteForByte) {
+  const struct {
+    CErrorLogEntry entry;
+    const char* title;
+    const wchar_t* detail;
+  } cases[] = {
+      {WriteFailedEntry(1000, 7), "\n    write file  :   ", L"To write bytes :1000   written bytes 7: \n"},
+      {ReadFailedEntry(10, 0), "\n    read file  :   ", L"To read bytes :10   readed bytes 0: \n"},
+      {SeekFailedEntry(-5, 0), "\n    seek file pos :   ", L"Mov pos :-5   new pos 0: \n"},
+      {SeekBeforeReadFailedEntry(5100, 0), "\n    seek file pos when read:   ", L"Mov pos :5100   new pos 0: \n"},
+      {RetrySeekFailedEntry(0, 4096), "\n    seek file pos when writeretry:   ", L"Mov pos :0   new pos 4096: \n"},
+      {SeekExceptionEntry(8589934592, 0), "\n    seek file pos exception :   ", L"Mov pos :8589934592   new pos 0: \n"},
+      {ReadExceptionEntry(10, 3), "\n    read file exception  :   ", L"To read bytes :10   readed bytes 3: \n"},
+      {AccessSeekExceptionEntry(4096, 0), "\n  seek file pos Exception :   ", L"Mov pos :4096   new pos 0: \n"},
+      {AccessReadExceptionEntry(262144, 0), "\n    read file  exception :   ", L"To read bytes :262144   readed bytes 0: \n"},
+      {AccessWriteExceptionEntry(1000, 0), "\n    write file exception   :   ", L"To write bytes :1000   written bytes 0: \n"},
+      {VirtualSizeEntry(12), "\n    Get file size:   ", L"size :12   \n"},
+      {VirtualShortReadEntry(100, -1), "\n    read file :   ", L"size to read  :100  real size  :-1  \n"},
+      {VirtualSeekMissedEntry(70, 64), "\n   mov file postion :   ", L"position to mov  :70 new  position :64  \n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_STREQ(c.entry.pszTitle, c.title);
+    EXPECT_EQ(c.entry.strDetail, c.detail) << c.title;
+  }
+  SdkSettings.LogFileOn = 1;
+  ASSERT_TRUE(std::filesystem::create_directories(m_dir.path() + "/sdk-log/ErrorLog"));
+  SetLastError(5);
+  WriteErrorLogEntry(m_log, L"C:\\v.dat", VirtualOpenFailedEntry());
+  const std::vector<std::string> lines = Lines(m_dir.path() + "/sdk-log/ErrorLog/ErrorLogFileForTarnwell.txt");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "    open file fail!   GetLastError :  5\r");
+  EXPECT_EQ(GetLastError(), 5u);
 }
 
 TEST_F(DiagnosticsTest, ReportsReachRegisterFoundByNameAndItsAbsenceIsHarmless) {

@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "platform/guid_text.h"
 #include "platform/platform.h"
 #include "tests/support/temp_dir.h"
 
@@ -131,6 +132,18 @@ TEST(PlatformTextTest, GuidsAreUnique) {
     seen.insert(std::string(reinterpret_cast<const char*>(&g), sizeof(g)));
   }
   EXPECT_EQ(seen.size(), 100u);
+}
+
+// Cache folders and overflow files are named by this text: Data4's halves
+// are little-endian numbers, not bytes in order.
+TEST(PlatformTextTest, GuidTextReadsData4AsTwoLittleEndianHalves) {
+  const GUID g{0x01234567, 0x89ab, 0x0def, {0x10, 0x32, 0x54, 0x76, 0x98, 0xba, 0xdc, 0xfe}};
+  EXPECT_EQ(GuidText(g, L"-"), L"01234567-89ab-0def-76543210-fedcba98");
+  EXPECT_EQ(GuidText(g, L""), L"0123456789ab0def76543210fedcba98");
+  uint8_t bytes[4];
+  StoreLe32(bytes, 0x76543210);
+  EXPECT_EQ(LoadLe32(bytes), 0x76543210u);
+  EXPECT_EQ(bytes[0], 0x10);
 }
 
 TEST(PlatformTextTest, ModulesByWindowsName) {

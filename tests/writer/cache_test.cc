@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <new>
 #include <random>
+#include <regex>
 
 #include "tests/writer/writer_test_util.h"
 
@@ -68,12 +69,17 @@ class WriteCacheTest : public WriterTest {
     QltSetDrive(L'R', L"", DRIVE_UNKNOWN);
     WriterTest::TearDown();
   }
-  // Cache folders on drive Q and drive R, as a two-digit number.
+  // Cache folders on drive Q and drive R, as a two-digit number; each is
+  // named by the writer's GUID text.
   size_t Folders() const {
     size_t n = 0;
+    const std::regex guidText("[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{8}-[0-9a-f]{8}");
     for (const char* dir : {"drive-Q", "drive-R"})
-      for (const auto& entry : fs::directory_iterator(m_dir.file(dir)))
-        n += entry.is_directory() ? (dir[6] == 'Q' ? 10 : 1) : 0;
+      for (const auto& entry : fs::directory_iterator(m_dir.file(dir))) {
+        if (!entry.is_directory()) continue;
+        EXPECT_TRUE(std::regex_match(entry.path().filename().string(), guidText)) << entry.path();
+        n += dir[6] == 'Q' ? 10 : 1;
+      }
     return n;
   }
   std::wstring m_savedRoot;
