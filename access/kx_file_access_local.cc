@@ -61,60 +61,43 @@ void KxFileAccessLocal::LogEntry(const char* title, const wchar_t* detail) {
 }
 
 int KxFileAccessLocal::OpenFile(CComBSTR strPath, DWORD nMode) {
-  try {
-    CloseFile();
-    m_nShortWrites = 0;
-    m_nDiskPos = m_nLogicalPos = m_nReadCacheStart = 0;
-    m_nReadCacheLen = 0;
-    m_bStopWorker.store(0);
-    m_nAccessMode = nMode;
-    if (strPath.Length() == 0) return 0;
-    DWORD nAccess, nDisposition, nFlags = FILE_ATTRIBUTE_NORMAL;
-    if (nMode == 1) {
-      nAccess = GENERIC_READ;
-      nDisposition = OPEN_EXISTING;
-      if (SdkSettings.ReadMode == 1) nFlags |= FILE_FLAG_NO_BUFFERING;
-    } else if (nMode == 2) {
-      nAccess = GENERIC_READ | GENERIC_WRITE;
-      nDisposition = CREATE_ALWAYS;
-    } else {
-      return 0;
-    }
-    m_strPath.assign(strPath.m_str, strPath.Length());
-    m_bUnbuffered = (nFlags & FILE_FLAG_NO_BUFFERING) != 0;
-    m_hFile = CreateFileW(m_strPath.c_str(), nAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, nDisposition, nFlags,
-                          nullptr);
-    m_nFileLength = 0;
-    if (HasFile()) {
-      LARGE_INTEGER size;
-      if (GetFileSizeEx(m_hFile, &size)) m_nFileLength = static_cast<ULONGLONG>(size.QuadPart);
-    }
-    AsyncOnOpen(nMode);
-    return HasFile() ? 1 : 0;
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  } catch (...) {
+  CloseFile();
+  m_nShortWrites = 0;
+  m_nDiskPos = m_nLogicalPos = m_nReadCacheStart = 0;
+  m_nReadCacheLen = 0;
+  m_bStopWorker.store(0);
+  m_nAccessMode = nMode;
+  if (strPath.Length() == 0) return 0;
+  DWORD nAccess, nDisposition, nFlags = FILE_ATTRIBUTE_NORMAL;
+  if (nMode == 1) {
+    nAccess = GENERIC_READ;
+    nDisposition = OPEN_EXISTING;
+    if (SdkSettings.ReadMode == 1) nFlags |= FILE_FLAG_NO_BUFFERING;
+  } else if (nMode == 2) {
+    nAccess = GENERIC_READ | GENERIC_WRITE;
+    nDisposition = CREATE_ALWAYS;
+  } else {
     return 0;
   }
+  m_strPath.assign(strPath.m_str, strPath.Length());
+  m_bUnbuffered = (nFlags & FILE_FLAG_NO_BUFFERING) != 0;
+  m_hFile = CreateFileW(m_strPath.c_str(), nAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, nDisposition, nFlags,
+                        nullptr);
+  m_nFileLength = 0;
+  if (HasFile()) {
+    LARGE_INTEGER size;
+    if (GetFileSizeEx(m_hFile, &size)) m_nFileLength = static_cast<ULONGLONG>(size.QuadPart);
+  }
+  AsyncOnOpen(nMode);
+  return HasFile() ? 1 : 0;
 }
 
 int KxFileAccessLocal::EnableAsyncWrite(int bEnable, int nBufferSize) {
-  try {
-    return AsyncEnable(false, bEnable, nBufferSize, HasFile(), m_nAccessMode);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  return AsyncEnable(false, bEnable, nBufferSize, HasFile(), m_nAccessMode);
 }
 
 int KxFileAccessLocal::EnableAsyncRead(int bEnable, int nBufferSize) {
-  try {
-    return AsyncEnable(true, bEnable, nBufferSize, HasFile(), m_nAccessMode);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  return AsyncEnable(true, bEnable, nBufferSize, HasFile(), m_nAccessMode);
 }
 
 void KxFileAccessLocal::ResumeAt(__int64 nFilePos) { SyncSetPosition(nFilePos, false); }
@@ -144,9 +127,9 @@ int KxFileAccessLocal::Read(BYTE* pBuffer, int nCount) {
     }
     return DirectRead(pBuffer, nCount);
   } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    // Logged here, where the operation is known; the facade sets the last error.
     LogEntry(kReadExceptionTitle, CountDetail(L"To read bytes :%lld   readed bytes %lld: \n", nCount, 0).c_str());
-    return 0;
+    throw;
   }
 }
 
@@ -201,9 +184,9 @@ int KxFileAccessLocal::SetPosition(__int64 nPos) {
     }
     return SyncSetPosition(nPos, false);
   } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    // Logged here, where the operation is known; the facade sets the last error.
     LogEntry(kSeekExceptionTitle, MoveDetail(nPos, 0).c_str());
-    return 0;
+    throw;
   }
 }
 
@@ -213,9 +196,9 @@ int KxFileAccessLocal::Write(const BYTE* pBuffer, int nCount) {
     if (IsAsyncActive()) return AsyncWrite(pBuffer, nCount);
     return DirectWrite(pBuffer, nCount);
   } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    // Logged here, where the operation is known; the facade sets the last error.
     LogEntry(kWriteExceptionTitle, CountDetail(L"To write bytes :%lld   written bytes %lld: \n", nCount, 0).c_str());
-    return 0;
+    throw;
   }
 }
 
