@@ -17,11 +17,11 @@ namespace {
 constexpr DWORD kFtpSource = 16;
 
 // The back-end for a facade that has none yet; null for a mode that opens
-// nothing on a plain path, or when memory runs out.
+// nothing on a plain path. Throws std::bad_alloc when memory runs out.
 KxFileAccessBase* SelectBackEnd(LPCWSTR path, DWORD nMode) {
-  if (QltIsVirtualStoragePath(path)) return new (std::nothrow) kxVirtualFile();
-  if (nMode == ACCESS_MODE_READ) return new (std::nothrow) CEasyFileAccess();
-  if (nMode == ACCESS_MODE_WRITE) return new (std::nothrow) KxFileAccessLocal();
+  if (QltIsVirtualStoragePath(path)) return new kxVirtualFile();
+  if (nMode == ACCESS_MODE_READ) return new CEasyFileAccess();
+  if (nMode == ACCESS_MODE_WRITE) return new KxFileAccessLocal();
   return nullptr;
 }
 
