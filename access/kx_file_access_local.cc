@@ -15,7 +15,6 @@
 namespace {
 
 constexpr __int64 kAlign = 4096;
-constexpr int kDefaultBlock = 262144;
 constexpr DWORD kMaxBlock = 1u << 30;
 
 const char kSeekTitle[] = "\n    seek file pos :   ";
@@ -274,7 +273,7 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
   }
 
   __int64 nBlock = SdkSettings.ReadBufSize;
-  if (nBlock < 1) nBlock = kDefaultBlock;
+  if (nBlock < 1) nBlock = kDefaultReadBufSize;
   if (m_bUnbuffered && nBlock % kAlign != 0) nBlock += kAlign - nBlock % kAlign;
 
   // Whole blocks the caller asked for go straight into its buffer when the

@@ -91,7 +91,7 @@ BOOL CDataFifoMan::StartRun() {
   m_bEndOfData.store(false);
   m_nPendingMoves.store(0);
   m_nDiskState.store(0);
-  if (m_nMemoryPoolSize < 4) return FALSE;  // not even a record's length would fit
+  if (m_nMemoryPoolSize < kRecordPrefixBytes) return FALSE;  // not even a record's length would fit
   if (m_nBufferingMode.load() == 1 && m_nMemoryPoolSize <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
 
   m_pMemoryPool = new CRingStream(L"WriteMemory");  // bad_alloc: see StartFifo
@@ -159,9 +159,9 @@ void CDataFifoMan::StopFifo() {
 
 bool CDataFifoMan::WriteRecordToRing(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
   LONG nTotal = nLen + nRest;
-  LONG nHead = 4;
+  LONG nHead = kRecordPrefixBytes;
   m_pMemoryPool->WriteData(&nTotal, nHead);  // native little-endian length
-  if (!m_bRunning.load() || nHead != 4) return false;
+  if (!m_bRunning.load() || nHead != kRecordPrefixBytes) return false;
   LONG nBody = nLen;
   m_pMemoryPool->WriteData(pPayload, nBody);
   if (!m_bRunning.load() || nBody != nLen) return false;
@@ -233,13 +233,13 @@ LONG CDataFifoMan::RecordRoomNow() {
   if (!m_bRunning.load() || m_nBufferingMode.load(std::memory_order_relaxed) != 0 ||
       m_nDiskState.load(std::memory_order_acquire) != 0)
     return -1;
-  return m_pMemoryPool->FreeSpace() - 4;
+  return m_pMemoryPool->FreeSpace() - kRecordPrefixBytes;
 }
 
 void CDataFifoMan::WriteMemoryFirst(const void* pPayload, LONG nLen) {
   // Only this producer adds data while the disk state is 0 (no file exists,
   // so the mover is idle), so the free space can only grow after the test.
-  if (m_pMemoryPool->FreeSpace() - 4 > nLen) {  // no sum: nLen may be near the signed limit
+  if (m_pMemoryPool->FreeSpace() - kRecordPrefixBytes > nLen) {  // no sum: nLen may be near the signed limit
     WriteRecordToRing(pPayload, nLen);
     return;
   }
@@ -318,10 +318,10 @@ BOOL CDataFifoMan::ReadRecord(LONG& nLen, CRingStream::PieceVisitor pVisit, void
       LeaveDiskStateIfDrainedLocked();
     }
   }
-  LONG nHead = 4;
+  LONG nHead = kRecordPrefixBytes;
   LONG nStored = 0;
   m_pMemoryPool->ReadData(&nStored, nHead);
-  if (!m_bRunning.load() || nHead != 4) {
+  if (!m_bRunning.load() || nHead != kRecordPrefixBytes) {
     nResult = -1;
   } else {
     nResult = nStored;

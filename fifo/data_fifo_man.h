@@ -35,6 +35,9 @@
 #include "fifo/worker_thread.h"
 #include "platform/platform.h"
 
+// Bytes of a record's length prefix, in the rings and in overflow files alike.
+constexpr LONG kRecordPrefixBytes = 4;
+
 class CDataFifoMan {
  public:
   static constexpr DWORD kDefaultMemoryPoolSize = 0x2000000;  // 32 MiB

@@ -34,7 +34,7 @@ class FacadeTest : public ::testing::Test {
   }
   void TearDown() override {
     if (m_pfnSetRoot) m_pfnSetRoot(nullptr);
-    SdkSettings.ReadBufSize = 262144;
+    SdkSettings.ReadBufSize = kDefaultReadBufSize;
   }
   CComBSTR P(const std::string& name) const { return CComBSTR(m_dir.wpath(name).c_str()); }
 
