@@ -7,6 +7,8 @@
 #include <memory>
 #include <new>
 
+#include "fifo/producer_guard.h"
+
 namespace {
 
 bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
@@ -135,7 +137,7 @@ void CDataFifoMan::StopFifo() {
   m_mover.Join();
   // A producer still inside WriteBuffer returns without waiting on anything
   // now (the ring is closed, the mover gone); let it leave.
-  while (m_nProducersInside.load() > 0) Sleep(1);
+  CProducerGuard::WaitUntilNoneInside(m_nProducersInside);
   {
     CAutoLock lockRead(&m_csRead);  // the released consumer has left the ring
     m_nRingCapacity.store(0, std::memory_order_release);
@@ -181,11 +183,7 @@ BOOL CDataFifoMan::WriteBufferPieces(const void* pPayload, LONG nLen, const void
 BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
   if (pPayload && nLen < 0) return FALSE;
   // Announce this producer before testing m_bRunning (see its comment).
-  m_nProducersInside.fetch_add(1);
-  struct Leave {
-    std::atomic<int>& n;
-    ~Leave() { n.fetch_sub(1); }
-  } leave{m_nProducersInside};
+  CProducerGuard inside(m_nProducersInside);
   if (!m_bRunning.load()) return FALSE;
 
   if (!pPayload) {
@@ -218,11 +216,7 @@ BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LON
 
 BOOL CDataFifoMan::TryWriteBuffer(const void* pPayload, LONG nLen) {
   if (!pPayload || nLen < 0) return FALSE;
-  m_nProducersInside.fetch_add(1);
-  struct Leave {
-    std::atomic<int>& n;
-    ~Leave() { n.fetch_sub(1); }
-  } leave{m_nProducersInside};
+  CProducerGuard inside(m_nProducersInside);
   // The caller is the ring's only writer now, so the free space can only
   // grow between the test and the write: the write cannot wait.
   if (RecordRoomNow() < nLen) return FALSE;

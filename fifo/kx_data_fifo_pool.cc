@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <new>
 
+#include "fifo/producer_guard.h"
+
 KxDataFifoPool::KxDataFifoPool() {
   InitializeCriticalSection(&m_csForward);
   m_fifoMan.SetBufferingMode(0);
@@ -80,11 +82,7 @@ LONG KxDataFifoPool::StartRun() {
 
 LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
   if (pData && nLen < 0) return 0;
-  m_nProducersInside.fetch_add(1);  // announce before testing m_bAccepting
-  struct Leave {
-    std::atomic<int>& n;
-    ~Leave() { n.fetch_sub(1); }
-  } leave{m_nProducersInside};
+  CProducerGuard inside(m_nProducersInside);  // announce before testing m_bAccepting
   if (!m_bAccepting.load() || m_bEndSent.load(std::memory_order_relaxed)) return 0;
   if (!pData) {
     m_bEndSent.store(true, std::memory_order_relaxed);
@@ -130,7 +128,7 @@ LONG KxDataFifoPool::StopFifo() {
   m_cacheThread.Join();
   // A producer still inside WriteBuffer waits on nothing any more (both
   // rings are closed); let it leave before the write cache goes.
-  while (m_nProducersInside.load() > 0) Sleep(1);
+  CProducerGuard::WaitUntilNoneInside(m_nProducersInside);
   if (m_pWriteCache) {
     m_pWriteCache->UninitStream();
     delete m_pWriteCache;
