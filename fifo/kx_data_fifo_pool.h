@@ -21,7 +21,7 @@
 
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_stream.h"
-#include "fifo/worker_thread.h"
+#include "platform/worker_thread.h"
 #include "platform/platform.h"
 
 class KxDataFifoPool {

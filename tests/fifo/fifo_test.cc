@@ -1,4 +1,4 @@
-// The ring, the worker type and the FIFO manager, used directly.
+// The ring and the FIFO manager, used directly.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,7 +10,6 @@
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_memory.h"
 #include "fifo/ring_stream.h"
-#include "fifo/worker_thread.h"
 #include "tests/fifo/fifo_test_util.h"
 #include "tests/support/temp_dir.h"
 
@@ -217,39 +216,6 @@ TEST(RingMemoryTest, ReleasedRegionsAreReusedForTheSameSizeWithinTheStoreBounds)
   ASSERT_NE(pSmall, nullptr);
   qlt::fifo::FreeRingMemory(pSmall, 64);
   qlt::fifo::ReleaseKeptRingMemory();
-}
-
-// A stop request reaches a body that waits on the stop event, as the
-// library's workers do; Join ends it; a thread that cannot start or a body
-// that throws leaves the worker reusable; the destructor stops and joins.
-TEST(WorkerThreadTest, StopReachesAWaitingBodyAndFailuresLeaveTheWorkerReusable) {
-  std::atomic<int> runs{0};
-  {
-    CWorkerThread worker(L"test worker");
-    auto waitingBody = [&] {
-      WaitForSingleObject(worker.StopEvent(), INFINITE);
-      if (worker.StopRequested()) ++runs;
-    };
-    ASSERT_TRUE(worker.Start(waitingBody));
-    EXPECT_FALSE(worker.Start([] {}));  // one thread at a time
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BUSY));
-    worker.RequestStop();
-    worker.Join();
-    EXPECT_FALSE(worker.IsRunning());
-    EXPECT_FALSE(worker.Start(nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    {
-      qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
-      EXPECT_FALSE(worker.Start([&] { runs += 100; }));
-      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
-    }
-    ASSERT_TRUE(worker.Start([] { throw std::runtime_error("body failed"); }));
-    worker.Join();  // the process goes on
-    ASSERT_TRUE(worker.Start(waitingBody));
-    EXPECT_FALSE(worker.StopRequested());  // a new start clears the old request
-    // The destructor stops and joins: without either this hangs or fails under asan.
-  }
-  EXPECT_EQ(runs.load(), 2);  // each waiting body saw its stop request
 }
 
 class DataFifoManTest : public ::testing::Test {
