@@ -8,6 +8,7 @@
 #include <new>
 
 #include "fifo/producer_guard.h"
+#include "platform/contain.h"
 
 namespace {
 
@@ -34,12 +35,7 @@ BOOL CDataFifoMan::SetBufferingMode(LONG nMode) {
   if (nMode == 1 && m_bRunning.load()) {
     if (GetRingCapacity() <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
     // The mover must run before the producer can spill.
-    try {
-      if (!m_mover.IsRunning() && !StartMover()) return FALSE;
-    } catch (const std::bad_alloc&) {
-      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-      return FALSE;
-    }
+    if (!m_mover.IsRunning() && !QltContain<BOOL>(FALSE, [this] { return StartMover(); })) return FALSE;
   }
   m_nBufferingMode.store(nMode, std::memory_order_relaxed);
   return TRUE;
@@ -55,12 +51,7 @@ BOOL CDataFifoMan::SetMemoryPoolSize(DWORD nBytes) {
 }
 
 BOOL CDataFifoMan::SetDiskPath(const std::wstring& strFolder) {
-  try {
-    return SetDiskPathOrThrow(strFolder);
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return FALSE;
-  }
+  return QltContain<BOOL>(FALSE, [&] { return SetDiskPathOrThrow(strFolder); });
 }
 
 BOOL CDataFifoMan::SetDiskPathOrThrow(const std::wstring& strFolder) {
@@ -199,7 +190,8 @@ BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LON
     return TRUE;
   }
   if (nRest > 0) return FALSE;  // the disk paths take one piece
-  try {
+  // Out of memory here means a new overflow file could not be set up.
+  return QltContain<BOOL>(FALSE, [&] {
     if (m_nDiskState.load(std::memory_order_acquire) == 0) {
       WriteMemoryFirst(pPayload, nLen);
     } else {
@@ -207,11 +199,8 @@ BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LON
       // there even when the mode has meanwhile turned to 0.
       WriteToDisk(pPayload, nLen);
     }
-  } catch (const std::bad_alloc&) {  // a new overflow file could not be set up
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return FALSE;
-  }
-  return TRUE;
+    return TRUE;
+  });
 }
 
 BOOL CDataFifoMan::TryWriteBuffer(const void* pPayload, LONG nLen) {
