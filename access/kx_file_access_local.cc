@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "diagnostics/error_log.h"
 #include "diagnostics/sdk_settings.h"

@@ -1,6 +1,5 @@
 #include "qltfsdk/sdkinfo.h"
 
-#include <new>
 #include <string>
 
 #include "diagnostics/module_paths.h"

@@ -1,7 +1,6 @@
 // The exported pool: a facade that forwards to KxDataFifoPool.
 #include "qltfsdk/datafifopool.h"
 
-#include <new>
 #include <string>
 
 #include "fifo/kx_data_fifo_pool.h"

@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <mutex>
 #include <new>
-#include <system_error>
 #include <vector>
 
 #include "platform/internal.h"
