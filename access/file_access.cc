@@ -8,6 +8,7 @@
 #include "access/kx_virtual_file.h"
 #include "diagnostics/virtual_storage.h"
 #include "diagnostics/web_plugin.h"
+#include "platform/contain.h"
 #include "platform/platform.h"
 #include "qltfsdk/fileaccess.h"
 
@@ -16,11 +17,11 @@ namespace {
 constexpr DWORD kFtpSource = 16;
 
 // The back-end for a facade that has none yet; null for a mode that opens
-// nothing on a plain path, or when memory runs out.
+// nothing on a plain path. Throws std::bad_alloc when memory runs out.
 KxFileAccessBase* SelectBackEnd(LPCWSTR path, DWORD nMode) {
-  if (QltIsVirtualStoragePath(path)) return new (std::nothrow) kxVirtualFile();
-  if (nMode == ACCESS_MODE_READ) return new (std::nothrow) CEasyFileAccess();
-  if (nMode == ACCESS_MODE_WRITE) return new (std::nothrow) KxFileAccessLocal();
+  if (QltIsVirtualStoragePath(path)) return new kxVirtualFile();
+  if (nMode == ACCESS_MODE_READ) return new CEasyFileAccess();
+  if (nMode == ACCESS_MODE_WRITE) return new KxFileAccessLocal();
   return nullptr;
 }
 
@@ -41,58 +42,88 @@ QLCT_FileAccess& QLCT_FileAccess::operator=(const QLCT_FileAccess& other) {
 }
 
 int QLCT_FileAccess::Initialize(DWORD nSource) {
-  delete m_pImpl;
-  m_pImpl = nullptr;
-  if (nSource == kFtpSource) m_pImpl = QltNewFtpBackEnd();
-  return 1;
+  return QltContain(0, [&] {
+    delete m_pImpl;
+    m_pImpl = nullptr;
+    if (nSource == kFtpSource) m_pImpl = QltNewFtpBackEnd();
+    return 1;
+  });
 }
 
 int QLCT_FileAccess::LogInHost(CComBSTR strHost, CComBSTR strUser, CComBSTR strPassword, int nPort) {
-  return m_pImpl ? m_pImpl->LogInHost(std::move(strHost), std::move(strUser), std::move(strPassword), nPort) : 0;
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] {
+    return m_pImpl->LogInHost(std::move(strHost), std::move(strUser), std::move(strPassword), nPort);
+  });
 }
 
 int QLCT_FileAccess::OpenFile(CComBSTR strPath, DWORD nMode) {
-  if (!m_pImpl) {
-    m_pImpl = SelectBackEnd(strPath.m_str, nMode);
-    if (!m_pImpl) return 0;
-  }
-  return m_pImpl->OpenFile(std::move(strPath), nMode);
+  return QltContain(0, [&] {
+    if (!m_pImpl) {
+      m_pImpl = SelectBackEnd(strPath.m_str, nMode);
+      if (!m_pImpl) return 0;
+    }
+    return m_pImpl->OpenFile(std::move(strPath), nMode);
+  });
 }
 
-int QLCT_FileAccess::GetAccessMode(DWORD& nMode) { return m_pImpl ? m_pImpl->GetAccessMode(nMode) : 0; }
+int QLCT_FileAccess::GetAccessMode(DWORD& nMode) {
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->GetAccessMode(nMode); });
+}
 
-ULONGLONG QLCT_FileAccess::GetLength() { return m_pImpl ? m_pImpl->GetLength() : 0; }
+ULONGLONG QLCT_FileAccess::GetLength() {
+  if (!m_pImpl) return 0;
+  return QltContain<ULONGLONG>(0, [&] { return m_pImpl->GetLength(); });
+}
 
-__int64 QLCT_FileAccess::GetPosition() { return m_pImpl ? m_pImpl->GetPosition() : 0; }
+__int64 QLCT_FileAccess::GetPosition() {
+  if (!m_pImpl) return 0;
+  return QltContain<__int64>(0, [&] { return m_pImpl->GetPosition(); });
+}
 
-int QLCT_FileAccess::SetPosition(__int64 nPos) { return m_pImpl ? m_pImpl->SetPosition(nPos) : 0; }
+int QLCT_FileAccess::SetPosition(__int64 nPos) {
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->SetPosition(nPos); });
+}
 
 int QLCT_FileAccess::EnableAsyncWrite(int bEnable, int nBufferSize) {
-  return m_pImpl ? m_pImpl->EnableAsyncWrite(bEnable, nBufferSize) : 0;
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->EnableAsyncWrite(bEnable, nBufferSize); });
 }
 
 int QLCT_FileAccess::EnableAsyncRead(int bEnable, int nBufferSize) {
-  return m_pImpl ? m_pImpl->EnableAsyncRead(bEnable, nBufferSize) : 0;
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->EnableAsyncRead(bEnable, nBufferSize); });
 }
 
-int QLCT_FileAccess::SetReadBufferSize(DWORD nSize) { return m_pImpl ? m_pImpl->SetReadBufferSize(nSize) : 0; }
+int QLCT_FileAccess::SetReadBufferSize(DWORD nSize) {
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->SetReadBufferSize(nSize); });
+}
 
-int QLCT_FileAccess::Read(BYTE* pBuffer, int nCount) { return m_pImpl ? m_pImpl->Read(pBuffer, nCount) : 0; }
+int QLCT_FileAccess::Read(BYTE* pBuffer, int nCount) {
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->Read(pBuffer, nCount); });
+}
 
-int QLCT_FileAccess::Write(const BYTE* pBuffer, int nCount) { return m_pImpl ? m_pImpl->Write(pBuffer, nCount) : 0; }
+int QLCT_FileAccess::Write(const BYTE* pBuffer, int nCount) {
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->Write(pBuffer, nCount); });
+}
 
-int QLCT_FileAccess::CloseFile() { return m_pImpl ? m_pImpl->CloseFile() : 0; }
+int QLCT_FileAccess::CloseFile() {
+  if (!m_pImpl) return 0;
+  return QltContain(0, [&] { return m_pImpl->CloseFile(); });
+}
 
 extern "C" int FileIsExist(CComBSTR strPath) {
-  try {
+  return QltContain(0, [&] {
     std::wstring path(strPath.m_str ? strPath.m_str : L"", strPath.Length());
     if (QltIsVirtualStoragePath(path.c_str())) return QltVirtualFileExists(path.c_str());
     std::wstring scheme = QltUrlScheme(path.c_str());
     if (scheme == L"HTTP" || scheme == L"FTP" || scheme == L"OSS" || scheme == L"HTTPS")
       return QltWebFileIsExist(path.c_str());
     return _waccess(path.c_str(), 4) == 0 ? 1 : 0;
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  });
 }

@@ -33,7 +33,7 @@
 
 #include "access/kx_file_access_base.h"
 #include "fifo/ring_stream.h"
-#include "fifo/worker_thread.h"
+#include "platform/worker_thread.h"
 #include "platform/platform.h"
 
 class KxAsyncFileAccess : public KxFileAccessBase {

@@ -22,7 +22,9 @@
 //   FTP back-ends) GetPosition reports the bytes delivered since the mode was
 //   enabled; CloseFile returns only after the back-end's worker has ended,
 //   with every queued byte written (write mode) or dropped (read mode).
-// - No exception leaves an operation.
+// - An exception (out of memory, mostly) may leave an operation; the object
+//   stays destructible. The exported facade turns it into a failure result
+//   and a last error; the object's state after it is that of a failed call.
 //
 // Ownership: the caller of the constructor owns the object and destroys it
 // through the virtual destructor, which closes any open file first.

@@ -47,59 +47,43 @@ int KxFileAccessFtp::LogInHost(CComBSTR strHost, CComBSTR strUser, CComBSTR strP
     m_bConnected = true;
     return 1;
   } catch (...) {
-    Disconnect();
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
+    Disconnect();  // no half-made connection stays behind
+    throw;
   }
 }
 
 int KxFileAccessFtp::OpenFile(CComBSTR strPath, DWORD nMode) {
-  try {
-    CloseFile();
-    if (!m_bConnected) {
-      SetLastError(QLT_ERROR_FTP_CANNOT_CONNECT);
-      return 0;
-    }
-    std::wstring path = Text(strPath);
-    if (!path.empty() && (path[0] == L'/' || path[0] == L'\\')) path.erase(0, 1);
-    m_bstrPath = path.c_str();
-    m_bStopWorker.store(0);
-    m_nAccessMode = nMode;
-    m_bUploadFailed.store(false, std::memory_order_relaxed);
-    if (nMode == 1) {
-      ULONGLONG size = 0;
-      if (!m_session.OpenRead(path, &size)) return 0;
-      m_nFileLength = size;
-    } else if (nMode == 2) {
-      if (!m_session.OpenWrite(path)) return 0;
-    } else {
-      return 1;  // other modes open nothing; a worker made before waits on
-    }
-    m_bFileOpen = true;
-    AsyncOnOpen(nMode);
-    return 1;
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  CloseFile();
+  if (!m_bConnected) {
+    SetLastError(QLT_ERROR_FTP_CANNOT_CONNECT);
     return 0;
   }
+  std::wstring path = Text(strPath);
+  if (!path.empty() && (path[0] == L'/' || path[0] == L'\\')) path.erase(0, 1);
+  m_bstrPath = path.c_str();
+  m_bStopWorker.store(0);
+  m_nAccessMode = nMode;
+  m_bUploadFailed.store(false, std::memory_order_relaxed);
+  if (nMode == 1) {
+    ULONGLONG size = 0;
+    if (!m_session.OpenRead(path, &size)) return 0;
+    m_nFileLength = size;
+  } else if (nMode == 2) {
+    if (!m_session.OpenWrite(path)) return 0;
+  } else {
+    return 1;  // other modes open nothing; a worker made before waits on
+  }
+  m_bFileOpen = true;
+  AsyncOnOpen(nMode);
+  return 1;
 }
 
 int KxFileAccessFtp::EnableAsyncWrite(int bEnable, int nBufferSize) {
-  try {
-    return AsyncEnable(false, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  return AsyncEnable(false, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode);
 }
 
 int KxFileAccessFtp::EnableAsyncRead(int bEnable, int nBufferSize) {
-  try {
-    return AsyncEnable(true, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  return AsyncEnable(true, bEnable, nBufferSize, m_bFileOpen, m_nAccessMode);
 }
 
 void KxFileAccessFtp::ResumeAt(__int64 nFilePos) {
@@ -138,17 +122,12 @@ int KxFileAccessFtp::WorkerRead(BYTE* pBuffer, int nCount) {
 
 int KxFileAccessFtp::Read(BYTE* pBuffer, int nCount) {
   if (!m_bFileOpen) return 0;
-  try {
-    if (IsAsyncActive()) {
-      int got = AsyncRead(pBuffer, nCount);
-      m_nAsyncPosition += got;
-      return got;
-    }
-    return DirectRead(pBuffer, nCount);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
+  if (IsAsyncActive()) {
+    int got = AsyncRead(pBuffer, nCount);
+    m_nAsyncPosition += got;
+    return got;
   }
+  return DirectRead(pBuffer, nCount);
 }
 
 __int64 KxFileAccessFtp::GetPosition() {
@@ -168,23 +147,18 @@ int KxFileAccessFtp::SetPosition(__int64 nPos) {
     SetLastError(offset < 0 ? ERROR_NEGATIVE_SEEK : ERROR_INVALID_FUNCTION);
     return 0;
   }
-  try {
-    if (IsAsyncRead()) {
-      // A deterministic seek: read-ahead from before it is dropped, and the
-      // worker starts again at the new position.
-      DWORD nCapacity = AsyncCapacity();
-      StopWorker();
-      BOOL ok = m_session.Seek(static_cast<ULONGLONG>(offset));
-      m_nAsyncPosition = static_cast<__int64>(m_session.Position());
-      AsyncRestart(true, nCapacity, m_nAsyncPosition);
-      return ok ? static_cast<int>(static_cast<DWORD>(m_nAsyncPosition)) : 0;
-    }
-    if (!m_session.Seek(static_cast<ULONGLONG>(offset))) return 0;
-    return static_cast<int>(static_cast<DWORD>(m_session.Position()));
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
+  if (IsAsyncRead()) {
+    // A deterministic seek: read-ahead from before it is dropped, and the
+    // worker starts again at the new position.
+    DWORD nCapacity = AsyncCapacity();
+    StopWorker();
+    BOOL ok = m_session.Seek(static_cast<ULONGLONG>(offset));
+    m_nAsyncPosition = static_cast<__int64>(m_session.Position());
+    AsyncRestart(true, nCapacity, m_nAsyncPosition);
+    return ok ? static_cast<int>(static_cast<DWORD>(m_nAsyncPosition)) : 0;
   }
+  if (!m_session.Seek(static_cast<ULONGLONG>(offset))) return 0;
+  return static_cast<int>(static_cast<DWORD>(m_session.Position()));
 }
 
 int KxFileAccessFtp::DirectWrite(const BYTE* pBuffer, int nCount) {
@@ -213,19 +187,14 @@ int KxFileAccessFtp::WorkerWrite(const BYTE* pBuffer, int nCount) {
 
 int KxFileAccessFtp::Write(const BYTE* pBuffer, int nCount) {
   if (!m_bFileOpen || !pBuffer || nCount < 1) return 0;
-  try {
-    if (IsAsyncActive()) {
-      if (m_bUploadFailed.load(std::memory_order_relaxed)) {
-        SetLastError(QLT_ERROR_FTP_CONNECTION_ABORTED);
-        return 0;
-      }
-      return AsyncWrite(pBuffer, nCount);
+  if (IsAsyncActive()) {
+    if (m_bUploadFailed.load(std::memory_order_relaxed)) {
+      SetLastError(QLT_ERROR_FTP_CONNECTION_ABORTED);
+      return 0;
     }
-    return DirectWrite(pBuffer, nCount);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
+    return AsyncWrite(pBuffer, nCount);
   }
+  return DirectWrite(pBuffer, nCount);
 }
 
 int KxFileAccessFtp::CloseFile() {

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <new>
 
 #include "diagnostics/error_entries.h"
 #include "diagnostics/sdk_settings.h"
@@ -15,7 +14,6 @@
 namespace {
 
 constexpr __int64 kAlign = 4096;
-constexpr int kDefaultBlock = 262144;
 constexpr DWORD kMaxBlock = 1u << 30;
 
 __int64 AlignDown(__int64 n) { return std::max<__int64>(0, n - n % kAlign); }
@@ -40,60 +38,43 @@ void KxFileAccessLocal::LogEntry(const CErrorLogEntry& entry) {
 }
 
 int KxFileAccessLocal::OpenFile(CComBSTR strPath, DWORD nMode) {
-  try {
-    CloseFile();
-    m_nShortWrites = 0;
-    m_nDiskPos = m_nLogicalPos = m_nReadCacheStart = 0;
-    m_nReadCacheLen = 0;
-    m_bStopWorker.store(0);
-    m_nAccessMode = nMode;
-    if (strPath.Length() == 0) return 0;
-    DWORD nAccess, nDisposition, nFlags = FILE_ATTRIBUTE_NORMAL;
-    if (nMode == 1) {
-      nAccess = GENERIC_READ;
-      nDisposition = OPEN_EXISTING;
-      if (SdkSettings.ReadMode == 1) nFlags |= FILE_FLAG_NO_BUFFERING;
-    } else if (nMode == 2) {
-      nAccess = GENERIC_READ | GENERIC_WRITE;
-      nDisposition = CREATE_ALWAYS;
-    } else {
-      return 0;
-    }
-    m_strPath.assign(strPath.m_str, strPath.Length());
-    m_bUnbuffered = (nFlags & FILE_FLAG_NO_BUFFERING) != 0;
-    m_hFile = CreateFileW(m_strPath.c_str(), nAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, nDisposition, nFlags,
-                          nullptr);
-    m_nFileLength = 0;
-    if (HasFile()) {
-      LARGE_INTEGER size;
-      if (GetFileSizeEx(m_hFile, &size)) m_nFileLength = static_cast<ULONGLONG>(size.QuadPart);
-    }
-    AsyncOnOpen(nMode);
-    return HasFile() ? 1 : 0;
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  } catch (...) {
+  CloseFile();
+  m_nShortWrites = 0;
+  m_nDiskPos = m_nLogicalPos = m_nReadCacheStart = 0;
+  m_nReadCacheLen = 0;
+  m_bStopWorker.store(0);
+  m_nAccessMode = nMode;
+  if (strPath.Length() == 0) return 0;
+  DWORD nAccess, nDisposition, nFlags = FILE_ATTRIBUTE_NORMAL;
+  if (nMode == 1) {
+    nAccess = GENERIC_READ;
+    nDisposition = OPEN_EXISTING;
+    if (SdkSettings.ReadMode == 1) nFlags |= FILE_FLAG_NO_BUFFERING;
+  } else if (nMode == 2) {
+    nAccess = GENERIC_READ | GENERIC_WRITE;
+    nDisposition = CREATE_ALWAYS;
+  } else {
     return 0;
   }
+  m_strPath.assign(strPath.m_str, strPath.Length());
+  m_bUnbuffered = (nFlags & FILE_FLAG_NO_BUFFERING) != 0;
+  m_hFile = CreateFileW(m_strPath.c_str(), nAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, nDisposition, nFlags,
+                        nullptr);
+  m_nFileLength = 0;
+  if (HasFile()) {
+    LARGE_INTEGER size;
+    if (GetFileSizeEx(m_hFile, &size)) m_nFileLength = static_cast<ULONGLONG>(size.QuadPart);
+  }
+  AsyncOnOpen(nMode);
+  return HasFile() ? 1 : 0;
 }
 
 int KxFileAccessLocal::EnableAsyncWrite(int bEnable, int nBufferSize) {
-  try {
-    return AsyncEnable(false, bEnable, nBufferSize, HasFile(), m_nAccessMode);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  return AsyncEnable(false, bEnable, nBufferSize, HasFile(), m_nAccessMode);
 }
 
 int KxFileAccessLocal::EnableAsyncRead(int bEnable, int nBufferSize) {
-  try {
-    return AsyncEnable(true, bEnable, nBufferSize, HasFile(), m_nAccessMode);
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  return AsyncEnable(true, bEnable, nBufferSize, HasFile(), m_nAccessMode);
 }
 
 void KxFileAccessLocal::ResumeAt(__int64 nFilePos) { SyncSetPosition(nFilePos, false); }
@@ -123,9 +104,9 @@ int KxFileAccessLocal::Read(BYTE* pBuffer, int nCount) {
     }
     return DirectRead(pBuffer, nCount);
   } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    // Logged here, where the operation is known; the facade sets the last error.
     LogEntry(AccessReadExceptionEntry(nCount, 0));
-    return 0;
+    throw;
   }
 }
 
@@ -180,9 +161,9 @@ int KxFileAccessLocal::SetPosition(__int64 nPos) {
     }
     return SyncSetPosition(nPos, false);
   } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    // Logged here, where the operation is known; the facade sets the last error.
     LogEntry(AccessSeekExceptionEntry(nPos, 0));
-    return 0;
+    throw;
   }
 }
 
@@ -192,9 +173,9 @@ int KxFileAccessLocal::Write(const BYTE* pBuffer, int nCount) {
     if (IsAsyncActive()) return AsyncWrite(pBuffer, nCount);
     return DirectWrite(pBuffer, nCount);
   } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    // Logged here, where the operation is known; the facade sets the last error.
     LogEntry(AccessWriteExceptionEntry(nCount, 0));
-    return 0;
+    throw;
   }
 }
 
@@ -270,7 +251,7 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
   }
 
   __int64 nBlock = SdkSettings.ReadBufSize;
-  if (nBlock < 1) nBlock = kDefaultBlock;
+  if (nBlock < 1) nBlock = kDefaultReadBufSize;
   if (m_bUnbuffered && nBlock % kAlign != 0) nBlock += kAlign - nBlock % kAlign;
 
   // Whole blocks the caller asked for go straight into its buffer when the

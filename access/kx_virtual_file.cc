@@ -27,18 +27,13 @@ int kxVirtualFile::EnableAsync(int nBufferSize) {
 
 int kxVirtualFile::OpenFile(CComBSTR strPath, DWORD nMode) {
   if (!m_pVirtualFile) return 0;
-  try {
-    std::wstring path(strPath.m_str ? strPath.m_str : L"", strPath.Length());
-    // The access mode travels in the share-mode place; the storage opens
-    // for reading and writing and creates a missing file.
-    int r = m_pVirtualFile->Open(path.c_str(), GENERIC_READ | GENERIC_WRITE, nMode, OPEN_ALWAYS);
-    m_strPath = path;
-    if (r < 1) LogEntry(VirtualOpenFailedEntry());
-    return r;
-  } catch (...) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  }
+  std::wstring path(strPath.m_str ? strPath.m_str : L"", strPath.Length());
+  // The access mode travels in the share-mode place; the storage opens
+  // for reading and writing and creates a missing file.
+  int r = m_pVirtualFile->Open(path.c_str(), GENERIC_READ | GENERIC_WRITE, nMode, OPEN_ALWAYS);
+  m_strPath = path;
+  if (r < 1) LogEntry(VirtualOpenFailedEntry());
+  return r;
 }
 
 ULONGLONG kxVirtualFile::GetLength() {

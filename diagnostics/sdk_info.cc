@@ -1,10 +1,10 @@
 #include "qltfsdk/sdkinfo.h"
 
-#include <new>
 #include <string>
 
 #include "diagnostics/module_paths.h"
 #include "diagnostics/sdk_settings.h"
+#include "platform/contain.h"
 #include "platform/platform.h"
 
 namespace {
@@ -25,7 +25,7 @@ extern "C" int QLT_GetSdkInfo(QLT_SDKINFO_ST* pInfo) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
-  try {
+  return QltContain(0, [&] {
     QLT_SDKINFO_ST info{};
     info.nReadBufSize = SdkSettings.ReadBufSize;
     info.nWriteBufSize = SdkSettings.WriteBufSize;
@@ -52,13 +52,7 @@ extern "C" int QLT_GetSdkInfo(QLT_SDKINFO_ST* pInfo) {
     info.bstrModuleDir = moduleDir.Detach();
     *pInfo = info;
     return 1;
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
-  } catch (...) {
-    SetLastError(ERROR_INVALID_FUNCTION);
-    return 0;
-  }
+  });
 }
 
 extern "C" int QLT_FindCompanion(LPCWSTR pszName) {

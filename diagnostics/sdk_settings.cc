@@ -10,9 +10,6 @@ wchar_t CacheDriveRoot[4] = {0, 0, 0, 0};
 
 namespace {
 
-constexpr int kDefaultReadBufSize = 262144;
-constexpr int kDefaultWriteBufSize = 524288;
-
 int ReadKey(const wchar_t* section, const wchar_t* key, int nDefault, const std::wstring& iniPath) {
   return static_cast<int>(GetPrivateProfileIntW(section, key, nDefault, iniPath.c_str()));
 }

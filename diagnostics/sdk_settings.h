@@ -19,9 +19,14 @@
 // therefore a relaxed atomic (CRelaxedInt): each is an independent value read
 // afresh at each use, so whole-value atomicity is all that is needed and no
 // ordering with other data is implied.
+// Built-in block sizes, used until the file names others and wherever a
+// stored size is unusable.
+constexpr int kDefaultReadBufSize = 262144;
+constexpr int kDefaultWriteBufSize = 524288;
+
 struct SdkSettingsRecord {
-  CRelaxedInt ReadBufSize{262144};      // bytes; the local back-end's read block
-  CRelaxedInt WriteBufSize{524288};     // bytes; each writer's block and staging size
+  CRelaxedInt ReadBufSize{kDefaultReadBufSize};    // bytes; the local back-end's read block
+  CRelaxedInt WriteBufSize{kDefaultWriteBufSize};  // bytes; each writer's block and staging size
   CRelaxedInt ReadMode{1};              // 1: read without system buffering
   CRelaxedInt WriteMode{0};             // 0: buffered write path, 1: no-buffering path
   CRelaxedInt WriteRetryCount{0};       // reopen attempts after a failed block write

@@ -7,6 +7,9 @@
 #include <memory>
 #include <new>
 
+#include "fifo/producer_guard.h"
+#include "platform/contain.h"
+
 namespace {
 
 bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
@@ -32,12 +35,7 @@ BOOL CDataFifoMan::SetBufferingMode(LONG nMode) {
   if (nMode == 1 && m_bRunning.load()) {
     if (GetRingCapacity() <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
     // The mover must run before the producer can spill.
-    try {
-      if (!m_mover.IsRunning() && !StartMover()) return FALSE;
-    } catch (const std::bad_alloc&) {
-      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-      return FALSE;
-    }
+    if (!m_mover.IsRunning() && !QltContain<BOOL>(FALSE, [this] { return StartMover(); })) return FALSE;
   }
   m_nBufferingMode.store(nMode, std::memory_order_relaxed);
   return TRUE;
@@ -53,12 +51,7 @@ BOOL CDataFifoMan::SetMemoryPoolSize(DWORD nBytes) {
 }
 
 BOOL CDataFifoMan::SetDiskPath(const std::wstring& strFolder) {
-  try {
-    return SetDiskPathOrThrow(strFolder);
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return FALSE;
-  }
+  return QltContain<BOOL>(FALSE, [&] { return SetDiskPathOrThrow(strFolder); });
 }
 
 BOOL CDataFifoMan::SetDiskPathOrThrow(const std::wstring& strFolder) {
@@ -91,7 +84,7 @@ BOOL CDataFifoMan::StartRun() {
   m_bEndOfData.store(false);
   m_nPendingMoves.store(0);
   m_nDiskState.store(0);
-  if (m_nMemoryPoolSize < 4) return FALSE;  // not even a record's length would fit
+  if (m_nMemoryPoolSize < kRecordPrefixBytes) return FALSE;  // not even a record's length would fit
   if (m_nBufferingMode.load() == 1 && m_nMemoryPoolSize <= static_cast<DWORD>(kMoveThreshold)) return FALSE;
 
   m_pMemoryPool = new CRingStream(L"WriteMemory");  // bad_alloc: see StartFifo
@@ -135,7 +128,7 @@ void CDataFifoMan::StopFifo() {
   m_mover.Join();
   // A producer still inside WriteBuffer returns without waiting on anything
   // now (the ring is closed, the mover gone); let it leave.
-  while (m_nProducersInside.load() > 0) Sleep(1);
+  CProducerGuard::WaitUntilNoneInside(m_nProducersInside);
   {
     CAutoLock lockRead(&m_csRead);  // the released consumer has left the ring
     m_nRingCapacity.store(0, std::memory_order_release);
@@ -159,9 +152,9 @@ void CDataFifoMan::StopFifo() {
 
 bool CDataFifoMan::WriteRecordToRing(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
   LONG nTotal = nLen + nRest;
-  LONG nHead = 4;
+  LONG nHead = kRecordPrefixBytes;
   m_pMemoryPool->WriteData(&nTotal, nHead);  // native little-endian length
-  if (!m_bRunning.load() || nHead != 4) return false;
+  if (!m_bRunning.load() || nHead != kRecordPrefixBytes) return false;
   LONG nBody = nLen;
   m_pMemoryPool->WriteData(pPayload, nBody);
   if (!m_bRunning.load() || nBody != nLen) return false;
@@ -181,11 +174,7 @@ BOOL CDataFifoMan::WriteBufferPieces(const void* pPayload, LONG nLen, const void
 BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LONG nRest) {
   if (pPayload && nLen < 0) return FALSE;
   // Announce this producer before testing m_bRunning (see its comment).
-  m_nProducersInside.fetch_add(1);
-  struct Leave {
-    std::atomic<int>& n;
-    ~Leave() { n.fetch_sub(1); }
-  } leave{m_nProducersInside};
+  CProducerGuard inside(m_nProducersInside);
   if (!m_bRunning.load()) return FALSE;
 
   if (!pPayload) {
@@ -201,7 +190,8 @@ BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LON
     return TRUE;
   }
   if (nRest > 0) return FALSE;  // the disk paths take one piece
-  try {
+  // Out of memory here means a new overflow file could not be set up.
+  return QltContain<BOOL>(FALSE, [&] {
     if (m_nDiskState.load(std::memory_order_acquire) == 0) {
       WriteMemoryFirst(pPayload, nLen);
     } else {
@@ -209,20 +199,13 @@ BOOL CDataFifoMan::Write(const void* pPayload, LONG nLen, const void* pRest, LON
       // there even when the mode has meanwhile turned to 0.
       WriteToDisk(pPayload, nLen);
     }
-  } catch (const std::bad_alloc&) {  // a new overflow file could not be set up
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return FALSE;
-  }
-  return TRUE;
+    return TRUE;
+  });
 }
 
 BOOL CDataFifoMan::TryWriteBuffer(const void* pPayload, LONG nLen) {
   if (!pPayload || nLen < 0) return FALSE;
-  m_nProducersInside.fetch_add(1);
-  struct Leave {
-    std::atomic<int>& n;
-    ~Leave() { n.fetch_sub(1); }
-  } leave{m_nProducersInside};
+  CProducerGuard inside(m_nProducersInside);
   // The caller is the ring's only writer now, so the free space can only
   // grow between the test and the write: the write cannot wait.
   if (RecordRoomNow() < nLen) return FALSE;
@@ -233,13 +216,13 @@ LONG CDataFifoMan::RecordRoomNow() {
   if (!m_bRunning.load() || m_nBufferingMode.load(std::memory_order_relaxed) != 0 ||
       m_nDiskState.load(std::memory_order_acquire) != 0)
     return -1;
-  return m_pMemoryPool->FreeSpace() - 4;
+  return m_pMemoryPool->FreeSpace() - kRecordPrefixBytes;
 }
 
 void CDataFifoMan::WriteMemoryFirst(const void* pPayload, LONG nLen) {
   // Only this producer adds data while the disk state is 0 (no file exists,
   // so the mover is idle), so the free space can only grow after the test.
-  if (m_pMemoryPool->FreeSpace() - 4 > nLen) {  // no sum: nLen may be near the signed limit
+  if (m_pMemoryPool->FreeSpace() - kRecordPrefixBytes > nLen) {  // no sum: nLen may be near the signed limit
     WriteRecordToRing(pPayload, nLen);
     return;
   }
@@ -318,10 +301,10 @@ BOOL CDataFifoMan::ReadRecord(LONG& nLen, CRingStream::PieceVisitor pVisit, void
       LeaveDiskStateIfDrainedLocked();
     }
   }
-  LONG nHead = 4;
+  LONG nHead = kRecordPrefixBytes;
   LONG nStored = 0;
   m_pMemoryPool->ReadData(&nStored, nHead);
-  if (!m_bRunning.load() || nHead != 4) {
+  if (!m_bRunning.load() || nHead != kRecordPrefixBytes) {
     nResult = -1;
   } else {
     nResult = nStored;

@@ -32,8 +32,11 @@
 
 #include "fifo/fifo_disk_file.h"
 #include "fifo/ring_stream.h"
-#include "fifo/worker_thread.h"
+#include "platform/worker_thread.h"
 #include "platform/platform.h"
+
+// Bytes of a record's length prefix, in the rings and in overflow files alike.
+constexpr LONG kRecordPrefixBytes = 4;
 
 class CDataFifoMan {
  public:

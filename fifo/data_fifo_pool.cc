@@ -1,51 +1,32 @@
 // The exported pool: a facade that forwards to KxDataFifoPool.
 #include "qltfsdk/datafifopool.h"
 
-#include <new>
 #include <string>
 
 #include "fifo/kx_data_fifo_pool.h"
-
-namespace {
-
-// Runs one operation of the pool; an exception becomes nFail with a last
-// error (ERROR_NOT_ENOUGH_MEMORY for an allocation) instead of leaving the
-// library.
-template <class Op>
-int Contained(int nFail, Op&& op) noexcept {
-  try {
-    return op();
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  } catch (...) {
-    SetLastError(ERROR_GEN_FAILURE);
-  }
-  return nFail;
-}
-
-}  // namespace
+#include "platform/contain.h"
 
 QLCT_DataFifoPool::QLCT_DataFifoPool() : m_pImpl(nullptr) {}
 
 QLCT_DataFifoPool::~QLCT_DataFifoPool() { delete m_pImpl; }
 
 int QLCT_DataFifoPool::Initialize() {
-  return Contained(0, [&] {
+  return QltContain(0, [&] {
     if (!m_pImpl) m_pImpl = new KxDataFifoPool;
     return 1;
   });
 }
 
 int QLCT_DataFifoPool::SetFifoOpMode(int nMode) {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->SetFifoOpMode(nMode) : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->SetFifoOpMode(nMode) : 0; });
 }
 
 int QLCT_DataFifoPool::SetBufferingMode(int nMode) {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->SetBufferingMode(nMode) : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->SetBufferingMode(nMode) : 0; });
 }
 
 int QLCT_DataFifoPool::SetDiskPoolProps(CComBSTR strFolder, DWORD nSize) {
-  return Contained(0, [&] {
+  return QltContain(0, [&] {
     if (!m_pImpl) return 0;
     std::wstring folder = strFolder.m_str ? std::wstring(strFolder.m_str, strFolder.Length()) : std::wstring();
     return static_cast<int>(m_pImpl->SetDiskPoolProps(folder, nSize));
@@ -53,24 +34,24 @@ int QLCT_DataFifoPool::SetDiskPoolProps(CComBSTR strFolder, DWORD nSize) {
 }
 
 int QLCT_DataFifoPool::SetMemoryPoolSize(DWORD nBytes) {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->SetMemoryPoolSize(nBytes) : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->SetMemoryPoolSize(nBytes) : 0; });
 }
 
 int QLCT_DataFifoPool::SetWriteCacheSize(DWORD nBytes) {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->SetWriteCacheSize(nBytes) : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->SetWriteCacheSize(nBytes) : 0; });
 }
 
 int QLCT_DataFifoPool::StartFifo() {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->StartFifo() : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->StartFifo() : 0; });
 }
 
 int QLCT_DataFifoPool::WriteBuffer(const void* pData, int nLen) {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->WriteBuffer(pData, nLen) : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->WriteBuffer(pData, nLen) : 0; });
 }
 
 int QLCT_DataFifoPool::ReadBuffer(void* pData, int& nLen) {
   nLen = -1;
-  return Contained(0, [&] {
+  return QltContain(0, [&] {
     if (!m_pImpl) return 0;
     LONG n = -1;
     int nResult = m_pImpl->ReadBuffer(pData, n);
@@ -80,5 +61,5 @@ int QLCT_DataFifoPool::ReadBuffer(void* pData, int& nLen) {
 }
 
 int QLCT_DataFifoPool::StopFifo() {
-  return Contained(0, [&] { return m_pImpl ? m_pImpl->StopFifo() : 0; });
+  return QltContain(0, [&] { return m_pImpl ? m_pImpl->StopFifo() : 0; });
 }

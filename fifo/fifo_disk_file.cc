@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "fifo/data_fifo_man.h"
 #include "platform/guid_text.h"
 
 CFifoDiskFile::CFifoDiskFile() = default;
@@ -30,17 +31,17 @@ BOOL CFifoDiskFile::CreateNewFile() {
 BOOL CFifoDiskFile::WriteRecord(const void* pPayload, LONG nLen) {
   if (nLen < 0 || (!pPayload && nLen > 0)) return FALSE;
   if (!IsOpen() && !CreateNewFile()) return FALSE;
-  uint8_t len[4];
+  uint8_t len[kRecordPrefixBytes];
   StoreLe32(len, static_cast<DWORD>(nLen));
   DWORD nDone = 0;
   // WriteFile hands the bytes to the system at once (there is no user-space
   // buffer to flush), so each record is on its way to the disk when this
   // returns.
-  if (!WriteFile(m_hFile, len, 4, &nDone, nullptr) || nDone != 4) return FALSE;
+  if (!WriteFile(m_hFile, len, kRecordPrefixBytes, &nDone, nullptr) || nDone != kRecordPrefixBytes) return FALSE;
   if (nLen > 0 &&
       (!WriteFile(m_hFile, pPayload, static_cast<DWORD>(nLen), &nDone, nullptr) || nDone != static_cast<DWORD>(nLen)))
     return FALSE;
-  m_nWrittenSize += static_cast<DWORD>(nLen) + 4;
+  m_nWrittenSize += static_cast<DWORD>(nLen) + kRecordPrefixBytes;
   return TRUE;
 }
 
@@ -55,8 +56,8 @@ BOOL CFifoDiskFile::ReadRecord(void* pDst, LONG& nLen) {
   }
   DWORD nRead = 0;
   if (!pDst) {
-    uint8_t len[4];
-    if (!ReadFile(m_hFile, len, 4, &nRead, nullptr) || nRead != 4) {
+    uint8_t len[kRecordPrefixBytes];
+    if (!ReadFile(m_hFile, len, kRecordPrefixBytes, &nRead, nullptr) || nRead != kRecordPrefixBytes) {
       nLen = 0;
       return FALSE;
     }

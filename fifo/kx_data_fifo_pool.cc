@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <new>
 
+#include "fifo/producer_guard.h"
+
 KxDataFifoPool::KxDataFifoPool() {
   InitializeCriticalSection(&m_csForward);
   m_fifoMan.SetBufferingMode(0);
@@ -47,7 +49,7 @@ LONG KxDataFifoPool::StartFifo() {
 LONG KxDataFifoPool::StartRun() {
   StopFifo();
   // Rings that cannot hold a record's length and one byte are refused.
-  if (m_nWriteCacheSize <= 4 || m_fifoMan.GetMemoryPoolSize() <= 4) {
+  if (m_nWriteCacheSize <= kRecordPrefixBytes || m_fifoMan.GetMemoryPoolSize() <= kRecordPrefixBytes) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return 0;
   }
@@ -80,11 +82,7 @@ LONG KxDataFifoPool::StartRun() {
 
 LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
   if (pData && nLen < 0) return 0;
-  m_nProducersInside.fetch_add(1);  // announce before testing m_bAccepting
-  struct Leave {
-    std::atomic<int>& n;
-    ~Leave() { n.fetch_sub(1); }
-  } leave{m_nProducersInside};
+  CProducerGuard inside(m_nProducersInside);  // announce before testing m_bAccepting
   if (!m_bAccepting.load() || m_bEndSent.load(std::memory_order_relaxed)) return 0;
   if (!pData) {
     m_bEndSent.store(true, std::memory_order_relaxed);
@@ -102,9 +100,9 @@ LONG KxDataFifoPool::WriteBuffer(const void* pData, LONG nLen) {
     if (m_fifoMan.TryWriteBuffer(pData, nLen)) return 1;
   }
   m_nQueued.fetch_add(1);
-  LONG nHead = 4;
+  LONG nHead = kRecordPrefixBytes;
   m_pWriteCache->WriteData(&nLen, nHead);
-  if (nHead != 4 || !m_bAccepting.load()) {  // StopFifo, or a failed cache thread, cut the write short
+  if (nHead != kRecordPrefixBytes || !m_bAccepting.load()) {  // StopFifo, or a failed cache thread, cut the write short
     if (m_bCacheFailed.load()) SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return 0;
   }
@@ -130,7 +128,7 @@ LONG KxDataFifoPool::StopFifo() {
   m_cacheThread.Join();
   // A producer still inside WriteBuffer waits on nothing any more (both
   // rings are closed); let it leave before the write cache goes.
-  while (m_nProducersInside.load() > 0) Sleep(1);
+  CProducerGuard::WaitUntilNoneInside(m_nProducersInside);
   if (m_pWriteCache) {
     m_pWriteCache->UninitStream();
     delete m_pWriteCache;
@@ -145,7 +143,7 @@ LONG KxDataFifoPool::StopFifo() {
 void KxDataFifoPool::CacheLoop() {
   while (!m_cacheThread.StopRequested()) {
     LONG nLen = 0;
-    LONG nHead = 4;
+    LONG nHead = kRecordPrefixBytes;
     m_pWriteCache->ReadData(&nLen, nHead);
     if (nHead == 0) {
       // End of data and nothing left: tell the manager, and again every
@@ -154,7 +152,7 @@ void KxDataFifoPool::CacheLoop() {
       WaitForSingleObject(m_cacheThread.StopEvent(), kEndResignalMs);
       continue;
     }
-    if (m_cacheThread.StopRequested() || nHead != 4 || nLen < 0) break;
+    if (m_cacheThread.StopRequested() || nHead != kRecordPrefixBytes || nLen < 0) break;
     const bool bRoomNow = nLen > 0 && m_fifoMan.RecordRoomNow() >= nLen;
     if (bRoomNow || (nLen > 0 && static_cast<DWORD>(nLen) <= kHoldRoom)) {
       // The record goes across from where it lies in the write cache, one

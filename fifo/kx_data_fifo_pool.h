@@ -21,7 +21,7 @@
 
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_stream.h"
-#include "fifo/worker_thread.h"
+#include "platform/worker_thread.h"
 #include "platform/platform.h"
 
 class KxDataFifoPool {
@@ -32,15 +32,13 @@ class KxDataFifoPool {
   // records are taken out into a staging buffer made for them.
   static constexpr DWORD kHoldRoom = 0x100000;
   static constexpr DWORD kEndResignalMs = 300;
-  // Bytes of the length field stored in front of every record in the rings.
-  static constexpr LONG kRecordLengthBytes = 4;
   // The longest payload a producer queues as one record in a pool whose
   // rings are nMemoryPoolSize and nWriteCacheSize bytes (each from 5 to
   // CRingStream::kMaxCapacity): the smaller ring less one length field.
   static constexpr LONG LargestPayload(DWORD nMemoryPoolSize, DWORD nWriteCacheSize) {
     const DWORD nSmaller = nMemoryPoolSize < nWriteCacheSize ? nMemoryPoolSize : nWriteCacheSize;
     return static_cast<LONG>((nSmaller > CRingStream::kMaxCapacity ? CRingStream::kMaxCapacity : nSmaller) -
-                             static_cast<DWORD>(kRecordLengthBytes));
+                             static_cast<DWORD>(kRecordPrefixBytes));
   }
 
   // Stopped; the manager is set to buffering mode 0.

@@ -6,17 +6,14 @@
 #include <new>
 
 #include "fifo/ring_memory.h"
+#include "platform/contain.h"
 
 namespace {
 
 // An auto-reset event, or null when the platform cannot make one (InitStream
 // then fails): the constructor must not leave events behind by throwing.
 HANDLE NewEvent() noexcept {
-  try {
-    return CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  } catch (...) {
-    return nullptr;
-  }
+  return QltContain<HANDLE>(nullptr, [] { return CreateEventW(nullptr, FALSE, FALSE, nullptr); });
 }
 
 }  // namespace

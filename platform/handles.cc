@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <mutex>
 #include <new>
-#include <system_error>
 #include <vector>
 
 #include "platform/internal.h"
@@ -111,22 +110,6 @@ KObject* TakeHandle(HANDLE h) {
     t.slots[t.freeTail].nextFree = index;
   t.freeTail = index;
   return obj;
-}
-
-DWORD ExceptionToWin() noexcept {
-  try {
-    throw;
-  } catch (const std::bad_alloc&) {
-    return ERROR_NOT_ENOUGH_MEMORY;
-  } catch (const std::system_error& e) {
-    int code = e.code().value();
-    if (code == EAGAIN || code == ENOMEM) return ERROR_NOT_ENOUGH_MEMORY;
-    return e.code().category() == std::generic_category() || e.code().category() == std::system_category()
-               ? ErrnoToWin(code)
-               : ERROR_GEN_FAILURE;
-  } catch (...) {
-    return ERROR_GEN_FAILURE;
-  }
 }
 
 }  // namespace qlt::plat

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/contain.h"
 #include "platform/platform.h"
 
 namespace qlt::plat {
@@ -105,26 +106,16 @@ Ref<T> Lookup(HANDLE h) {
 }
 
 // Runs body and turns any exception into a failure: returns onFailure with
-// last error ERROR_NOT_ENOUGH_MEMORY for std::bad_alloc or a thread that
-// cannot start, another Windows code otherwise. Every exported call whose
-// work can throw runs inside it.
-DWORD ExceptionToWin() noexcept;  // call only inside a catch block
+// the last error of QltCurrentExceptionError (platform/contain.h), the one
+// mapping every layer uses. Every exported call whose work can throw runs
+// inside it.
 template <class R, class F>
 R NoThrow(R onFailure, F&& body) noexcept {
-  try {
-    return body();
-  } catch (...) {
-    SetLastError(ExceptionToWin());
-    return onFailure;
-  }
+  return QltContain(onFailure, std::forward<F>(body));
 }
 template <class F>
 void NoThrowVoid(F&& body) noexcept {
-  try {
-    body();
-  } catch (...) {
-    SetLastError(ExceptionToWin());
-  }
+  QltContainVoid(std::forward<F>(body));
 }
 
 // ---- Waiting --------------------------------------------------------------------

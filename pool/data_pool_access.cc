@@ -1,6 +1,7 @@
 // The exported pool-access facade.
 #include <new>
 
+#include "platform/contain.h"
 #include "platform/platform.h"
 #include "pool/kx_data_pool_access.h"
 #include "qltfsdk/datapoolaccess.h"
@@ -13,13 +14,7 @@ int QLCT_DataPoolAccess::Initialize() { return 1; }
 
 int QLCT_DataPoolAccess::Operation(CComBSTR strName, void* pData) {
   if (!m_pImpl) return 0;
-  try {
-    return m_pImpl->Operation(strName, pData);
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  } catch (...) {
-  }
-  return 0;
+  return QltContain(0, [&] { return m_pImpl->Operation(strName, pData); });
 }
 
 int QLCT_DataPoolAccess::UnInitialize() { return 1; }

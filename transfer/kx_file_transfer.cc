@@ -5,6 +5,8 @@
 #include <climits>
 #include <new>
 
+#include "platform/contain.h"
+
 namespace {
 
 // The pacing wait starts only when the copy is more than this far ahead of
@@ -213,10 +215,8 @@ int KxFileTransfer::TransferFile(const wchar_t* pszSource, const wchar_t* pszDes
   try {
     nRate = Copy(pszSource, pszDestination, settings);
     nError = GetLastError();
-  } catch (const std::bad_alloc&) {
-    nError = ERROR_NOT_ENOUGH_MEMORY;
   } catch (...) {
-    nError = ERROR_INVALID_FUNCTION;
+    nError = QltCurrentExceptionError();
   }
   EndTransfer();
   SetLastError(nRate ? ERROR_SUCCESS : nError);

@@ -3,26 +3,10 @@
 #include <new>
 
 #include "diagnostics/sdk_settings.h"
+#include "platform/contain.h"
 #include "platform/platform.h"
 #include "qltfsdk/fileex.h"
 #include "writer/kx_file_ex.h"
-
-namespace {
-
-// Runs op; an exception becomes the failure value (out of memory also sets
-// the last error).
-template <class R, class Op>
-R Guarded(R failure, Op&& op) {
-  try {
-    return op();
-  } catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  } catch (...) {
-  }
-  return failure;
-}
-
-}  // namespace
 
 QLCT_FileEx::QLCT_FileEx() : m_hFile(nullptr), m_pImpl(nullptr) {}
 
@@ -33,7 +17,7 @@ QLCT_FileEx::~QLCT_FileEx() {
 }
 
 BOOL QLCT_FileEx::Initialize(QLCT_FIlEACCESSINFO_ST* pInfo) {
-  return Guarded<BOOL>(0, [&]() -> BOOL {
+  return QltContain<BOOL>(0, [&]() -> BOOL {
     KxFileEx* pImpl = new (std::nothrow) KxFileEx();
     if (!pImpl) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -53,7 +37,7 @@ HANDLE QLCT_FileEx::CreateKXFile(CComBSTR strFileName, DWORD dwDesiredAccess, DW
                                  LPSECURITY_ATTRIBUTES lpSecurityAttributes, DWORD dwCreationDisposition,
                                  DWORD dwFlagsAndAttributes, HANDLE hTemplateFile) {
   if (!m_pImpl) return nullptr;
-  m_hFile = Guarded<HANDLE>(nullptr, [&] {
+  m_hFile = QltContain<HANDLE>(nullptr, [&] {
     return m_pImpl->CreateKXFile(strFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes, dwCreationDisposition,
                                  dwFlagsAndAttributes, hTemplateFile);
   });
@@ -63,39 +47,39 @@ HANDLE QLCT_FileEx::CreateKXFile(CComBSTR strFileName, DWORD dwDesiredAccess, DW
 BOOL QLCT_FileEx::Attach(HANDLE hFile, CComBSTR strFileName) {
   m_hFile = hFile;
   if (!m_pImpl) return 0;
-  return Guarded<BOOL>(0, [&] { return m_pImpl->Attach(hFile, strFileName); });
+  return QltContain<BOOL>(0, [&] { return m_pImpl->Attach(hFile, strFileName); });
 }
 
 DWORD QLCT_FileEx::GetFileSize(LPDWORD pHigh) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<DWORD>(INVALID_FILE_SIZE, [&] { return m_pImpl->GetFileSize(m_hFile, pHigh); });
+  return QltContain<DWORD>(INVALID_FILE_SIZE, [&] { return m_pImpl->GetFileSize(m_hFile, pHigh); });
 }
 
 BOOL QLCT_FileEx::GetFileSizeEx(PLARGE_INTEGER pSize) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<BOOL>(0, [&] { return m_pImpl->GetFileSizeEx(m_hFile, pSize); });
+  return QltContain<BOOL>(0, [&] { return m_pImpl->GetFileSizeEx(m_hFile, pSize); });
 }
 
 DWORD QLCT_FileEx::SetFilePointer(LONG lDistance, LONG* pDistanceHigh, DWORD dwMoveMethod) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<DWORD>(INVALID_SET_FILE_POINTER,
+  return QltContain<DWORD>(INVALID_SET_FILE_POINTER,
                         [&] { return m_pImpl->SetFilePointer(m_hFile, lDistance, pDistanceHigh, dwMoveMethod); });
 }
 
 BOOL QLCT_FileEx::SetFilePointerEx(LARGE_INTEGER liDistance, PLARGE_INTEGER pNewPos, DWORD dwMoveMethod) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<BOOL>(0, [&] { return m_pImpl->SetFilePointerEx(m_hFile, liDistance, pNewPos, dwMoveMethod); });
+  return QltContain<BOOL>(0, [&] { return m_pImpl->SetFilePointerEx(m_hFile, liDistance, pNewPos, dwMoveMethod); });
 }
 
 BOOL QLCT_FileEx::ReadFile(LPVOID pBuffer, DWORD nToRead, LPDWORD pRead, LPOVERLAPPED pOverlapped) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<BOOL>(0, [&] { return m_pImpl->ReadFile(m_hFile, pBuffer, nToRead, pRead, pOverlapped); });
+  return QltContain<BOOL>(0, [&] { return m_pImpl->ReadFile(m_hFile, pBuffer, nToRead, pRead, pOverlapped); });
 }
 
 BOOL QLCT_FileEx::WriteFile(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, LPOVERLAPPED pOverlapped,
                             DWORD dwUserData) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<BOOL>(
+  return QltContain<BOOL>(
       0, [&] { return m_pImpl->WriteFile(m_hFile, pBuffer, nLength, pWritten, pOverlapped, dwUserData); });
 }
 
@@ -105,32 +89,25 @@ BOOL QLCT_FileEx::WriteFile(LPCVOID pBuffer, DWORD nLength, LPDWORD pWritten, LP
 
 BOOL QLCT_FileEx::CloseHandle() {
   if (!m_hFile || !m_pImpl) return 0;
-  BOOL bOk = Guarded<BOOL>(0, [&] { return m_pImpl->CloseHandle(m_hFile); });
+  BOOL bOk = QltContain<BOOL>(0, [&] { return m_pImpl->CloseHandle(m_hFile); });
   m_hFile = nullptr;
   return bOk;
 }
 
 BOOL QLCT_FileEx::GetUserDataList(CArray<DWORD, DWORD>& list, int nMode) {
   if (!m_hFile || !m_pImpl) return 0;
-  return Guarded<BOOL>(0, [&] { return m_pImpl->GetUserDataList(list, nMode); });
+  return QltContain<BOOL>(0, [&] { return m_pImpl->GetUserDataList(list, nMode); });
 }
 
 QLCT_FileEx* QLCT_CreateFileExObj() {
-  try {
-    return new (std::nothrow) QLCT_FileEx();
-  } catch (...) {
-    return nullptr;
-  }
+  return QltContain<QLCT_FileEx*>(nullptr, [] { return new QLCT_FileEx(); });
 }
 
 BOOL QLCT_DeleteFileExObj(QLCT_FileEx* pFileEx) {
-  if (!pFileEx) return 1;
-  try {
+  return QltContain<BOOL>(0, [&] {
     delete pFileEx;
-  } catch (...) {
-    return 0;
-  }
-  return 1;
+    return 1;
+  });
 }
 
 BOOL QLT_SetWriteRetrySettings(int nCount, int nWaitMs) {

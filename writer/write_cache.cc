@@ -38,7 +38,7 @@ static_assert(sizeof(CacheSeek) == 24, "the seek record is 24 bytes");
 
 // The smallest ring the writer uses: the pool's length field, a header and
 // a seek record.
-constexpr DWORD kMinRingBytes = KxDataFifoPool::kRecordLengthBytes + sizeof(CacheHeader) + sizeof(CacheSeek);
+constexpr DWORD kMinRingBytes = kRecordPrefixBytes + sizeof(CacheHeader) + sizeof(CacheSeek);
 
 }  // namespace
 

@@ -26,7 +26,9 @@ class KxFileAccessBase;
 //
 // Results: every operation returns the back-end's result unchanged (non-zero
 // = success for the status results). With no back-end every operation
-// returns 0. Where the back-ends differ:
+// returns 0. No exception leaves an operation: out of memory gives 0 with
+// last error ERROR_NOT_ENOUGH_MEMORY (ERROR_GEN_FAILURE for anything else).
+// Where the back-ends differ:
 //   - EnableAsyncRead/Write: local and FTP 1 (0 for the direction that
 //     does not suit a file already open); virtual storage 1 and nothing
 //     happens; easy-file 0. A capacity below 65,536 bytes is refused (0,

@@ -5,6 +5,7 @@
 #include "platform/platform.h"
 #include "qltfsdk/qltfsdk.h"
 #include "tests/access/access_fixture.h"
+#include "tests/support/alloc_fault.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ class FacadeTest : public ::testing::Test {
   }
   void TearDown() override {
     if (m_pfnSetRoot) m_pfnSetRoot(nullptr);
-    SdkSettings.ReadBufSize = 262144;
+    SdkSettings.ReadBufSize = kDefaultReadBufSize;
   }
   CComBSTR P(const std::string& name) const { return CComBSTR(m_dir.wpath(name).c_str()); }
 
@@ -232,3 +233,40 @@ TEST_F(FacadeTest, FileIsExistAnswersForEverySourceAndWithoutTheLibraries) {
 }
 
 }  // namespace
+
+// Each allocation of a host's write and read-back failing in turn: the
+// operation it hits fails with ERROR_NOT_ENOUGH_MEMORY instead of throwing
+// at the host, and the facade stays usable for the next file.
+TEST_F(FacadeTest, OutOfMemoryInAnyOperationFailsItWithoutThrowing) {
+  const CComBSTR path = P("oom.bin");
+  const std::string data = Pattern(0, 100000);
+  std::string back(data.size(), '\0');
+  DWORD nFirstError = 0;
+  int nRuns = ForEachAllocationFailure(
+      [&](int) {
+        nFirstError = 0;
+        auto step = [&](int r) {
+          if (r <= 0 && nFirstError == 0) nFirstError = GetLastError() ? GetLastError() : ~0u;
+        };
+        QLCT_FileAccess f;
+        SetLastError(0);
+        step(f.OpenFile(path, ACCESS_MODE_WRITE));
+        step(f.EnableAsyncWrite(1, 1 << 20));
+        step(f.Write(reinterpret_cast<const BYTE*>(data.data()), static_cast<int>(data.size())));
+        step(f.CloseFile());
+        step(f.OpenFile(path, ACCESS_MODE_READ));  // the same local back-end, reading
+        step(f.EnableAsyncRead(1, 1 << 20));
+        step(f.Read(reinterpret_cast<BYTE*>(back.data()), static_cast<int>(back.size())));
+        step(f.CloseFile());
+      },
+      [&](int n, bool bFired) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        EXPECT_TRUE(nFirstError == 0 || nFirstError == ERROR_NOT_ENOUGH_MEMORY) << nFirstError;
+        EXPECT_TRUE(bFired || back == data);
+        QLCT_FileAccess f;
+        EXPECT_EQ(f.OpenFile(path, ACCESS_MODE_WRITE), 1);
+        EXPECT_EQ(f.Write(reinterpret_cast<const BYTE*>("ok"), 2), 2);
+        EXPECT_EQ(f.CloseFile(), 1);
+      });
+  EXPECT_GT(nRuns, 2);  // the operations allocate at all
+}

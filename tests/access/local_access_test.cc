@@ -17,7 +17,7 @@ constexpr int kMiB = 1 << 20;
 class AccessTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    SdkSettings.ReadBufSize = 262144;
+    SdkSettings.ReadBufSize = kDefaultReadBufSize;
     SdkSettings.ReadMode = 1;
     EXPECT_EQ(ThreadCountSettled(m_nThreads), m_nThreads) << "a worker outlived its accessor";
   }

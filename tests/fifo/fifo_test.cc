@@ -1,8 +1,7 @@
-// The ring, the worker type and the FIFO manager, used directly.
+// The ring and the FIFO manager, used directly.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -10,7 +9,6 @@
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_memory.h"
 #include "fifo/ring_stream.h"
-#include "fifo/worker_thread.h"
 #include "tests/fifo/fifo_test_util.h"
 #include "tests/support/temp_dir.h"
 
@@ -219,39 +217,6 @@ TEST(RingMemoryTest, ReleasedRegionsAreReusedForTheSameSizeWithinTheStoreBounds)
   qlt::fifo::ReleaseKeptRingMemory();
 }
 
-// A stop request reaches a body that waits on the stop event, as the
-// library's workers do; Join ends it; a thread that cannot start or a body
-// that throws leaves the worker reusable; the destructor stops and joins.
-TEST(WorkerThreadTest, StopReachesAWaitingBodyAndFailuresLeaveTheWorkerReusable) {
-  std::atomic<int> runs{0};
-  {
-    CWorkerThread worker(L"test worker");
-    auto waitingBody = [&] {
-      WaitForSingleObject(worker.StopEvent(), INFINITE);
-      if (worker.StopRequested()) ++runs;
-    };
-    ASSERT_TRUE(worker.Start(waitingBody));
-    EXPECT_FALSE(worker.Start([] {}));  // one thread at a time
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BUSY));
-    worker.RequestStop();
-    worker.Join();
-    EXPECT_FALSE(worker.IsRunning());
-    EXPECT_FALSE(worker.Start(nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
-    {
-      qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());
-      EXPECT_FALSE(worker.Start([&] { runs += 100; }));
-      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
-    }
-    ASSERT_TRUE(worker.Start([] { throw std::runtime_error("body failed"); }));
-    worker.Join();  // the process goes on
-    ASSERT_TRUE(worker.Start(waitingBody));
-    EXPECT_FALSE(worker.StopRequested());  // a new start clears the old request
-    // The destructor stops and joins: without either this hangs or fails under asan.
-  }
-  EXPECT_EQ(runs.load(), 2);  // each waiting body saw its stop request
-}
-
 class DataFifoManTest : public ::testing::Test {
  protected:
   // Reads one record; its payload as text, or "<L>" for a negative outcome.
@@ -304,17 +269,23 @@ TEST_F(DataFifoManTest, RecordsWrittenWhileTheConsumerWaitsAfterTheLastMoveArriv
   EXPECT_EQ(got[2], "<-1>");
 }
 
-// A manager kept in memory mode, as the exported pool keeps its own, starts
-// no mover and creates no folder; switching a running manager to disk mode
-// starts the mover then, and fails cleanly when the mover cannot start. Bad
-// settings, sizes a ring cannot count and records that could never fit are
-// refused.
-TEST_F(DataFifoManTest, MemoryModeRunsNoMoverUntilDiskModeIsSwitchedOnAndBadSettingsAreRefused) {
-  TempDir drive;
-  QltSetDrive(L'C', drive.wpath().c_str(), DRIVE_FIXED);  // the default folder is C:\Temp
-  struct Restore {
-    ~Restore() { QltResetDriveMap(); }
-  } restore;
+// The default overflow folder (C:\Temp) inside a temporary directory, for
+// the lifetime of the object.
+class TempDefaultDrive {
+ public:
+  TempDefaultDrive() { QltSetDrive(L'C', m_dir.wpath().c_str(), DRIVE_FIXED); }
+  ~TempDefaultDrive() { QltResetDriveMap(); }
+  TempDefaultDrive(const TempDefaultDrive&) = delete;
+  TempDefaultDrive& operator=(const TempDefaultDrive&) = delete;
+  const TempDir& Dir() const { return m_dir; }
+
+ private:
+  TempDir m_dir;
+};
+
+// Bad settings, sizes a ring cannot count and records that could never fit
+// are refused, and a refused start leaves a manager that starts again.
+TEST_F(DataFifoManTest, BadSettingsAndRecordsThatCouldNeverFitAreRefused) {
   EXPECT_EQ(m_man.SetBufferingMode(2), FALSE);
   EXPECT_EQ(m_man.SetDiskPath(L"Q:\\x\\y"), FALSE);  // no such drive
   for (DWORD nHuge : {0x80000000u, 0xFFFFFFFFu}) {
@@ -327,18 +298,35 @@ TEST_F(DataFifoManTest, MemoryModeRunsNoMoverUntilDiskModeIsSwitchedOnAndBadSett
   m_man.StopFifo();                 // a failed start can be stopped and started again
   m_man.SetMemoryPoolSize(64);
   ASSERT_TRUE(m_man.StartFifo());
-  EXPECT_FALSE(m_man.IsMoverRunning());
   EXPECT_EQ(m_man.SetBufferingMode(1), FALSE);                           // ring too small to move files back
   EXPECT_EQ(m_man.WriteBuffer(std::string(65, 'b').data(), 65), FALSE);  // refused, not a hang
   EXPECT_EQ(m_man.WriteBufferPieces("x", 1, nullptr, 60), FALSE);
   EXPECT_EQ(m_man.WriteBufferPieces(nullptr, 0, "x", 1), FALSE);  // never the end of data
   Write("ok");
   EXPECT_EQ(Read(), "ok");
+}
+
+// A manager kept in memory mode, as the exported pool keeps its own, starts
+// no mover and creates no folder, and still carries records, one of them
+// written in two pieces.
+TEST_F(DataFifoManTest, MemoryModeStartsNoMoverAndCreatesNoFolder) {
+  TempDefaultDrive drive;
+  m_man.SetMemoryPoolSize(64);
+  ASSERT_TRUE(m_man.StartFifo());
+  EXPECT_FALSE(m_man.IsMoverRunning());
+  Write("ok");
+  EXPECT_EQ(Read(), "ok");
   EXPECT_EQ(m_man.WriteBufferPieces("pie", 3, "ces", 3), TRUE);  // one record from two pieces
   EXPECT_EQ(Read(), "pieces");
-  EXPECT_TRUE(fifotest::DirEntries(drive.path()).empty());
-
   m_man.StopFifo();
+  EXPECT_TRUE(fifotest::DirEntries(drive.Dir().path()).empty());
+}
+
+// Switching a running manager to disk mode starts the mover then, in the
+// default folder; when the mover cannot start, the switch, or a start in
+// disk mode, fails cleanly with nothing running.
+TEST_F(DataFifoManTest, DiskModeStartsTheMoverOrFailsCleanlyWhenItCannot) {
+  TempDefaultDrive drive;
   m_man.SetMemoryPoolSize(8 << 20);
   ASSERT_TRUE(m_man.StartFifo());
   {
@@ -349,7 +337,7 @@ TEST_F(DataFifoManTest, MemoryModeRunsNoMoverUntilDiskModeIsSwitchedOnAndBadSett
   }
   ASSERT_TRUE(m_man.SetBufferingMode(1));
   EXPECT_TRUE(m_man.IsMoverRunning());
-  EXPECT_TRUE(FileExists(drive.file("Temp")));
+  EXPECT_TRUE(FileExists(drive.Dir().file("Temp")));
   m_man.StopFifo();
   EXPECT_FALSE(m_man.IsMoverRunning());
   qlt::fault::ScopedFault fault(fifotest::ThreadStartFault());

@@ -7,10 +7,13 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include "platform/contain.h"
 #include "platform/platform.h"
 #include "tests/support/temp_dir.h"
 
@@ -242,3 +245,33 @@ TEST(PlatformHandlesTest, ThreadThatCannotStartFailsWithoutRunning) {
 }
 
 }  // namespace
+
+// Every exported call contains exceptions one way: the failure result, and a
+// last error that says whether memory (or a thread) ran out or something
+// else went wrong.
+TEST(PlatformContainTest, EachExceptionGivesTheFailureResultAndOneOfTwoErrors) {
+  const std::pair<std::function<void()>, DWORD> cases[] = {
+      {[] { throw std::bad_alloc(); }, ERROR_NOT_ENOUGH_MEMORY},
+      {[] { throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again)); },
+       ERROR_NOT_ENOUGH_MEMORY},
+      {[] { throw std::system_error(std::make_error_code(std::errc::not_enough_memory)); }, ERROR_NOT_ENOUGH_MEMORY},
+      {[] { throw std::system_error(std::make_error_code(std::errc::invalid_argument)); }, ERROR_GEN_FAILURE},
+      {[] { throw std::runtime_error("x"); }, ERROR_GEN_FAILURE},
+      {[] { throw 7; }, ERROR_GEN_FAILURE},
+  };
+  for (const auto& [fnThrow, nError] : cases) {
+    SetLastError(0);
+    EXPECT_EQ(QltContain(-1, [&] {
+                fnThrow();
+                return 1;
+              }),
+              -1);
+    EXPECT_EQ(GetLastError(), nError);
+    SetLastError(0);
+    QltContainVoid(fnThrow);
+    EXPECT_EQ(GetLastError(), nError);
+  }
+  SetLastError(5);
+  EXPECT_EQ(QltContain(-1, [] { return 1; }), 1);
+  EXPECT_EQ(GetLastError(), 5u);  // a call that returns keeps its own last error
+}

@@ -1,5 +1,6 @@
-// The tool's reusable pieces: the interrupt watch against a real transfer,
-// the progress line on a terminal and in a log, the error text.
+// The tool's interrupt watch against a real transfer, and what the tool
+// prints: the progress line on a terminal and in a log, the error text and
+// the text conversions behind both.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -12,13 +12,19 @@
 // RequestStop, StopRequested, StopEvent, IsRunning and GetName may come from
 // any thread, the worker's body included. A stop request stays raised until
 // the next Start.
-#ifndef QLTFSDK_FIFO_WORKER_THREAD_H
-#define QLTFSDK_FIFO_WORKER_THREAD_H
+//
+// Header-only: the FIFO and the file accessor both run their workers on it,
+// and every library that compiles it in gets its own copy, so it adds no
+// name to the platform library's exports.
+#ifndef QLTFSDK_PLATFORM_WORKER_THREAD_H
+#define QLTFSDK_PLATFORM_WORKER_THREAD_H
 
 #include <atomic>
 #include <functional>
 #include <string>
+#include <utility>
 
+#include "platform/contain.h"
 #include "platform/platform.h"
 
 class CWorkerThread {
@@ -63,4 +69,65 @@ class CWorkerThread {
   std::atomic<bool> m_bStarted{false};        // written by the owning thread
 };
 
-#endif  // QLTFSDK_FIFO_WORKER_THREAD_H
+inline CWorkerThread::CWorkerThread(std::wstring strName) : m_strName(std::move(strName)) {}
+
+inline CWorkerThread::~CWorkerThread() {
+  RequestStop();
+  Join();
+  if (m_hStopEvent) CloseHandle(m_hStopEvent);
+}
+
+inline BOOL CWorkerThread::Start(std::function<void()> fnBody) {
+  if (m_hThread) {
+    SetLastError(ERROR_BUSY);
+    return FALSE;
+  }
+  if (!fnBody) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  if (!m_hStopEvent) {
+    m_hStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (!m_hStopEvent) return FALSE;  // the platform set the last error
+  }
+  ResetEvent(m_hStopEvent);
+  m_bStopRequested.store(false, std::memory_order_release);
+  m_fnBody = std::move(fnBody);  // a move: no allocation
+  // A platform thread that cannot start throws; that is out of resources
+  // (ERROR_NOT_ENOUGH_MEMORY), like any allocation on the way.
+  HANDLE hThread =
+      QltContain<HANDLE>(nullptr, [this] { return CreateThread(nullptr, 0, ThreadProc, this, 0, nullptr); });
+  if (!hThread) {
+    m_fnBody = nullptr;
+    return FALSE;
+  }
+  m_hThread = hThread;
+  m_bStarted.store(true, std::memory_order_release);
+  return TRUE;
+}
+
+inline void CWorkerThread::RequestStop() {
+  m_bStopRequested.store(true, std::memory_order_release);
+  if (m_hStopEvent) SetEvent(m_hStopEvent);
+}
+
+inline void CWorkerThread::Join() {
+  if (!m_hThread) return;
+  WaitForSingleObject(m_hThread, INFINITE);
+  CloseHandle(m_hThread);
+  m_hThread = nullptr;
+  m_fnBody = nullptr;
+  m_bStarted.store(false, std::memory_order_release);
+}
+
+inline DWORD WINAPI CWorkerThread::ThreadProc(LPVOID pParam) {
+  auto* pSelf = static_cast<CWorkerThread*>(pParam);
+  try {
+    pSelf->m_fnBody();
+  } catch (...) {
+    // Nothing may leave a thread: the owner learns of the end by Join.
+  }
+  return 0;
+}
+
+#endif  // QLTFSDK_PLATFORM_WORKER_THREAD_H
