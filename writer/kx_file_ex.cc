@@ -17,12 +17,12 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
   m_info.nCacheMode = 0;
   m_info.nOpMode = 1;
   m_info.nReserved = 0;
-  m_info.dwMemoryPoolSize = 33554432;
+  m_info.dwMemoryPoolSize = CDataFifoMan::kDefaultMemoryPoolSize;
   m_info.bstrDiskPoolPath = nullptr;
   m_info.dwDiskPoolSize = 4194304;
-  m_info.dwWriteCacheSize = 16777216;
+  m_info.dwWriteCacheSize = KxDataFifoPool::kDefaultWriteCacheSize;
   m_nBlockSize = SdkSettings.WriteBufSize;
-  if (m_nBlockSize < 1) m_nBlockSize = kDefaultBlockSize;
+  if (m_nBlockSize < 1) m_nBlockSize = kDefaultWriteBufSize;
   m_nStagingCapacity = static_cast<int64_t>(m_nBlockSize) + kStagingSlack;
   m_pStaging = new BYTE[static_cast<size_t>(m_nStagingCapacity)];
   // The writer always takes the buffered block-write route.

@@ -11,7 +11,6 @@ namespace qlt::writer {
 constexpr uint64_t kForcedFlushBytes = 16777216;  // a flush is forced past this many bytes
 constexpr int32_t kStagingSlack = 1024;           // spare bytes behind each staging buffer
 constexpr int32_t kErrorCode = 200;               // the writer's code in the error-code register
-constexpr int32_t kDefaultBlockSize = 524288;     // block size when the settings give none
 
 // True for the two values that name no file.
 inline bool IsBadHandle(HANDLE h) { return h == nullptr || h == INVALID_HANDLE_VALUE; }
