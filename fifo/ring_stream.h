@@ -148,7 +148,6 @@ class CRingStream {
   void UninitStream();
 
  private:
-  // The four below require m_csStream.
   bool EndedLocked() const REQUIRES(m_csStream);  // ended for the reader: marked, no write in flight
   // False when a wait failed; nLen cut at the end. Leaves m_csStream while
   // it waits and holds it again on return.
@@ -190,7 +189,7 @@ class CRingStream {
   std::atomic<LONG> m_nDataLen{0};  // written under m_csStream; HasData reads it
                                     // without the lock (relaxed: a hint only)
   LONG m_nFreeLen GUARDED_BY(m_csStream) = 0;  // what a writer may write now
-  LONG m_nHeld GUARDED_BY(m_csStream) = 0;  // unread bytes counted free
+  LONG m_nHeld GUARDED_BY(m_csStream) = 0;     // unread bytes counted free
   // What a waiting side waits for (valid while its RS_*_WAITING flag is
   // set): the other side signals only once that much is there.
   LONG m_nReaderNeeds GUARDED_BY(m_csStream) = 0;  // bytes of data
