@@ -28,7 +28,8 @@ struct Store {
   Store() { InitializeCriticalSection(&m_cs); }
   CRITICAL_SECTION m_cs;
   std::map<std::string, std::weak_ptr<spdlog::logger>> m_mapLogs GUARDED_BY(m_cs);
-  std::map<std::string, ULONGLONG> m_mapRetryAt GUARDED_BY(m_cs);  // path -> GetTickCount64 from which it is tried again
+  // Path -> the GetTickCount64 value from which it is tried again.
+  std::map<std::string, ULONGLONG> m_mapRetryAt GUARDED_BY(m_cs);
   size_t m_nMaxBytes GUARDED_BY(m_cs) = kDefaultMaxBytes;
   size_t m_nMaxFiles GUARDED_BY(m_cs) = kDefaultMaxFiles;
 };
