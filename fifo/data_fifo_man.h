@@ -194,7 +194,7 @@ class CDataFifoMan {
   BYTE* m_pMoveBuffer = nullptr;
   DWORD m_nMoveBufferSize = 0;            // its size
   CFifoDiskFile* m_pMoveFile GUARDED_BY(m_csFiles) = nullptr;  // file of the requested move
-  LONG m_nMoveIndex = 0;                  // its index in m_arrDiskFiles (always 0)
+  LONG m_nMoveIndex GUARDED_BY(m_csFiles) = 0;                 // its index in m_arrDiskFiles (always 0)
   std::atomic<bool> m_bEndOfData{false};  // producer ended; written under m_csFiles
   // Moves requested and not finished (0 or 1). Changed under m_csFiles.
   std::atomic<LONG> m_nPendingMoves{0};
