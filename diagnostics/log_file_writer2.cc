@@ -2,7 +2,6 @@
 
 #include <cwchar>
 #include <map>
-#include <mutex>
 
 #include "platform/platform.h"
 
@@ -56,8 +55,9 @@ struct FailedOpen {
 };
 
 struct FailedOpens {
-  std::mutex lock;
-  std::map<std::wstring, FailedOpen> byPath;  // guarded by lock
+  FailedOpens() { InitializeCriticalSection(&lock); }
+  CRITICAL_SECTION lock;
+  std::map<std::wstring, FailedOpen> byPath GUARDED_BY(lock);
 };
 
 FailedOpens& Failures() {
@@ -75,7 +75,7 @@ bool FolderExists(const std::wstring& path) {
 // True while path is paused after a failed open.
 bool Paused(const std::wstring& path) {
   FailedOpens& f = Failures();
-  std::lock_guard<std::mutex> g(f.lock);
+  CAutoLock g(&f.lock);
   auto it = f.byPath.find(path);
   if (it == f.byPath.end()) return false;
   if (GetTickCount64() < it->second.retryAt && !(it->second.bFolderWasMissing && FolderExists(path))) return true;
@@ -87,7 +87,7 @@ bool Paused(const std::wstring& path) {
 // pause the log.
 void RecordOpen(const std::wstring& path, bool bOpened, DWORD dwError) {
   FailedOpens& f = Failures();
-  std::lock_guard<std::mutex> g(f.lock);
+  CAutoLock g(&f.lock);
   if (bOpened || dwError == ERROR_NOT_ENOUGH_MEMORY) {
     f.byPath.erase(path);
     return;

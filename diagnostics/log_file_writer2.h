@@ -73,10 +73,10 @@ class CLogFileWriter2 {
   int WriteText(const std::wstring& text, bool bFlushNow);
 
   std::atomic<bool> m_bEnabled{true};  // relaxed: an independent switch
-  CLogTextFile m_file;                 // guarded by m_cs
-  std::wstring m_strCurrentPath;       // guarded by m_cs
-  int32_t m_nUnflushedWrites = 0;      // guarded by m_cs
-  LogFileOptions m_options;            // guarded by m_cs
+  CLogTextFile m_file GUARDED_BY(m_cs);
+  std::wstring m_strCurrentPath GUARDED_BY(m_cs);
+  int32_t m_nUnflushedWrites GUARDED_BY(m_cs) = 0;
+  LogFileOptions m_options GUARDED_BY(m_cs);
   CRITICAL_SECTION m_cs;               // re-entrant: Write may reopen, Open closes
 };
 

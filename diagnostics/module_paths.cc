@@ -1,7 +1,6 @@
 #include "diagnostics/module_paths.h"
 
 #include <atomic>
-#include <mutex>
 
 #include "platform/platform.h"
 
@@ -13,8 +12,9 @@ namespace {
 std::atomic<HMODULE> g_hSdkModule{nullptr};
 
 struct ModuleDirOverride {
-  std::mutex lock;
-  std::wstring strDir;  // guarded by lock; empty: no override
+  ModuleDirOverride() { InitializeCriticalSection(&lock); }
+  CRITICAL_SECTION lock;
+  std::wstring strDir GUARDED_BY(lock);  // empty: no override
 };
 
 ModuleDirOverride& Override() {
@@ -42,14 +42,14 @@ std::wstring DirectoryOfPath(const std::wstring& path) {
 
 void SetModuleDirectoryOverride(const std::wstring& dir) {
   ModuleDirOverride& o = Override();
-  std::lock_guard<std::mutex> guard(o.lock);
+  CAutoLock guard(&o.lock);
   o.strDir = dir;
 }
 
 std::wstring GetModuleDirectory() {
   {
     ModuleDirOverride& o = Override();
-    std::lock_guard<std::mutex> guard(o.lock);
+    CAutoLock guard(&o.lock);
     if (!o.strDir.empty()) return o.strDir;
   }
   HMODULE hModule = GetSdkModuleHandle();

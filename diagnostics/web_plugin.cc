@@ -6,11 +6,12 @@
 
 namespace {
 
-// The plug-in's process-wide state. Both fields are guarded by m_cs.
+// The plug-in's process-wide state. Both fields are guarded by m_cs, which
+// QltWebPluginSection names.
 struct WebPlugin {
   CRITICAL_SECTION m_cs;
-  HMODULE m_hModule = nullptr;               // loaded once, never freed
-  std::wstring m_strName = QLT_WEBFILE_DLL;  // what LoadLibraryW is given
+  HMODULE m_hModule GUARDED_BY(QltWebPluginSection()) = nullptr;               // loaded once, never freed
+  std::wstring m_strName GUARDED_BY(QltWebPluginSection()) = QLT_WEBFILE_DLL;  // what LoadLibraryW is given
 };
 
 WebPlugin& Plugin() {
@@ -35,9 +36,11 @@ std::wstring QltUrlScheme(LPCWSTR path) {
   return scheme;
 }
 
-CWebPluginLock::CWebPluginLock() { EnterCriticalSection(&Plugin().m_cs); }
+CRITICAL_SECTION& QltWebPluginSection() { return Plugin().m_cs; }
 
-CWebPluginLock::~CWebPluginLock() { LeaveCriticalSection(&Plugin().m_cs); }
+CWebPluginLock::CWebPluginLock() { EnterCriticalSection(&QltWebPluginSection()); }
+
+CWebPluginLock::~CWebPluginLock() { LeaveCriticalSection(&QltWebPluginSection()); }
 
 HMODULE QltWebPluginModuleLocked() {
   WebPlugin& p = Plugin();

@@ -15,28 +15,33 @@
 #include <string>
 
 #include "companions/webfile/web_file_api.h"
+#include "platform/platform.h"
 
 // The text before the first "://" of path, in upper case; empty when the
 // path holds no "://" (or is null). "ftp://h/x" gives "FTP".
 std::wstring QltUrlScheme(LPCWSTR path);
 
+// The process-wide plug-in lock. Take it through CWebPluginLock; it is
+// named here so that the functions below can require it.
+CRITICAL_SECTION& QltWebPluginSection();
+
 // Holds the process-wide plug-in lock from construction to destruction.
-class CWebPluginLock {
+class SCOPED_CAPABILITY CWebPluginLock {
  public:
-  CWebPluginLock();
-  ~CWebPluginLock();
+  CWebPluginLock() ACQUIRE(QltWebPluginSection());
+  ~CWebPluginLock() RELEASE();
   CWebPluginLock(const CWebPluginLock&) = delete;
   CWebPluginLock& operator=(const CWebPluginLock&) = delete;
 };
 
-// REQUIRES the plug-in lock. The plug-in's module handle, loading it first
+// Requires the plug-in lock. The plug-in's module handle, loading it first
 // when no earlier call has; null (last error set) when it cannot be loaded.
-HMODULE QltWebPluginModuleLocked();
-// REQUIRES the plug-in lock. The plug-in's "CreateWebFileWriter" /
+HMODULE QltWebPluginModuleLocked() REQUIRES(QltWebPluginSection());
+// Require the plug-in lock. The plug-in's "CreateWebFileWriter" /
 // "WebFileIsExist", loading the plug-in first if needed; null when the
 // module or the function is missing.
-PFN_CreateWebFileWriter QltWebPluginCreateWriterLocked();
-PFN_WebFileIsExist QltWebPluginIsExistLocked();
+PFN_CreateWebFileWriter QltWebPluginCreateWriterLocked() REQUIRES(QltWebPluginSection());
+PFN_WebFileIsExist QltWebPluginIsExistLocked() REQUIRES(QltWebPluginSection());
 
 // Takes the lock, loads the plug-in if needed and calls its
 // "CreateWebFileWriter". The new object, which the caller ends with

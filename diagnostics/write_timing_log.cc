@@ -17,7 +17,7 @@ struct TimingLogState {
   // object. Every writer holds a reference while it writes, so the object
   // cannot be destroyed under a timed write.
   std::atomic<QLT_LogBookU*> pLog{nullptr};
-  int32_t nHolders = 0;  // guarded by cs
+  int32_t nHolders GUARDED_BY(cs) = 0;
 };
 
 TimingLogState& State() {

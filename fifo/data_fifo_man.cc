@@ -363,14 +363,18 @@ void CDataFifoMan::MoverLoop() {
       CAutoLock lock(&m_csFiles);
       pFile = m_pMoveFile;
     }
-    EnterCriticalSection(&m_csWriteFile);
-    bool bHoldWrite = pFile && pFile == m_pWriteFile;
-    if (bHoldWrite)
-      m_pWriteFile = nullptr;  // the producer's next disk record opens a new file
-    else
-      LeaveCriticalSection(&m_csWriteFile);
-    if (pFile) MoveFileToMemory(pFile);
-    if (bHoldWrite) LeaveCriticalSection(&m_csWriteFile);
+    bool bMoved = false;
+    {
+      CAutoLock lockWrite(&m_csWriteFile);
+      if (pFile && pFile == m_pWriteFile) {
+        // The file still receives records: keep the producer off it while
+        // it moves; the producer's next disk record opens a new file.
+        m_pWriteFile = nullptr;
+        MoveFileToMemory(pFile);
+        bMoved = true;
+      }
+    }
+    if (pFile && !bMoved) MoveFileToMemory(pFile);
 
     CAutoLock lock(&m_csFiles);
     ResetEvent(m_hWorkEvent);

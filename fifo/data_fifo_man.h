@@ -150,17 +150,17 @@ class CDataFifoMan {
   bool WriteRecordToRing(const void* pPayload, LONG nLen, const void* pRest = nullptr, LONG nRest = 0);
   void WriteMemoryFirst(const void* pPayload, LONG nLen);
   void WriteToDisk(const void* pPayload, LONG nLen);
-  CFifoDiskFile* OpenNewDiskFile();
+  CFifoDiskFile* OpenNewDiskFile() REQUIRES(m_csWriteFile);
   void MoveFileToMemory(CFifoDiskFile* pFile);
   // Requires m_csFiles. Asks the mover for the oldest file when no move is
   // pending and the ring has room for it.
-  void RequestMoveLocked();
+  void RequestMoveLocked() REQUIRES(m_csFiles);
   // Requires m_csFiles. Marks the ring's end once the producer has ended and
   // every disk file has been moved back.
-  void MarkEndIfDrainedLocked();
+  void MarkEndIfDrainedLocked() REQUIRES(m_csFiles);
   // Requires m_csFiles. Sends new records to memory again once no file is
   // left, no move is pending and the ring has the low-water room free.
-  void LeaveDiskStateIfDrainedLocked();
+  void LeaveDiskStateIfDrainedLocked() REQUIRES(m_csFiles);
 
   // Mover thread: started by StartFifo or SetBufferingMode(1), joined by
   // StopFifo (controlling thread only).
@@ -180,24 +180,24 @@ class CDataFifoMan {
   CRingStream* m_pMemoryPool = nullptr;
   std::atomic<DWORD> m_nRingCapacity{0};             // capacity of m_pMemoryPool; 0 when none
   DWORD m_nMemoryPoolSize = kDefaultMemoryPoolSize;  // controlling thread only
-  std::wstring m_strDiskPath = L"C:\\Temp";          // guarded by m_csFiles
+  std::wstring m_strDiskPath GUARDED_BY(m_csFiles) = L"C:\\Temp";
   // 0: new records go to memory; 1: to disk. Written under m_csFiles; the
   // producer also reads it without the lock (acquire) to pick its path. Only
   // the producer turns it to 1 and only the mover back to 0, so a stale 1
   // merely sends the producer to WriteToDisk, which re-checks under the lock.
   std::atomic<LONG> m_nDiskState{0};
-  std::deque<CFifoDiskFile*> m_arrDiskFiles;  // owned, oldest first; guarded by m_csFiles
-  CFifoDiskFile* m_pWriteFile = nullptr;      // file receiving records; guarded by m_csWriteFile
+  std::deque<CFifoDiskFile*> m_arrDiskFiles GUARDED_BY(m_csFiles);  // owned, oldest first
+  CFifoDiskFile* m_pWriteFile GUARDED_BY(m_csWriteFile) = nullptr;  // file receiving records
   CRITICAL_SECTION m_csWriteFile;             // m_pWriteFile and disk writing
   CRITICAL_SECTION m_csRead;                  // serialises ReadBuffer; held across its ring waits
-  CRITICAL_SECTION m_csFiles;                 // m_arrDiskFiles, m_nDiskState, m_pMoveFile
+  CRITICAL_SECTION m_csFiles ACQUIRED_AFTER(m_csWriteFile, m_csRead);  // m_arrDiskFiles, m_nDiskState, m_pMoveFile
   DWORD m_nLowWater = kLowWater;
   // Mover's staging buffer, allocated by its first move (at least 1 MiB);
   // mover thread only while it runs, freed by the destructor.
   BYTE* m_pMoveBuffer = nullptr;
   DWORD m_nMoveBufferSize = 0;            // its size
-  CFifoDiskFile* m_pMoveFile = nullptr;   // file of the requested move; guarded by m_csFiles
-  LONG m_nMoveIndex = 0;                  // its index in m_arrDiskFiles (always 0)
+  CFifoDiskFile* m_pMoveFile GUARDED_BY(m_csFiles) = nullptr;  // file of the requested move
+  LONG m_nMoveIndex GUARDED_BY(m_csFiles) = 0;                 // its index in m_arrDiskFiles (always 0)
   std::atomic<bool> m_bEndOfData{false};  // producer ended; written under m_csFiles
   // Moves requested and not finished (0 or 1). Changed under m_csFiles.
   std::atomic<LONG> m_nPendingMoves{0};

@@ -1,7 +1,6 @@
 // The ring memory store: a short array of released regions, oldest first.
 #include "fifo/ring_memory.h"
 
-#include <mutex>
 #include <new>
 
 namespace qlt::fifo {
@@ -13,10 +12,11 @@ struct Region {
 };
 
 struct Store {
-  std::mutex lock;
-  Region kept[kKeptRegions];  // guarded by lock; [0, nKept) in the order released
-  size_t nKept = 0;           // guarded by lock
-  size_t nKeptBytes = 0;      // guarded by lock; the sum of their sizes
+  Store() { InitializeCriticalSection(&lock); }
+  CRITICAL_SECTION lock;
+  Region kept[kKeptRegions] GUARDED_BY(lock);  // [0, nKept) in the order released
+  size_t nKept GUARDED_BY(lock) = 0;
+  size_t nKeptBytes GUARDED_BY(lock) = 0;  // the sum of their sizes
 };
 
 Store& TheStore() {
@@ -24,8 +24,8 @@ Store& TheStore() {
   return *store;
 }
 
-// Requires the store's lock. Removes kept[i] and returns it.
-Region TakeLocked(Store& s, size_t i) {
+// Removes kept[i] and returns it.
+Region TakeLocked(Store& s, size_t i) REQUIRES(s.lock) {
   Region r = s.kept[i];
   for (size_t j = i + 1; j < s.nKept; ++j) s.kept[j - 1] = s.kept[j];
   --s.nKept;
@@ -40,7 +40,7 @@ BYTE* AllocRingMemory(size_t nSize) noexcept {
   if (nSize < kRegionFrom) return new (std::nothrow) BYTE[nSize];
   {
     Store& s = TheStore();
-    std::lock_guard<std::mutex> lock(s.lock);
+    CAutoLock lock(&s.lock);
     for (size_t i = s.nKept; i-- > 0;) {  // the most recently released first: the warmest
       if (s.kept[i].n == nSize) return TakeLocked(s, i).p;
     }
@@ -61,7 +61,7 @@ void FreeRingMemory(BYTE* pMemory, size_t nSize) noexcept {
     gone[nGone++] = {pMemory, nSize};
   } else {
     Store& s = TheStore();
-    std::lock_guard<std::mutex> lock(s.lock);
+    CAutoLock lock(&s.lock);
     while (s.nKept == kKeptRegions || s.nKeptBytes + nSize > kKeptBytes) gone[nGone++] = TakeLocked(s, 0);
     s.kept[s.nKept++] = {pMemory, nSize};
     s.nKeptBytes += nSize;
@@ -74,7 +74,7 @@ void ReleaseKeptRingMemory() noexcept {
   size_t nGone = 0;
   {
     Store& s = TheStore();
-    std::lock_guard<std::mutex> lock(s.lock);
+    CAutoLock lock(&s.lock);
     while (s.nKept > 0) gone[nGone++] = TakeLocked(s, 0);
   }
   for (size_t i = 0; i < nGone; ++i) VirtualFree(gone[i].p, 0, MEM_RELEASE);

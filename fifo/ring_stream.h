@@ -148,15 +148,16 @@ class CRingStream {
   void UninitStream();
 
  private:
-  // The three below require m_csStream.
-  bool EndedLocked() const;            // ended for the reader: marked, no write in flight
-  bool WaitForDataLocked(LONG& nLen);  // false when a wait failed; nLen cut at the end
-  void WakeWriterLocked();
-  void MarkEndLocked();
+  bool EndedLocked() const REQUIRES(m_csStream);  // ended for the reader: marked, no write in flight
+  // False when a wait failed; nLen cut at the end. Leaves m_csStream while
+  // it waits and holds it again on return.
+  bool WaitForDataLocked(LONG& nLen) REQUIRES(m_csStream);
+  void WakeWriterLocked() REQUIRES(m_csStream);
+  void MarkEndLocked() REQUIRES(m_csStream);
   void CopyIn(DWORD nPos, const BYTE* pSrc, DWORD nLen);
 
   const std::wstring m_strName;  // label; immutable
-  BYTE m_byState = 0;            // guarded by m_csStream
+  BYTE m_byState GUARDED_BY(m_csStream) = 0;
   BYTE* m_pBuffer = nullptr;     // owned; replaced only by Init/UninitStream
   DWORD m_nBufferSize = 0;       // capacity <= kMaxCapacity; changed only by InitStream
   DWORD m_nHoldRoom = 0;         // bytes beyond the capacity for HoldData; as m_nBufferSize
@@ -183,16 +184,16 @@ class CRingStream {
   // m_nHeld <= m_nHoldRoom, so a writer that fits m_nFreeLen never reaches
   // held bytes within the m_nSpan bytes allocated; unread bytes (held ones
   // first) run from m_nReadPos forward, wrapping at m_nSpan, to m_nWritePos.
-  DWORD m_nReadPos = 0;             // guarded by m_csStream
-  DWORD m_nWritePos = 0;            // guarded by m_csStream
+  DWORD m_nReadPos GUARDED_BY(m_csStream) = 0;
+  DWORD m_nWritePos GUARDED_BY(m_csStream) = 0;
   std::atomic<LONG> m_nDataLen{0};  // written under m_csStream; HasData reads it
                                     // without the lock (relaxed: a hint only)
-  LONG m_nFreeLen = 0;              // guarded by m_csStream; what a writer may write now
-  LONG m_nHeld = 0;                 // guarded by m_csStream; unread bytes counted free
+  LONG m_nFreeLen GUARDED_BY(m_csStream) = 0;  // what a writer may write now
+  LONG m_nHeld GUARDED_BY(m_csStream) = 0;     // unread bytes counted free
   // What a waiting side waits for (valid while its RS_*_WAITING flag is
   // set): the other side signals only once that much is there.
-  LONG m_nReaderNeeds = 0;  // guarded by m_csStream; bytes of data
-  LONG m_nWriterNeeds = 0;  // guarded by m_csStream; bytes of free space
+  LONG m_nReaderNeeds GUARDED_BY(m_csStream) = 0;  // bytes of data
+  LONG m_nWriterNeeds GUARDED_BY(m_csStream) = 0;  // bytes of free space
 };
 
 // The file access back-ends' name for the same ring.

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "platform/internal.h"
@@ -17,8 +16,8 @@ namespace {
 
 struct FindObject : KObject {
   std::vector<WIN32_FIND_DATAW> entries;  // matches, in the order the directory gave them
-  size_t next = 0;                        // guarded by lock
-  std::mutex lock;                        // two threads may step one search handle
+  size_t next GUARDED_BY(lock) = 1;       // entry 0 goes to the call that opens the search
+  CRITICAL_SECTION lock;                  // two threads may step one search handle
 };
 
 DWORD AttributesOf(const struct stat& st) {
@@ -129,7 +128,6 @@ HANDLE qlt::win::FindFirstFileW(LPCWSTR pattern, WIN32_FIND_DATAW* pData) {
       SetLastError(ERROR_FILE_NOT_FOUND);
       return INVALID_HANDLE_VALUE;
     }
-    f->next = 1;
     HANDLE h = InsertHandle(f.get());
     *pData = f->entries[0];
     return h;
@@ -140,7 +138,7 @@ BOOL qlt::win::FindNextFileW(HANDLE hFind, WIN32_FIND_DATAW* pData) {
   Ref<FindObject> f = Lookup<FindObject>(hFind);
   if (!f) return FALSE;
   if (!pData) return Fail(ERROR_INVALID_PARAMETER);
-  std::lock_guard<std::mutex> g(f->lock);
+  CAutoLock g(&f->lock);
   if (f->next >= f->entries.size()) return Fail(ERROR_NO_MORE_FILES);
   *pData = f->entries[f->next++];
   return TRUE;

@@ -1,7 +1,6 @@
 // The test-only fault control.
 #include <fnmatch.h>
 
-#include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -24,9 +23,9 @@ struct ArmedRule {
 };
 
 struct Rules {
-  std::mutex lock;
-  std::vector<ArmedRule> rules;  // guarded by lock
-  int nextId = 1;                // guarded by lock
+  CRITICAL_SECTION lock;
+  std::vector<ArmedRule> rules GUARDED_BY(lock);
+  int nextId GUARDED_BY(lock) = 1;
 };
 
 Rules& All() {
@@ -48,7 +47,7 @@ bool Match(unsigned op, const std::string& nativePath, HANDLE h, Outcome* out) {
   bool act = false;
   {
     Rules& r = All();
-    std::lock_guard<std::mutex> g(r.lock);
+    CAutoLock g(&r.lock);
     for (ArmedRule& a : r.rules) {
       if (!(a.rule.ops & op)) continue;
       if (a.rule.handle && a.rule.handle != h) continue;
@@ -102,7 +101,7 @@ using plat::faults::g_nArmed;
 
 int Arm(const Rule& rule) {
   auto& r = All();
-  std::lock_guard<std::mutex> g(r.lock);
+  CAutoLock g(&r.lock);
   int id = r.nextId++;
   r.rules.push_back(plat::faults::ArmedRule{id, rule, plat::faults::NativePattern(rule.pathPattern)});
   g_nArmed.fetch_add(1, std::memory_order_relaxed);
@@ -111,7 +110,7 @@ int Arm(const Rule& rule) {
 
 void Disarm(int id) {
   auto& r = All();
-  std::lock_guard<std::mutex> g(r.lock);
+  CAutoLock g(&r.lock);
   for (size_t i = 0; i < r.rules.size(); ++i)
     if (r.rules[i].id == id) {
       r.rules.erase(r.rules.begin() + static_cast<long>(i));
@@ -122,14 +121,14 @@ void Disarm(int id) {
 
 void DisarmAll() {
   auto& r = All();
-  std::lock_guard<std::mutex> g(r.lock);
+  CAutoLock g(&r.lock);
   g_nArmed.fetch_sub(static_cast<int>(r.rules.size()), std::memory_order_relaxed);
   r.rules.clear();
 }
 
 int Fired(int id) {
   auto& r = All();
-  std::lock_guard<std::mutex> g(r.lock);
+  CAutoLock g(&r.lock);
   for (const auto& a : r.rules)
     if (a.id == id) return a.fired;
   return 0;

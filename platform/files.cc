@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "platform/internal.h"
@@ -40,8 +39,8 @@ struct OpenEntry {
   DWORD share;
   const FileObject* owner;
 };
-std::mutex& ShareLock() {
-  static std::mutex* m = new std::mutex;
+CRITICAL_SECTION& ShareLock() {
+  static CRITICAL_SECTION* m = new CRITICAL_SECTION;
   return *m;
 }
 std::map<std::pair<dev_t, ino_t>, std::vector<OpenEntry>>& ShareTable() {
@@ -51,8 +50,7 @@ std::map<std::pair<dev_t, ino_t>, std::vector<OpenEntry>>& ShareTable() {
 
 bool Wants(DWORD access, DWORD bit) { return (access & (bit | GENERIC_ALL)) != 0; }
 
-// REQUIRES: ShareLock() held.
-bool ShareConflictLocked(dev_t dev, ino_t ino, DWORD access, DWORD share) {
+bool ShareConflictLocked(dev_t dev, ino_t ino, DWORD access, DWORD share) REQUIRES(ShareLock()) {
   auto it = ShareTable().find({dev, ino});
   if (it == ShareTable().end()) return false;
   for (const OpenEntry& e : it->second) {
@@ -66,8 +64,8 @@ bool ShareConflictLocked(dev_t dev, ino_t ino, DWORD access, DWORD share) {
 
 Ref<FileObject> FileOf(HANDLE h) { return Lookup<FileObject>(h); }
 
-// REQUIRES: ShareLock() held. Drops f's entry from the share table.
-void UnshareLocked(FileObject* f) {
+// Drops f's entry from the share table.
+void UnshareLocked(FileObject* f) REQUIRES(ShareLock()) {
   if (!f->shared) return;
   f->shared = false;
   auto it = ShareTable().find({f->dev, f->ino});
@@ -107,7 +105,7 @@ BOOL FileObject::OnClose() {
   bool fail = InjectFault(qlt::fault::kClose, this, nullptr);
   DWORD err = GetLastError();
   {
-    std::lock_guard<std::mutex> g(ShareLock());
+    CAutoLock g(&ShareLock());
     UnshareLocked(this);
     if (deleteOnClose) ::unlink(path.c_str());
   }
@@ -162,7 +160,7 @@ HANDLE qlt::win::CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DWORD dw
     f->path = path;
     faults::CheckAlloc();
 
-    std::lock_guard<std::mutex> g(ShareLock());
+    CAutoLock g(&ShareLock());
     struct stat before {};
     bool existed = ::stat(path.c_str(), &before) == 0;
     if (existed && S_ISDIR(before.st_mode)) {
@@ -369,7 +367,7 @@ BOOL qlt::win::DeleteFileW(LPCWSTR path) {
     std::string p;
     if (!TranslatePath(path, &p)) return FALSE;
     if (faults::InjectPathFault(qlt::fault::kDelete, p)) return FALSE;
-    std::lock_guard<std::mutex> g(ShareLock());
+    CAutoLock g(&ShareLock());
     struct stat st {};
     if (::lstat(p.c_str(), &st) != 0) return FailErrno();
     if (S_ISDIR(st.st_mode)) return Fail(ERROR_ACCESS_DENIED);
@@ -386,7 +384,7 @@ BOOL qlt::win::MoveFileExW(LPCWSTR from, LPCWSTR to, DWORD flags) {
   return NoThrow<BOOL>(FALSE, [&]() -> BOOL {
     std::string a, b;
     if (!TranslatePath(from, &a) || !TranslatePath(to, &b)) return FALSE;
-    std::lock_guard<std::mutex> g(ShareLock());
+    CAutoLock g(&ShareLock());
     // As on Windows, a file open without FILE_SHARE_DELETE can be neither
     // moved nor replaced.
     for (const std::string* p : {&a, &b}) {

@@ -8,7 +8,6 @@
 // generation no longer matches even then (until the 32-bit generation of that
 // one slot wraps, after 2^32 reuses).
 #include <cerrno>
-#include <mutex>
 #include <new>
 #include <vector>
 
@@ -28,10 +27,10 @@ struct Slot {
 // Free slots form a FIFO list threaded through the slots themselves, so
 // closing a handle never allocates.
 struct Table {
-  std::mutex lock;
-  std::vector<Slot> slots;    // guarded by lock
-  uint32_t freeHead = kNone;  // guarded by lock: oldest free slot
-  uint32_t freeTail = kNone;  // guarded by lock: newest free slot
+  CRITICAL_SECTION lock;
+  std::vector<Slot> slots GUARDED_BY(lock);
+  uint32_t freeHead GUARDED_BY(lock) = kNone;  // oldest free slot
+  uint32_t freeTail GUARDED_BY(lock) = kNone;  // newest free slot
 };
 
 Table& Handles() {
@@ -54,8 +53,8 @@ bool Decode(HANDLE h, uint32_t* index, uint32_t* gen) {
   return true;
 }
 
-// REQUIRES: t.lock held. The slot h names when it is open, else null.
-Slot* OpenSlotLocked(Table& t, HANDLE h) {
+// The slot h names when it is open, else null.
+Slot* OpenSlotLocked(Table& t, HANDLE h) REQUIRES(t.lock) {
   uint32_t index, gen;
   if (!Decode(h, &index, &gen) || index >= t.slots.size()) return nullptr;
   Slot& s = t.slots[index];
@@ -67,7 +66,7 @@ Slot* OpenSlotLocked(Table& t, HANDLE h) {
 HANDLE InsertHandle(KObject* obj) {
   faults::CheckAlloc();
   Table& t = Handles();
-  std::lock_guard<std::mutex> g(t.lock);
+  CAutoLock g(&t.lock);
   uint32_t index;
   if (t.freeHead != kNone) {
     index = t.freeHead;
@@ -86,7 +85,7 @@ HANDLE InsertHandle(KObject* obj) {
 
 KObject* ReferenceHandle(HANDLE h) {
   Table& t = Handles();
-  std::lock_guard<std::mutex> g(t.lock);
+  CAutoLock g(&t.lock);
   Slot* s = OpenSlotLocked(t, h);
   if (!s) return nullptr;
   s->obj->AddRef();
@@ -95,7 +94,7 @@ KObject* ReferenceHandle(HANDLE h) {
 
 KObject* TakeHandle(HANDLE h) {
   Table& t = Handles();
-  std::lock_guard<std::mutex> g(t.lock);
+  CAutoLock g(&t.lock);
   Slot* s = OpenSlotLocked(t, h);
   if (!s) return nullptr;
   KObject* obj = s->obj;

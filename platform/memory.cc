@@ -3,7 +3,6 @@
 #include <sys/mman.h>
 
 #include <cstddef>
-#include <mutex>
 #include <unordered_map>
 
 #include "platform/internal.h"
@@ -16,9 +15,9 @@ constexpr size_t kLargePage = size_t{2} << 20;
 
 // Region start -> length: VirtualFree releases by address alone, munmap
 // needs the length.
-std::mutex& RegionLock() {
-  static std::mutex m;
-  return m;
+CRITICAL_SECTION& RegionLock() {
+  static CRITICAL_SECTION* m = new CRITICAL_SECTION;  // outlives static destructors, as the map does
+  return *m;
 }
 std::unordered_map<void*, size_t>& Regions() {                   // guarded by RegionLock()
   static auto* regions = new std::unordered_map<void*, size_t>;  // outlives static destructors
@@ -42,7 +41,7 @@ LPVOID qlt::win::VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationT
     // A hint only: without large pages the region works the same.
     if (nSize >= kLargePage) ::madvise(p, nSize, MADV_HUGEPAGE);
     try {
-      std::lock_guard<std::mutex> lock(RegionLock());
+      CAutoLock lock(&RegionLock());
       Regions().emplace(p, nSize);
     } catch (...) {
       ::munmap(p, nSize);
@@ -55,7 +54,7 @@ LPVOID qlt::win::VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationT
 BOOL qlt::win::VirtualFree(LPVOID pAddress, SIZE_T nSize, DWORD dwFreeType) {
   size_t nLength = 0;
   if (pAddress && nSize == 0 && dwFreeType == MEM_RELEASE) {
-    std::lock_guard<std::mutex> lock(RegionLock());
+    CAutoLock lock(&RegionLock());
     auto it = Regions().find(pAddress);
     if (it != Regions().end()) {
       nLength = it->second;

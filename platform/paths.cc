@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cwctype>
 #include <map>
-#include <mutex>
 
 #include "platform/internal.h"
 
@@ -26,10 +25,10 @@ struct Drive {
 };
 
 struct DriveMap {
-  std::mutex lock;
-  std::map<wchar_t, Drive> drives;  // guarded by lock; keys are upper case
-  bool bInitialised = false;        // guarded by lock: default C: entered
-  bool bDefaultCreated = false;     // guarded by lock: default C: directory made
+  CRITICAL_SECTION lock;
+  std::map<wchar_t, Drive> drives GUARDED_BY(lock);  // keys are upper case
+  bool bInitialised GUARDED_BY(lock) = false;        // default C: entered
+  bool bDefaultCreated GUARDED_BY(lock) = false;     // default C: directory made
 };
 
 DriveMap& Map() {
@@ -52,8 +51,7 @@ void MakeDirs(const std::string& dir) {
   }
 }
 
-// REQUIRES: m.lock held.
-void InitialiseLocked(DriveMap& m) {
+void InitialiseLocked(DriveMap& m) REQUIRES(m.lock) {
   if (m.bInitialised) return;
   m.drives[L'C'] = Drive{DefaultDriveC(), DRIVE_UNKNOWN};
   m.bInitialised = true;
@@ -62,7 +60,7 @@ void InitialiseLocked(DriveMap& m) {
 // Looks a letter up; creates the default C: directory on its first use.
 bool FindDrive(wchar_t letter, Drive* out) {
   DriveMap& m = Map();
-  std::lock_guard<std::mutex> g(m.lock);
+  CAutoLock g(&m.lock);
   InitialiseLocked(m);
   auto it = m.drives.find(static_cast<wchar_t>(towupper(static_cast<wint_t>(letter))));
   if (it == m.drives.end()) return false;
@@ -156,7 +154,7 @@ extern "C" void QltSetDrive(wchar_t letter, LPCWSTR directory, UINT type) {
   NoThrowVoid([&] {
     if (!IsDriveLetter(letter)) return;
     DriveMap& m = Map();
-    std::lock_guard<std::mutex> g(m.lock);
+    CAutoLock g(&m.lock);
     InitialiseLocked(m);
     wchar_t key = static_cast<wchar_t>(towupper(static_cast<wint_t>(letter)));
     if (!directory || !*directory) {
@@ -174,7 +172,7 @@ extern "C" void QltSetDrive(wchar_t letter, LPCWSTR directory, UINT type) {
 extern "C" void QltResetDriveMap() {
   NoThrowVoid([&] {
     DriveMap& m = Map();
-    std::lock_guard<std::mutex> g(m.lock);
+    CAutoLock g(&m.lock);
     m.drives.clear();
     m.bInitialised = false;
   });

@@ -47,8 +47,8 @@ namespace {
 // leaves the map when its last handle closes (a later create makes a new one).
 struct EventObject;
 struct NameTable {
-  std::mutex lock;
-  std::map<std::wstring, EventObject*> events;  // guarded by lock
+  CRITICAL_SECTION lock;
+  std::map<std::wstring, EventObject*> events GUARDED_BY(lock);
 };
 NameTable& Names() {
   static NameTable* t = new NameTable;
@@ -59,13 +59,12 @@ struct EventObject : Waitable {
   EventObject(bool manual, bool initial) : Waitable(manual, initial) {}
   BOOL OnClose() override {
     if (name.empty()) return TRUE;
-    NameTable& t = Names();
-    std::lock_guard<std::mutex> g(t.lock);
-    if (--handles == 0) t.events.erase(name);
+    CAutoLock g(&Names().lock);
+    if (--handles == 0) Names().events.erase(name);
     return TRUE;
   }
   std::wstring name;  // empty for an unnamed event; set before it is shared
-  int handles = 1;    // open handles of a named event, guarded by Names().lock
+  int handles GUARDED_BY(Names().lock) = 1;  // open handles of a named event
 };
 
 struct ThreadObject : Waitable {
@@ -165,10 +164,9 @@ using namespace qlt::plat;
 HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES /*sa*/, BOOL bManualReset, BOOL bInitialState, LPCWSTR name) {
   return NoThrow<HANDLE>(nullptr, [&]() -> HANDLE {
     if (name && *name) {
-      NameTable& t = Names();
-      std::lock_guard<std::mutex> g(t.lock);
-      auto it = t.events.find(name);
-      if (it != t.events.end()) {
+      CAutoLock g(&Names().lock);
+      auto it = Names().events.find(name);
+      if (it != Names().events.end()) {
         HANDLE h = InsertHandle(it->second);
         ++it->second->handles;
         SetLastError(ERROR_ALREADY_EXISTS);
@@ -176,13 +174,13 @@ HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES /*sa*/, BOOL bManualReset, B
       }
       Ref<EventObject> e(new EventObject(bManualReset != FALSE, bInitialState != FALSE));
       e->name = name;
-      auto slot = t.events.emplace(e->name, e.get()).first;
+      auto slot = Names().events.emplace(e->name, e.get()).first;
       try {
         HANDLE h = InsertHandle(e.get());
         SetLastError(ERROR_SUCCESS);
         return h;
       } catch (...) {
-        t.events.erase(slot);
+        Names().events.erase(slot);
         throw;
       }
     }

@@ -93,8 +93,8 @@ class CNamedTable {
   }
 
  private:
-  // The first record named name, or null. REQUIRES m_cs.
-  Record* Find(BSTR name) {
+  // The first record named name, or null.
+  Record* Find(BSTR name) REQUIRES(m_cs) {
     for (Record& r : m_records) {
       if (SameName(r.bstrFileName, name)) return &r;
     }
@@ -102,7 +102,7 @@ class CNamedTable {
   }
 
   CRITICAL_SECTION m_cs;
-  std::vector<Record> m_records;  // guarded by m_cs; insertion order; names owned
+  std::vector<Record> m_records GUARDED_BY(m_cs);  // insertion order; names owned
 };
 
 // The live writers, in insertion order; not owned.
@@ -158,8 +158,8 @@ class CWriterList {
   }
 
  private:
-  // Index of the listed writer with this GUID, or -1. REQUIRES m_cs.
-  int IndexOf(const GUID& guid) const {
+  // Index of the listed writer with this GUID, or -1.
+  int IndexOf(const GUID& guid) const REQUIRES(m_cs) {
     for (size_t i = 0; i < m_writers.size(); ++i) {
       GUID listed = m_writers[i]->WriterGuid();
       if (std::memcmp(&listed, &guid, sizeof guid) == 0) return static_cast<int>(i);
@@ -167,8 +167,11 @@ class CWriterList {
     return -1;
   }
 
+  // Taken before a writer's own lock (Find calls CopyStatus with it held);
+  // the writer's lock lies behind the interface, so the order is kept by
+  // hand: a writer never registers or unregisters while holding its lock.
   CRITICAL_SECTION m_cs;
-  std::vector<CWriterStatusSource*> m_writers;  // guarded by m_cs
+  std::vector<CWriterStatusSource*> m_writers GUARDED_BY(m_cs);
 };
 
 // The three stores: made when the library loads, before any host code can

@@ -71,16 +71,16 @@ class KxFileTransfer {
   // Calls the host's callback, if any; false when it threw.
   static bool Report(const Settings& settings, int nPercent, LONGLONG nWritten, bool bFinished);
 
-  // Guards the fields marked "m_cs" below. Never held while copying, while
-  // calling the callback or while waiting.
+  // Guards the fields marked GUARDED_BY(m_cs) below. Never held while
+  // copying, while calling the callback or while waiting.
   CRITICAL_SECTION m_cs;
-  KX_TRANS_PROGRESS_CALLBACK m_pfnProgress;  // m_cs; read once per transfer
-  void* m_pUserData;                         // m_cs; read once per transfer
-  int m_nBitrate;                            // m_cs; bits per second
-  CTransferClock* m_pClock;                  // m_cs; read once per transfer
-  bool m_bRunning;                           // m_cs; a transfer is between Begin and End
-  DWORD m_nTransferThreadId;                 // m_cs; thread of the running transfer
-  int m_nAbortWaiters;                       // m_cs; Abort calls waiting for the running transfer
+  KX_TRANS_PROGRESS_CALLBACK m_pfnProgress GUARDED_BY(m_cs);  // read once per transfer
+  void* m_pUserData GUARDED_BY(m_cs);                         // read once per transfer
+  int m_nBitrate GUARDED_BY(m_cs);                            // bits per second
+  CTransferClock* m_pClock GUARDED_BY(m_cs);                  // read once per transfer
+  bool m_bRunning GUARDED_BY(m_cs);                           // a transfer is between Begin and End
+  DWORD m_nTransferThreadId GUARDED_BY(m_cs);                 // thread of the running transfer
+  int m_nAbortWaiters GUARDED_BY(m_cs);                       // Abort calls waiting for the running transfer
 
   // Set by Abort, read once per block without the lock. Cleared under m_cs
   // when a transfer begins, and Abort sets it under m_cs only while

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <new>
 #include <string>
 
@@ -24,13 +23,15 @@ constexpr size_t kDefaultMaxFiles = 5;
 // sink's own open waits between its retries.
 constexpr ULONGLONG kRetryAfterFailureMs = 30000;
 
-// Loggers by file path. Every field is guarded by m_mutex.
+// Loggers by file path.
 struct Store {
-  std::mutex m_mutex;
-  std::map<std::string, std::weak_ptr<spdlog::logger>> m_mapLogs;
-  std::map<std::string, ULONGLONG> m_mapRetryAt;  // path -> GetTickCount64 from which it is tried again
-  size_t m_nMaxBytes = kDefaultMaxBytes;
-  size_t m_nMaxFiles = kDefaultMaxFiles;
+  Store() { InitializeCriticalSection(&m_cs); }
+  CRITICAL_SECTION m_cs;
+  std::map<std::string, std::weak_ptr<spdlog::logger>> m_mapLogs GUARDED_BY(m_cs);
+  // Path -> the GetTickCount64 value from which it is tried again.
+  std::map<std::string, ULONGLONG> m_mapRetryAt GUARDED_BY(m_cs);
+  size_t m_nMaxBytes GUARDED_BY(m_cs) = kDefaultMaxBytes;
+  size_t m_nMaxFiles GUARDED_BY(m_cs) = kDefaultMaxFiles;
 };
 
 // Made when the library loads and destroyed when it unloads, after the
@@ -108,7 +109,7 @@ std::string LogFilePathFor(const std::string& strName) {
 
 std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const std::string& strPath) {
   Store& store = TheStore();
-  std::lock_guard<std::mutex> lock(store.m_mutex);
+  CAutoLock lock(&store.m_cs);
   for (auto it = store.m_mapLogs.begin(); it != store.m_mapLogs.end();) {
     it = it->second.expired() ? store.m_mapLogs.erase(it) : std::next(it);
   }
@@ -152,7 +153,7 @@ std::shared_ptr<spdlog::logger> OpenSharedLog(const std::string& strName, const 
 
 void SetRotation(size_t nMaxBytes, size_t nMaxFiles) {
   Store& store = TheStore();
-  std::lock_guard<std::mutex> lock(store.m_mutex);
+  CAutoLock lock(&store.m_cs);
   store.m_nMaxBytes = nMaxBytes;
   store.m_nMaxFiles = nMaxFiles;
 }

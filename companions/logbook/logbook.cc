@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <mutex>
 
 #include "companions/logbook/line_builder.h"
 #include "companions/logbook/log_store.h"
@@ -49,15 +48,19 @@ std::string Number(double value) {
 
 struct QLT_LogBookU::Impl {
   const uint64_t m_nSerial = g_nNextSerial.fetch_add(1, std::memory_order_relaxed);
-  mutable std::mutex m_mutex;
-  std::string m_strName = kDefaultName;       // guarded by m_mutex
-  std::string m_strPath;                      // guarded by m_mutex; the opened file, "" before
-  std::shared_ptr<spdlog::logger> m_pLogger;  // guarded by m_mutex; null until the first line ends
+  // Taken before the shared log store's lock (Logger opens the log with it held).
+  mutable CRITICAL_SECTION m_cs;
+  std::string m_strName GUARDED_BY(m_cs) = kDefaultName;
+  std::string m_strPath GUARDED_BY(m_cs);                      // the opened file, "" before
+  std::shared_ptr<spdlog::logger> m_pLogger GUARDED_BY(m_cs);  // null until the first line ends
+
+  Impl() { InitializeCriticalSection(&m_cs); }
+  ~Impl() { DeleteCriticalSection(&m_cs); }
 
   // The logger for the next line, opened on first use; null when the file
   // cannot be opened (the next line tries again).
   std::shared_ptr<spdlog::logger> Logger() {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    CAutoLock lock(&m_cs);
     if (!m_pLogger) {
       std::string strPath = qlt::logbook::LogFilePathFor(m_strName);
       m_pLogger = qlt::logbook::OpenSharedLog(m_strName, strPath);
@@ -87,7 +90,7 @@ int QLT_LogBookU::ConfigName(CComBSTR strName) {
   Quietly([&] {
     std::string strText = Text(strName);
     if (!IsValidName(strText)) return;
-    std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+    CAutoLock lock(&m_pImpl->m_cs);
     if (strText != m_pImpl->m_strName) {
       m_pImpl->m_strName = strText;
       m_pImpl->m_pLogger.reset();
@@ -119,7 +122,7 @@ void QLT_LogBookU::Flush() {
   Quietly([this] {
     std::shared_ptr<spdlog::logger> pLogger;
     {
-      std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+      CAutoLock lock(&m_pImpl->m_cs);
       pLogger = m_pImpl->m_pLogger;
     }
     if (pLogger) pLogger->flush();
@@ -130,7 +133,7 @@ std::string QLT_LogBookU::FilePath() const {
   if (!m_pImpl) return std::string();
   std::string strPath;
   Quietly([&] {
-    std::lock_guard<std::mutex> lock(m_pImpl->m_mutex);
+    CAutoLock lock(&m_pImpl->m_cs);
     strPath = m_pImpl->m_pLogger ? m_pImpl->m_strPath : qlt::logbook::LogFilePathFor(m_pImpl->m_strName);
   });
   return strPath;

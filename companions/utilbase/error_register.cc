@@ -2,7 +2,6 @@
 #include "companions/utilbase/error_register.h"
 
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -16,11 +15,12 @@ struct StoredRecord {
   std::wstring strMessage;
 };
 
-// The register. Every field is guarded by m_mutex.
+// The register.
 struct Register {
-  std::mutex m_mutex;
-  int m_nRefs = 0;                                       // users between Create and Delete
-  std::unordered_map<uint32_t, StoredRecord> m_mapLast;  // thread id -> its last record
+  Register() { InitializeCriticalSection(&m_cs); }
+  CRITICAL_SECTION m_cs;
+  int m_nRefs GUARDED_BY(m_cs) = 0;                                       // users between Create and Delete
+  std::unordered_map<uint32_t, StoredRecord> m_mapLast GUARDED_BY(m_cs);  // thread id -> its last record
 };
 
 // Made when the library loads, before any host object can call in, and
@@ -35,7 +35,7 @@ Register& TheRegister() { return g_register; }
 extern "C" int CreateErrorCodeVector() {
   return QltContain(0, [] {
     Register& r = TheRegister();
-    std::lock_guard<std::mutex> lock(r.m_mutex);
+    CAutoLock lock(&r.m_cs);
     ++r.m_nRefs;
     return 1;
   });
@@ -51,7 +51,7 @@ extern "C" int SetErrorCodeInfo(ErrorCodeRecord* pRecord) {
     if (pRecord->bstrMessage) stored.strMessage.assign(pRecord->bstrMessage, SysStringLen(pRecord->bstrMessage));
     uint32_t nThread = pRecord->nThreadId != 0 ? pRecord->nThreadId : GetCurrentThreadId();
     Register& r = TheRegister();
-    std::lock_guard<std::mutex> lock(r.m_mutex);
+    CAutoLock lock(&r.m_cs);
     r.m_mapLast[nThread] = std::move(stored);
     return 1;
   });
@@ -64,7 +64,7 @@ extern "C" int GerLastErrorCodeInfo(ErrorCodeRecord* pRecord) {
     StoredRecord found;
     {
       Register& r = TheRegister();
-      std::lock_guard<std::mutex> lock(r.m_mutex);
+      CAutoLock lock(&r.m_cs);
       auto it = r.m_mapLast.find(nThread);
       if (it == r.m_mapLast.end()) return 0;
       found = it->second;
@@ -82,7 +82,7 @@ extern "C" int GerLastErrorCodeInfo(ErrorCodeRecord* pRecord) {
 extern "C" int DeleteErrorCodeVector() {
   return QltContain(0, [] {
     Register& r = TheRegister();
-    std::lock_guard<std::mutex> lock(r.m_mutex);
+    CAutoLock lock(&r.m_cs);
     if (r.m_nRefs == 0) return 0;
     if (--r.m_nRefs == 0) r.m_mapLast.clear();
     return 1;

@@ -22,7 +22,7 @@ std::wstring COptionTable::Key(const wchar_t* pszName) {
 
 bool COptionTable::Find(const wchar_t* pszName, WriterOptions* pOut) {
   std::wstring key = Key(pszName);
-  std::lock_guard<std::mutex> lock(m_mutex);
+  CAutoLock lock(&m_cs);
   auto it = m_mapOptions.find(key);
   if (it == m_mapOptions.end()) return false;
   *pOut = it->second;
@@ -31,13 +31,13 @@ bool COptionTable::Find(const wchar_t* pszName, WriterOptions* pOut) {
 
 void COptionTable::SetBlockSize(const wchar_t* pszName, int nBytes) {
   std::wstring key = Key(pszName);
-  std::lock_guard<std::mutex> lock(m_mutex);
+  CAutoLock lock(&m_cs);
   m_mapOptions[key].nBlockSize = nBytes;
 }
 
 void COptionTable::SetPresetSize(const wchar_t* pszName, uint64_t nBytes) {
   std::wstring key = Key(pszName);
-  std::lock_guard<std::mutex> lock(m_mutex);
+  CAutoLock lock(&m_cs);
   if (nBytes > 0) {
     m_mapOptions[key].nPresetSize = nBytes;
     return;
@@ -50,7 +50,7 @@ void COptionTable::SetPresetSize(const wchar_t* pszName, uint64_t nBytes) {
 
 bool COptionTable::Erase(const wchar_t* pszName) {
   std::wstring key = Key(pszName);
-  std::lock_guard<std::mutex> lock(m_mutex);
+  CAutoLock lock(&m_cs);
   return m_mapOptions.erase(key) > 0;
 }
 

@@ -3,9 +3,10 @@
 #define QLTFSDK_COMPANIONS_UTILBASE_OPTION_TABLE_H
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <unordered_map>
+
+#include "platform/platform.h"
 
 namespace qlt::utilbase {
 
@@ -18,11 +19,15 @@ struct WriterOptions {
 // Per-file writer options keyed by file name. Names are compared without
 // regard to case, and '/' and '\' count as the same separator, so a host may
 // register "C:/Data/A.DAT" and the writer find it as "c:\data\a.dat".
-// Thread-safe: every operation takes m_mutex; any thread may call.
+// Thread-safe: every operation takes m_cs; any thread may call.
 class COptionTable {
  public:
   // The one table of the process, alive while the library is loaded.
   static COptionTable& Instance();
+
+  COptionTable() { InitializeCriticalSection(&m_cs); }
+  COptionTable(const COptionTable&) = delete;
+  COptionTable& operator=(const COptionTable&) = delete;
 
   // Copies the options of the file into *pOut; false when it has no entry.
   bool Find(const wchar_t* pszName, WriterOptions* pOut);
@@ -37,8 +42,8 @@ class COptionTable {
  private:
   static std::wstring Key(const wchar_t* pszName);
 
-  std::mutex m_mutex;
-  std::unordered_map<std::wstring, WriterOptions> m_mapOptions;  // guarded by m_mutex
+  CRITICAL_SECTION m_cs;
+  std::unordered_map<std::wstring, WriterOptions> m_mapOptions GUARDED_BY(m_cs);
 };
 
 }  // namespace qlt::utilbase

@@ -1,19 +1,19 @@
 #include "companions/virtualfile/storage_root.h"
 
 #include <cwchar>
-#include <mutex>
 
 #include "platform/platform.h"
 
 namespace qvf {
 namespace {
 
-// Process-wide root state. Every field is guarded by m_mutex.
+// Process-wide root state.
 struct RootState {
-  std::mutex m_mutex;
-  bool m_bConfigRead = false;    // the ini file has been consulted
-  std::wstring m_strConfigured;  // from qltfsdk.ini, or kDefaultRoot
-  std::wstring m_strOverride;    // set by SetRoot; empty: none
+  RootState() { InitializeCriticalSection(&m_cs); }
+  CRITICAL_SECTION m_cs;
+  bool m_bConfigRead GUARDED_BY(m_cs) = false;    // the ini file has been consulted
+  std::wstring m_strConfigured GUARDED_BY(m_cs);  // from qltfsdk.ini, or kDefaultRoot
+  std::wstring m_strOverride GUARDED_BY(m_cs);    // set by SetRoot; empty: none
 };
 
 RootState& State() {
@@ -66,7 +66,7 @@ bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
 
 std::wstring CurrentRoot() {
   RootState& s = State();
-  std::lock_guard<std::mutex> lock(s.m_mutex);
+  CAutoLock lock(&s.m_cs);
   if (!s.m_strOverride.empty()) return s.m_strOverride;
   if (!s.m_bConfigRead) {
     s.m_strConfigured = ReadConfiguredRoot();
@@ -77,7 +77,7 @@ std::wstring CurrentRoot() {
 
 void SetRoot(const std::wstring& root) {
   RootState& s = State();
-  std::lock_guard<std::mutex> lock(s.m_mutex);
+  CAutoLock lock(&s.m_cs);
   s.m_strOverride = root;
 }
 

@@ -190,7 +190,9 @@ TEST_F(TransferTest, ThrowingCallbackFailsTheTransferAndLeavesTheObjectUsable) {
       {false, [] { throw std::bad_alloc(); }},
       {true, [] { throw 7; }},
   };
-  for (const auto& [bInFinal, fnThrow] : cases) {
+  for (const auto& c : cases) {
+    const bool bInFinal = c.first;  // named locals: a lambda cannot capture a structured binding in C++17
+    const std::function<void()>& fnThrow = c.second;
     SCOPED_TRACE(bInFinal ? "in the final report" : "at 25%");
     m_reports.clear();
     m_onReport = [&](auto& r) {
