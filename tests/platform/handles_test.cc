@@ -259,7 +259,9 @@ TEST(PlatformContainTest, EachExceptionGivesTheFailureResultAndOneOfTwoErrors) {
       {[] { throw std::runtime_error("x"); }, ERROR_GEN_FAILURE},
       {[] { throw 7; }, ERROR_GEN_FAILURE},
   };
-  for (const auto& [fnThrow, nError] : cases) {
+  for (const auto& c : cases) {
+    const std::function<void()>& fnThrow = c.first;
+    const DWORD nError = c.second;
     SetLastError(0);
     EXPECT_EQ(QltContain(-1, [&] {
                 fnThrow();
