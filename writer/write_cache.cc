@@ -51,9 +51,9 @@ CWriteCache::~CWriteCache() { End(); }
 
 int CWriteCache::SetUp(QLCT_FIlEACCESSINFO_ST& info, const CComBSTR& strFileName, const GUID& guid, HANDLE hFile) {
   int result = 1;
-  // After a close the old cache has ended already. A file opened without
-  // closing the previous one ends the old cache without draining it, since
-  // its records belong to the previous file.
+  // The writer closes (and so drains) a held file before it opens another,
+  // so any old cache has ended already; ending it again is only a safety
+  // net that never writes the old records into the new file.
   End();
 
   qlt::pool::CacheRequest request = qlt::pool::LookUpCacheRequest(strFileName);
