@@ -119,7 +119,6 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   bool CacheSeek(LARGE_INTEGER liDistance, DWORD dwMoveMethod) override;
   void CacheUserData(DWORD dwUserData) override;
   void CacheLogEntry(const CErrorLogEntry& entry) override { LogEntry(entry); }
-  void CacheEnded() override { RefreshStatus(); }
   // The offset a block write reports to the timing log: the host's logical
   // position, or, while a cache thread does the writes, its own position.
   __int64 LoggedOffset() const { return static_cast<__int64>(m_cache.HasPool() ? m_nPhysPos : m_nLogicalPos); }

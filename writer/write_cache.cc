@@ -258,7 +258,8 @@ DWORD CWriteCache::Run() {
     } catch (...) {
     }
   }
-  m_client.CacheEnded();
+  // The status record is the host thread's to refresh (it does at close):
+  // its fields are the host's, so this thread does not read them.
   SetEvent(m_hCacheIdle.Get());
   return 1;
 }

@@ -41,8 +41,6 @@ class CWriteCache {
     virtual void CacheUserData(DWORD dwUserData) = 0;
     // Writes an error-log entry for the open file.
     virtual void CacheLogEntry(const CErrorLogEntry& entry) = 0;
-    // The thread has taken its last record and is about to end.
-    virtual void CacheEnded() = 0;
 
    protected:
     ~CClient() = default;
