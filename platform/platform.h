@@ -328,13 +328,6 @@ QLTPLATFORM_API void QltResetDriveMap();
 // Returns the number of drives mapped.
 QLTPLATFORM_API int QltLoadDriveMap(LPCWSTR iniPath);
 
-// TRUE when both paths name one existing file (same device and file number,
-// after following symbolic links), so that "a", "./a", a symbolic link to it
-// and a hard link of it all compare equal. FALSE otherwise; the last error is
-// then ERROR_SUCCESS when both files were found, else the error of the path
-// that was not (ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ...).
-QLTPLATFORM_API BOOL QltSameFile(LPCWSTR a, LPCWSTR b);
-
 // Handle of the module that contains addr (for a library finding itself).
 QLTPLATFORM_API HMODULE QltModuleFromAddress(const void* addr);
 

@@ -277,6 +277,14 @@ QLTPLATFORM_API std::string QltWideToUtf8(const std::wstring& text);
 QLTPLATFORM_API std::wstring QltUtf8ToWide(const char* text);
 QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
 
+// ---- File identity ----------------------------------------------------------------
+// TRUE when both paths name one existing file (same device and file number,
+// after following symbolic links), so that "a", "./a", a symbolic link to it
+// and a hard link of it all compare equal; devices too. FALSE otherwise; the
+// last error is then ERROR_SUCCESS when both files were found, else the
+// error of the path that was not (ERROR_FILE_NOT_FOUND, ...). Any thread.
+extern "C" QLTPLATFORM_API BOOL QltSameFile(LPCWSTR a, LPCWSTR b);
+
 using qlt::win::CloseHandle;
 using qlt::win::CoCreateGuid;
 using qlt::win::CreateFileW;

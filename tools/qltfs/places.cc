@@ -1,10 +1,10 @@
 #include "places.h"
 
-#include <sys/stat.h>
-
 #include <filesystem>
 
 #include "ftp_url.h"
+#include "qltfsdk/qltfsdk.h"
+#include "text.h"
 
 namespace fs = std::filesystem;
 
@@ -15,11 +15,7 @@ bool IsVirtualPath(const std::string& strPath) {
 bool IsLocalPath(const std::string& strPath) { return !IsFtpUrl(strPath) && !IsVirtualPath(strPath); }
 
 bool IsSameFile(const std::string& strFirst, const std::string& strSecond) {
-  // By identity, for devices too (std::filesystem::equivalent refuses them).
-  struct stat first {
-  }, second{};
-  return ::stat(strFirst.c_str(), &first) == 0 && ::stat(strSecond.c_str(), &second) == 0 &&
-         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+  return QltSameFile(ToWide(strFirst).c_str(), ToWide(strSecond).c_str()) != FALSE;
 }
 
 bool IsNullDevice(const std::string& strPath) { return IsSameFile(strPath, "/dev/null"); }
