@@ -52,9 +52,8 @@ int QLCT_FileAccess::Initialize(DWORD nSource) {
 
 int QLCT_FileAccess::LogInHost(CComBSTR strHost, CComBSTR strUser, CComBSTR strPassword, int nPort) {
   if (!m_pImpl) return 0;
-  return QltContain(0, [&] {
-    return m_pImpl->LogInHost(std::move(strHost), std::move(strUser), std::move(strPassword), nPort);
-  });
+  return QltContain(
+      0, [&] { return m_pImpl->LogInHost(std::move(strHost), std::move(strUser), std::move(strPassword), nPort); });
 }
 
 int QLCT_FileAccess::OpenFile(CComBSTR strPath, DWORD nMode) {

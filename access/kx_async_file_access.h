@@ -33,8 +33,8 @@
 
 #include "access/kx_file_access_base.h"
 #include "fifo/ring_stream.h"
-#include "platform/worker_thread.h"
 #include "platform/platform.h"
+#include "platform/worker_thread.h"
 
 class KxAsyncFileAccess : public KxFileAccessBase {
  public:
@@ -141,9 +141,9 @@ class KxAsyncFileAccess : public KxFileAccessBase {
   // has reported that end, so relaxed order is enough (the ring's lock
   // orders the two). Cleared by the caller while no worker runs.
   std::atomic<DWORD> m_nWorkerError{0};
-  DWORD m_nAccessMode = 0;                                        // mode of the last OpenFile
-  HANDLE m_hFileOpened = nullptr;                                 // manual reset; platform event is thread-safe
-  HANDLE m_hWorkerDone = nullptr;                                 // manual reset, initially signalled
+  DWORD m_nAccessMode = 0;         // mode of the last OpenFile
+  HANDLE m_hFileOpened = nullptr;  // manual reset; platform event is thread-safe
+  HANDLE m_hWorkerDone = nullptr;  // manual reset, initially signalled
 
  private:
   bool StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePos);

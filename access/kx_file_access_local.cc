@@ -297,12 +297,10 @@ int KxFileAccessLocal::DirectRead(BYTE* pBuffer, int nCount) {
     LARGE_INTEGER zero, cur;
     zero.QuadPart = 0;
     cur.QuadPart = 0;
-    if (!SetFilePointerEx(m_hFile, zero, &cur, FILE_CURRENT))
-      LogEntry(SeekBeforeReadFailedEntry(0, cur.QuadPart));
+    if (!SetFilePointerEx(m_hFile, zero, &cur, FILE_CURRENT)) LogEntry(SeekBeforeReadFailedEntry(0, cur.QuadPart));
     DWORD nRead = 0;
     bFailed = !ReadFile(m_hFile, m_pReadCache + m_nReadCacheLen, static_cast<DWORD>(nBlock), &nRead, nullptr);
-    if (bFailed)
-      LogEntry(ReadFailedEntry(nBlock, nRead));
+    if (bFailed) LogEntry(ReadFailedEntry(nBlock, nRead));
     m_nReadCacheLen += nRead;
     if (bFailed || nRead < nBlock) break;
   }

@@ -77,7 +77,7 @@ class CLogFileWriter2 {
   std::wstring m_strCurrentPath GUARDED_BY(m_cs);
   int32_t m_nUnflushedWrites GUARDED_BY(m_cs) = 0;
   LogFileOptions m_options GUARDED_BY(m_cs);
-  CRITICAL_SECTION m_cs;               // re-entrant: Write may reopen, Open closes
+  CRITICAL_SECTION m_cs;  // re-entrant: Write may reopen, Open closes
 };
 
 #endif  // QLTFSDK_DIAGNOSTICS_LOG_FILE_WRITER2_H

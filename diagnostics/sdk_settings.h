@@ -27,13 +27,13 @@ constexpr int kDefaultWriteBufSize = 524288;
 struct SdkSettingsRecord {
   CRelaxedInt ReadBufSize{kDefaultReadBufSize};    // bytes; the local back-end's read block
   CRelaxedInt WriteBufSize{kDefaultWriteBufSize};  // bytes; each writer's block and staging size
-  CRelaxedInt ReadMode{1};              // 1: read without system buffering
-  CRelaxedInt WriteMode{0};             // 0: buffered write path, 1: no-buffering path
-  CRelaxedInt WriteRetryCount{0};       // reopen attempts after a failed block write
-  CRelaxedInt WriteRetryTime{0};        // milliseconds to wait after a failed reopen
-  CRelaxedInt LogFileOn{0};             // non-zero: write error-log entries
-  CRelaxedInt IOWriteTimeOn{0};         // non-zero: time every block write
-  CRelaxedInt IOWriteBlockTimeTh{100};  // milliseconds; slower writes are logged
+  CRelaxedInt ReadMode{1};                         // 1: read without system buffering
+  CRelaxedInt WriteMode{0};                        // 0: buffered write path, 1: no-buffering path
+  CRelaxedInt WriteRetryCount{0};                  // reopen attempts after a failed block write
+  CRelaxedInt WriteRetryTime{0};                   // milliseconds to wait after a failed reopen
+  CRelaxedInt LogFileOn{0};                        // non-zero: write error-log entries
+  CRelaxedInt IOWriteTimeOn{0};                    // non-zero: time every block write
+  CRelaxedInt IOWriteBlockTimeTh{100};             // milliseconds; slower writes are logged
 };
 
 extern SdkSettingsRecord SdkSettings;
