@@ -135,6 +135,7 @@ int CObjectFile::Read(void* pBuffer, DWORD nCount) {
     get.m_bSign = Signed();
     get.m_bFollow = !get.m_bSign;
     get.m_strRange = std::to_string(m_nPos) + "-" + std::to_string(last);
+    get.m_nBodyHint = static_cast<size_t>(last + 1 - m_nPos);
     WebResponse response;
     m_buffer.clear();
     if (!m_client.Perform(get, response)) return Fail(m_client.Error()), 0;
@@ -235,6 +236,7 @@ bool CObjectFile::PutWhole() {
 
 bool CObjectFile::CompleteUpload() {
   // The last part (possibly short) and the first (kept until now) go last.
+  size_t nParts = static_cast<size_t>(m_nCurrentPart) - (m_current.empty() ? 1 : 0);
   if (!m_current.empty()) {
     std::vector<char> part;
     part.swap(m_current);
@@ -245,6 +247,7 @@ bool CObjectFile::CompleteUpload() {
   m_first = std::vector<char>();
   if (!m_pUploader->Finish()) return Fail(m_pUploader->Error());
   std::map<int, std::string> parts = m_pUploader->Parts();
+  if (parts.size() != nParts) return Fail(ERROR_BAD_NET_RESP);  // never complete an object with a part missing
   std::string xml = "<CompleteMultipartUpload>";
   for (const auto& [number, etag] : parts)
     xml += "<Part><PartNumber>" + std::to_string(number) + "</PartNumber><ETag>" + XmlEscape(etag) + "</ETag></Part>";
