@@ -68,6 +68,7 @@ bool CObjectFile::Open() {
       response.m_nLength = response.m_nTotal >= 0 ? response.m_nTotal : static_cast<int64_t>(response.m_strBody.size());
     }
     m_nSize = static_cast<uint64_t>(response.m_nLength);
+    m_pReader = std::make_unique<CRangeReader>(m_cfg, m_strUrl, head.m_bSign, m_nSize);
     m_bOpen = true;
     return true;
   }
@@ -127,28 +128,14 @@ int CObjectFile::Read(void* pBuffer, DWORD nCount) {
     return static_cast<int>(n);
   }
   if (m_nPos >= m_nSize) return Fail(ERROR_HANDLE_EOF), 0;
-  if (m_nPos < m_nBufferStart || m_nPos >= m_nBufferStart + m_buffer.size()) {
-    uint64_t want = std::max<uint64_t>(nCount, m_cfg.m_nReadAhead);
-    uint64_t last = std::min<uint64_t>(m_nSize, m_nPos + want) - 1;
-    WebRequest get;
-    get.m_strUrl = m_strUrl;
-    get.m_bSign = Signed();
-    get.m_bFollow = !get.m_bSign;
-    get.m_strRange = std::to_string(m_nPos) + "-" + std::to_string(last);
-    get.m_nBodyHint = static_cast<size_t>(last + 1 - m_nPos);
-    WebResponse response;
-    m_buffer.clear();
-    if (!m_client.Perform(get, response)) return Fail(m_client.Error()), 0;
-    m_buffer.swap(response.m_strBody);
-    m_nBufferStart = response.m_nStatus == 206 ? m_nPos : 0;  // 200: the whole file came
-    if (m_nPos < m_nBufferStart || m_nPos >= m_nBufferStart + m_buffer.size())
-      return Fail(ERROR_BAD_NET_RESP), 0;  // the store sent less than it said it had
+  size_t nDone = 0;  // across chunk boundaries, up to nCount or the end
+  while (nDone < nCount && m_nPos < m_nSize) {
+    size_t n = m_pReader->Read(m_nPos, static_cast<char*>(pBuffer) + nDone, nCount - nDone);
+    if (n == 0) break;
+    nDone += n;
+    m_nPos += n;
   }
-  size_t offset = static_cast<size_t>(m_nPos - m_nBufferStart);
-  size_t n = std::min<size_t>(nCount, m_buffer.size() - offset);
-  std::memcpy(pBuffer, m_buffer.data() + offset, n);
-  m_nPos += n;
-  return static_cast<int>(n);
+  return static_cast<int>(nDone);
 }
 
 int CObjectFile::Write(const void* pBuffer, DWORD nCount) {
@@ -282,7 +269,10 @@ void CObjectFile::AbortUpload() {
 int CObjectFile::Close() {
   if (!m_bOpen) return Fail(ERROR_INVALID_HANDLE), 0;
   m_bOpen = false;
-  if (m_options.m_bReadOnly) return 1;
+  if (m_options.m_bReadOnly) {
+    m_pReader.reset();
+    return 1;
+  }
   bool ok;
   if (m_dwFailed) {
     ok = Fail(m_dwFailed);
