@@ -171,7 +171,7 @@ TEST_F(WebFileTest, SeekBackIntoTheFirstPartRewritesItButNotASentPart) {
   WebFilePtr file = Open(Url("seek.bin"));
   ASSERT_TRUE(file);
   ASSERT_TRUE(WriteSlices(file.get(), data, 5));
-  // Part 2 has gone to the store: refused, nothing moves or changes.
+  // The second part has gone to the store: refused, nothing moves or changes.
   EXPECT_LT(file->Seek(kPart + 5, 0), 0);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SEEK));
   EXPECT_EQ(file->Seek(0, 1), static_cast<__int64>(data.size()));
