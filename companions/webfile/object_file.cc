@@ -166,6 +166,7 @@ int CObjectFile::Write(const void* pBuffer, DWORD nCount) {
       }
       uint64_t offset = m_nPos - (part - 1) * nPart;
       uint64_t n = std::min(nLeft, nPart - offset);
+      if (m_current.capacity() < nPart) m_current.reserve(static_cast<size_t>(nPart));  // one allocation per part
       if (m_current.size() < offset + n) m_current.resize(static_cast<size_t>(offset + n));
       std::memcpy(m_current.data() + offset, p, static_cast<size_t>(n));
       p += n;
