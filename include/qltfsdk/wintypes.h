@@ -207,6 +207,9 @@ struct GUID {
 #define ERROR_NETNAME_DELETED 64
 #define ERROR_CANCELLED 1223
 #define ERROR_CONNECTION_REFUSED 1225
+#define ERROR_SEEK 25
+#define ERROR_BAD_NET_RESP 58
+#define ERROR_NOT_AUTHENTICATED 1244
 
 #define S_OK static_cast<HRESULT>(0)
 #define S_FALSE static_cast<HRESULT>(1)
