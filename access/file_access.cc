@@ -5,6 +5,7 @@
 #include "access/easy_file_access.h"
 #include "access/ftp_back_end.h"
 #include "access/kx_file_access_local.h"
+#include "access/kx_file_access_web.h"
 #include "access/kx_virtual_file.h"
 #include "diagnostics/virtual_storage.h"
 #include "diagnostics/web_plugin.h"
@@ -16,10 +17,18 @@ namespace {
 
 constexpr DWORD kFtpSource = 16;
 
+// Object-store and HTTP(S) paths are read through the web-file plug-in
+// (FTP paths keep the FTP back-end chosen by Initialize).
+bool IsWebReadPath(LPCWSTR path) {
+  std::wstring scheme = QltUrlScheme(path ? path : L"");
+  return scheme == L"OSS" || scheme == L"HTTP" || scheme == L"HTTPS";
+}
+
 // The back-end for a facade that has none yet; null for a mode that opens
 // nothing on a plain path. Throws std::bad_alloc when memory runs out.
 KxFileAccessBase* SelectBackEnd(LPCWSTR path, DWORD nMode) {
   if (QltIsVirtualStoragePath(path)) return new kxVirtualFile();
+  if (nMode == ACCESS_MODE_READ && IsWebReadPath(path)) return new KxFileAccessWeb();
   if (nMode == ACCESS_MODE_READ) return new CEasyFileAccess();
   if (nMode == ACCESS_MODE_WRITE) return new KxFileAccessLocal();
   return nullptr;

@@ -6,7 +6,7 @@ install(TARGETS qltfsdk qltplatform qltUtilBase QltLogBookU EXPORT qltfsdkTarget
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 # Loaded by name beside libqltfsdk, so installed beside it but not exported.
-install(TARGETS QVFVirtualFileU LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS QVFVirtualFileU QLT_WebFileReader LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS qltfs RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT qltfsdkTargets NAMESPACE qltfsdk:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/qltfsdk)
 configure_package_config_file(cmake/qltfsdkConfig.cmake.in ${CMAKE_BINARY_DIR}/qltfsdkConfig.cmake

@@ -283,8 +283,10 @@ int CObjectFile::Close() {
   bool ok;
   if (m_dwFailed) {
     ok = Fail(m_dwFailed);
-  } else if (m_strUploadId.empty()) {
-    ok = PutWhole();
+  } else if (m_strUploadId.empty() && m_current.empty()) {
+    ok = PutWhole();  // the object never grew past its first part
+  } else if (m_strUploadId.empty() && !StartUpload()) {
+    ok = false;
   } else {
     ok = CompleteUpload();
   }

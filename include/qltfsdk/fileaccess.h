@@ -19,6 +19,9 @@ class KxFileAccessBase;
 // file on the same object:
 //   - a path holding "qvf:\" or "QVF:\" anywhere (exactly these two forms;
 //     "Qvf:\" is a plain path): the virtual storage, whatever the mode;
+//   - mode 1 (read) on an "oss://", "http://" or "https://" path (scheme in
+//     any case): the web-file plug-in (QLT_WebFileReader), read only, in
+//     large ranged requests; 0 without the plug-in;
 //   - otherwise mode 1 (read): the easy-file reader; mode 2 (write): the
 //     local back-end (block-cached reads, ReadBufSize blocks; unbuffered
 //     with ReadMode 1; optional read-ahead / write-behind worker);
