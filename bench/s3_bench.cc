@@ -208,8 +208,7 @@ int main() {
          if (!ok) std::fprintf(stderr, "%s\n", out.c_str());
          return ok;
        }},
-      {"download accessor",
-       [&] { return DownloadThroughAccessor(ours, (dir / "down-ours.bin").string(), nBytes); }},
+      {"download accessor", [&] { return DownloadThroughAccessor(ours, (dir / "down-ours.bin").string(), nBytes); }},
       {"download aws",
        [&] {
          std::string out;

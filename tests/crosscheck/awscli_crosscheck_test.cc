@@ -86,8 +86,10 @@ TEST_F(AwsCliCrossCheck, WhatTheWriterStoresTheClientReads) {
     size_t size;
     size_t maxSlice;
   } rows[] = {
-      {"empty.bin", 0, 1},           {"one.bin", 1, 1},
-      {"part.bin", kPart, 1 << 20},  {"part-plus-one.bin", kPart + 1, 3 << 20},
+      {"empty.bin", 0, 1},
+      {"one.bin", 1, 1},
+      {"part.bin", kPart, 1 << 20},
+      {"part-plus-one.bin", kPart + 1, 3 << 20},
       {"dir/multi.bin", 3 * kPart + 12345, 5 << 20},
   };
   unsigned seed = 1;
@@ -116,8 +118,8 @@ TEST_F(AwsCliCrossCheck, WhatTheClientStoresTheAccessorReads) {
     const std::string data = Bytes(row.size, ++seed);
     ASSERT_TRUE(WriteWholeFile(m_dir.file("up.bin"), data));
     std::string output;
-    ASSERT_EQ(0, m_server.RunAwsCli("s3 cp --no-progress " + m_dir.file("up.bin") + " s3://qlt-cross/" + row.key,
-                                    &output))
+    ASSERT_EQ(0,
+              m_server.RunAwsCli("s3 cp --no-progress " + m_dir.file("up.bin") + " s3://qlt-cross/" + row.key, &output))
         << output;
     EXPECT_TRUE(ReadThroughAccessor("oss://qlt-cross/" + std::string(row.key), 1 << 20) == data);
     EXPECT_TRUE(ReadThroughAccessor("oss://qlt-cross/" + std::string(row.key), 65521) == data);

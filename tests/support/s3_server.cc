@@ -53,8 +53,8 @@ std::string ReadLine(int fd, int timeoutMs) {
 // returns false.
 // interpreter: "/usr/bin/python3" with an option, or "/bin/bash" with the
 // value alone.
-bool StartScript(const char* script, const char* option, const std::string& value, pid_t* pid, int* fdStdin,
-                 int* port, int timeoutMs = kStartTimeoutMs) {
+bool StartScript(const char* script, const char* option, const std::string& value, pid_t* pid, int* fdStdin, int* port,
+                 int timeoutMs = kStartTimeoutMs) {
   int in[2], out[2];
   if (pipe(in) != 0) return false;
   if (pipe(out) != 0) {
@@ -232,9 +232,8 @@ void S3TestServer::Fault(const std::string& kind, const std::string& method, con
   char* escapedMethod = curl_easy_escape(nullptr, method.c_str(), static_cast<int>(method.size()));
   std::string methodArg = escapedMethod ? escapedMethod : "";
   curl_free(escapedMethod);
-  Control("POST", "fault?kind=" + kind + "&method=" + methodArg + "&match=" + matchArg +
-                      "&skip=" + std::to_string(skip) + "&count=" + std::to_string(count) +
-                      "&seconds=" + std::to_string(seconds));
+  Control("POST", "fault?kind=" + kind + "&method=" + methodArg + "&match=" + matchArg + "&skip=" +
+                      std::to_string(skip) + "&count=" + std::to_string(count) + "&seconds=" + std::to_string(seconds));
 }
 
 void S3TestServer::Reset() {
@@ -294,13 +293,15 @@ int S3TestServer::RunAwsCli(const std::string& args, std::string* output, const 
   if (config == nullptr) return -1;
   std::fputs("[default]\ns3 =\n    addressing_style = path\n", config);
   std::fclose(config);
-  std::string line = "env -u AWS_SESSION_TOKEN -u AWS_PROFILE -u AWS_ENDPOINT_URL -u AWS_ENDPOINT_URL_S3 -u HTTP_PROXY"
-                     " -u http_proxy -u HTTPS_PROXY -u https_proxy AWS_CONFIG_FILE='" + m_strAwsConfig +
-                     "' AWS_SHARED_CREDENTIALS_FILE=/nonexistent AWS_EC2_METADATA_DISABLED=true"
-                     " AWS_PAGER= AWS_ACCESS_KEY_ID=" + AccessKey() + " AWS_SECRET_ACCESS_KEY='" +
-                     (secretKey.empty() ? SecretKey() : secretKey) + "' AWS_REGION=" + Region() +
-                     " AWS_DEFAULT_REGION=" + Region() + " /usr/bin/aws --endpoint-url " + Endpoint() + " " + args +
-                     " 2>&1";
+  std::string line =
+      "env -u AWS_SESSION_TOKEN -u AWS_PROFILE -u AWS_ENDPOINT_URL -u AWS_ENDPOINT_URL_S3 -u HTTP_PROXY"
+      " -u http_proxy -u HTTPS_PROXY -u https_proxy AWS_CONFIG_FILE='" +
+      m_strAwsConfig +
+      "' AWS_SHARED_CREDENTIALS_FILE=/nonexistent AWS_EC2_METADATA_DISABLED=true"
+      " AWS_PAGER= AWS_ACCESS_KEY_ID=" +
+      AccessKey() + " AWS_SECRET_ACCESS_KEY='" + (secretKey.empty() ? SecretKey() : secretKey) +
+      "' AWS_REGION=" + Region() + " AWS_DEFAULT_REGION=" + Region() + " /usr/bin/aws --endpoint-url " + Endpoint() +
+      " " + args + " 2>&1";
   FILE* pipe = popen(line.c_str(), "r");
   if (pipe == nullptr) return -1;
   std::string text;

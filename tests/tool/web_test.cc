@@ -29,8 +29,8 @@ class WebCommandTest : public ::testing::Test {
   }
   // Runs `qltfs <args>` with `env` (shell words: variable settings) first.
   int Run(const std::string& args, const std::string& env = "") {
-    std::string line = env + " " + QLTFS_TOOL_PATH + " " + args + " >" + m_dir.file("out.txt") + " 2>" +
-                       m_dir.file("err.txt");
+    std::string line =
+        env + " " + QLTFS_TOOL_PATH + " " + args + " >" + m_dir.file("out.txt") + " 2>" + m_dir.file("err.txt");
     int status = std::system(("/bin/bash -c '" + line + "'").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }

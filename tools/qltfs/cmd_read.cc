@@ -170,9 +170,8 @@ void RunRead(const std::string& source, const std::string& target, bool async, c
       // connection) or shrank.
       const DWORD error = GetLastError();
       bar.Finish(static_cast<LONGLONG>(done));
-      Fail("read",
-           "reading '" + inName + "' failed after " + std::to_string(done) + " of " + std::to_string(total) +
-               " bytes: " + (error == ERROR_SUCCESS ? std::string("the source ended early") : inWords(error)));
+      Fail("read", "reading '" + inName + "' failed after " + std::to_string(done) + " of " + std::to_string(total) +
+                       " bytes: " + (error == ERROR_SUCCESS ? std::string("the source ended early") : inWords(error)));
     }
     if (n == 0) break;
     if (objectOut) {

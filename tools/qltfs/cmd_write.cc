@@ -232,7 +232,8 @@ void AddWriteCommand(CLI::App& app) {
   auto strRetry = std::make_shared<std::string>("0");
   auto bCache = std::make_shared<bool>(false);
   auto strCacheSize = std::make_shared<std::string>("32M");
-  cmd->add_option("OUT", *strOut, "File to write (replaced if it exists): a regular local file, a qvf:\\ path or an "
+  cmd->add_option("OUT", *strOut,
+                  "File to write (replaced if it exists): a regular local file, a qvf:\\ path or an "
                   "oss://bucket/key object (the store from AWS_ENDPOINT_URL, AWS_REGION and the AWS credentials)")
       ->required();
   cmd->add_option("--size", *strSize, "Bytes to write; suffixes K, M, G")->required();

@@ -66,7 +66,9 @@ std::string WebErrorText(DWORD nError, bool bFtp) {
     case ERROR_PATH_NOT_FOUND: pszWords = bFtp ? "no such folder" : "no such bucket"; break;
     case ERROR_FILE_NOT_FOUND: pszWords = bFtp ? "no such file" : "no such object"; break;
     case kErrorConnectionRefused: pszWords = "connection refused"; break;
-    case ERROR_TIMEOUT: pszWords = bFtp ? "the server did not answer in time" : "the store did not answer in time"; break;
+    case ERROR_TIMEOUT:
+      pszWords = bFtp ? "the server did not answer in time" : "the store did not answer in time";
+      break;
     case kErrorNotAuthenticated:
       pszWords = "no credentials (set AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY or ~/.aws/credentials)";
       break;
