@@ -68,6 +68,7 @@ bool CObjectFile::Open() {
       response.m_nLength = response.m_nTotal >= 0 ? response.m_nTotal : static_cast<int64_t>(response.m_strBody.size());
     }
     m_nSize = static_cast<uint64_t>(response.m_nLength);
+    m_pReader = std::make_unique<CRangeReader>(m_cfg, m_strUrl, head.m_bSign, m_nSize);
     m_bOpen = true;
     return true;
   }
@@ -127,27 +128,14 @@ int CObjectFile::Read(void* pBuffer, DWORD nCount) {
     return static_cast<int>(n);
   }
   if (m_nPos >= m_nSize) return Fail(ERROR_HANDLE_EOF), 0;
-  if (m_nPos < m_nBufferStart || m_nPos >= m_nBufferStart + m_buffer.size()) {
-    uint64_t want = std::max<uint64_t>(nCount, m_cfg.m_nReadAhead);
-    uint64_t last = std::min<uint64_t>(m_nSize, m_nPos + want) - 1;
-    WebRequest get;
-    get.m_strUrl = m_strUrl;
-    get.m_bSign = Signed();
-    get.m_bFollow = !get.m_bSign;
-    get.m_strRange = std::to_string(m_nPos) + "-" + std::to_string(last);
-    WebResponse response;
-    m_buffer.clear();
-    if (!m_client.Perform(get, response)) return Fail(m_client.Error()), 0;
-    m_buffer.swap(response.m_strBody);
-    m_nBufferStart = response.m_nStatus == 206 ? m_nPos : 0;  // 200: the whole file came
-    if (m_nPos < m_nBufferStart || m_nPos >= m_nBufferStart + m_buffer.size())
-      return Fail(ERROR_BAD_NET_RESP), 0;  // the store sent less than it said it had
+  size_t nDone = 0;  // across chunk boundaries, up to nCount or the end
+  while (nDone < nCount && m_nPos < m_nSize) {
+    size_t n = m_pReader->Read(m_nPos, static_cast<char*>(pBuffer) + nDone, nCount - nDone);
+    if (n == 0) break;
+    nDone += n;
+    m_nPos += n;
   }
-  size_t offset = static_cast<size_t>(m_nPos - m_nBufferStart);
-  size_t n = std::min<size_t>(nCount, m_buffer.size() - offset);
-  std::memcpy(pBuffer, m_buffer.data() + offset, n);
-  m_nPos += n;
-  return static_cast<int>(n);
+  return static_cast<int>(nDone);
 }
 
 int CObjectFile::Write(const void* pBuffer, DWORD nCount) {
@@ -178,6 +166,7 @@ int CObjectFile::Write(const void* pBuffer, DWORD nCount) {
       }
       uint64_t offset = m_nPos - (part - 1) * nPart;
       uint64_t n = std::min(nLeft, nPart - offset);
+      if (m_current.capacity() < nPart) m_current.reserve(static_cast<size_t>(nPart));  // one allocation per part
       if (m_current.size() < offset + n) m_current.resize(static_cast<size_t>(offset + n));
       std::memcpy(m_current.data() + offset, p, static_cast<size_t>(n));
       p += n;
@@ -235,6 +224,7 @@ bool CObjectFile::PutWhole() {
 
 bool CObjectFile::CompleteUpload() {
   // The last part (possibly short) and the first (kept until now) go last.
+  size_t nParts = static_cast<size_t>(m_nCurrentPart) - (m_current.empty() ? 1 : 0);
   if (!m_current.empty()) {
     std::vector<char> part;
     part.swap(m_current);
@@ -245,6 +235,7 @@ bool CObjectFile::CompleteUpload() {
   m_first = std::vector<char>();
   if (!m_pUploader->Finish()) return Fail(m_pUploader->Error());
   std::map<int, std::string> parts = m_pUploader->Parts();
+  if (parts.size() != nParts) return Fail(ERROR_BAD_NET_RESP);  // never complete an object with a part missing
   std::string xml = "<CompleteMultipartUpload>";
   for (const auto& [number, etag] : parts)
     xml += "<Part><PartNumber>" + std::to_string(number) + "</PartNumber><ETag>" + XmlEscape(etag) + "</ETag></Part>";
@@ -279,7 +270,10 @@ void CObjectFile::AbortUpload() {
 int CObjectFile::Close() {
   if (!m_bOpen) return Fail(ERROR_INVALID_HANDLE), 0;
   m_bOpen = false;
-  if (m_options.m_bReadOnly) return 1;
+  if (m_options.m_bReadOnly) {
+    m_pReader.reset();
+    return 1;
+  }
   bool ok;
   if (m_dwFailed) {
     ok = Fail(m_dwFailed);

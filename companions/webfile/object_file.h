@@ -9,11 +9,12 @@
 // past one part, or one written in put mode, goes up in one PUT at Close. A
 // failed upload is aborted on the store; so is an upload abandoned unclosed.
 //
-// Reading: the size comes from a HEAD; Read serves bytes from a read-ahead
-// buffer refilled by ranged GETs of at least WebConfig::m_nReadAhead bytes.
+// Reading: the size comes from a HEAD; Read serves bytes through a
+// CRangeReader (ranged GETs of WebConfig::m_nReadAhead bytes, fetched ahead
+// while the host reads forward).
 //
 // Thread rule: one thread at a time; the part uploader's workers are joined
-// by Close and Abandon.
+// by Close and Abandon, the range reader's by Close and the destructor.
 #ifndef QLTFSDK_COMPANIONS_WEBFILE_OBJECT_FILE_H
 #define QLTFSDK_COMPANIONS_WEBFILE_OBJECT_FILE_H
 
@@ -22,6 +23,7 @@
 #include <vector>
 
 #include "companions/webfile/part_uploader.h"
+#include "companions/webfile/range_reader.h"
 #include "companions/webfile/web_client.h"
 #include "companions/webfile/web_config.h"
 #include "companions/webfile/web_file_impl.h"
@@ -76,9 +78,8 @@ class CObjectFile final : public CWebFileImpl {
   std::string m_strUploadId;  // empty until the multipart upload starts
   std::unique_ptr<CPartUploader> m_pUploader;
 
-  // Reading. m_buffer holds bytes [m_nBufferStart, + m_buffer.size()).
-  std::string m_buffer;
-  uint64_t m_nBufferStart = 0;
+  // Reading: made by Open.
+  std::unique_ptr<CRangeReader> m_pReader;
 
   uint64_t m_nPos = 0;
   uint64_t m_nSize = 0;  // writing: furthest byte written; reading: the object's size

@@ -142,6 +142,7 @@ bool CWebClient::Perform(const WebRequest& request, WebResponse& response, bool 
   DWORD pauseMs = 200;
   for (int attempt = 0;; ++attempt) {
     response = WebResponse();
+    response.m_strBody.reserve(request.m_nBodyHint);
     PerformOnce(request, response);
     bool ok = response.m_eCode == CURLE_OK &&
               (IsFtp(request.m_strUrl) || (response.m_nStatus >= 200 && response.m_nStatus <= 299)) &&

@@ -35,6 +35,7 @@ struct WebRequest {
   bool m_bSign = false;    // SigV4 with the configured credentials
   bool m_bFollow = false;  // follow redirects (existence checks)
   std::string m_strRange;  // "first-last" for a ranged GET; empty: whole
+  size_t m_nBodyHint = 0;  // bytes expected in the answer body (reserved up front)
   std::string m_strUser;      // FTP login; empty: anonymous
   std::string m_strPassword;  // FTP login; never logged
 };

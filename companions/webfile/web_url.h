@@ -22,7 +22,7 @@ struct WebUrl {
   std::string m_strPath;      // "/..." (http, ftp); for oss the key without its leading "/"
 };
 
-// Parses text (UTF-8). Returns false, leaving url in an unspecified state,
+// Parses text (UTF-8). Returns false (url then holds nothing useful)
 // for an unknown scheme, an empty host or bucket, an oss URL without a key,
 // a port that is not 1..65535, control characters, or a bad percent escape.
 bool ParseWebUrl(const std::string& text, WebUrl& url);
