@@ -436,6 +436,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
             status[0] = 0
         except S3Failure as failure:
             self._send_error(failure, path)
+        except (OSError, http.client.HTTPException, ValueError) as problem:
+            # The store went away or a request could not be read: answer as a
+            # failing store does, so the client sees a 500, never a hang.
+            self.close_connection = True
+            try:
+                self._send_error(S3Failure(500, "InternalError", "The test front failed: %s" % problem), path)
+            except OSError:
+                status[0] = 0
         finally:
             self.send_response = original
             _log(self.command, path, query, status[0])
@@ -543,7 +551,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             with _lock:
                 upload = _uploads.get(upload_id)
             if upload is None or upload["bucket"] != bucket or upload["key"] != key:
-                raise S3Failure(404, "NoSuchUpload", "The specified upload does not exist.")
+                raise S3Failure(404, "NoSuchUpload", "The upload does not exist. It may have been aborted or completed.")
             if method == "PUT" and "partNumber" in params:
                 self._upload_part(upload_id, params["partNumber"][0], target, body, length, drop)
                 return
@@ -553,7 +561,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             if method == "DELETE":
                 self._abort(upload_id, upload)
                 return
-            raise S3Failure(405, "MethodNotAllowed", "The specified method is not allowed against this resource.")
+            raise S3Failure(405, "MethodNotAllowed", "The method is not allowed against this resource.")
 
         response = self._upstream(method, target, body, length)
         if response.status // 100 == 2 and key:
@@ -571,7 +579,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         head = self._upstream("HEAD", urllib.parse.quote("/%s/%s" % (bucket, key)))
         head.read()
         if head.status == 404:
-            raise S3Failure(404, "NoSuchKey", "The specified key does not exist.")
+            raise S3Failure(404, "NoSuchKey", "The key does not exist.")
         if method == "PUT":
             if acl_header is None:
                 raise S3Failure(501, "NotImplemented", "Only canned ACLs (x-amz-acl) are accepted here")
@@ -580,7 +588,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self._send(200)
             return
         if method != "GET":
-            raise S3Failure(405, "MethodNotAllowed", "The specified method is not allowed against this resource.")
+            raise S3Failure(405, "MethodNotAllowed", "The method is not allowed against this resource.")
         with _lock:
             acl = _acls.get((bucket, key), "private")
         grants = ('<Grant><Grantee xmlns:xsi="http://www.w3.org/2001/XMLSchema-instance" xsi:type="CanonicalUser">'
@@ -669,9 +677,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
                                                          "Parts must be ordered by part number.")
         for i, (number, etag) in enumerate(listed):
             if number not in uploaded or uploaded[number][0] != etag:
-                raise S3Failure(400, "InvalidPart", "One or more of the specified parts could not be found. "
-                                                    "The part may not have been uploaded, or the specified "
-                                                    "entity tag may not match the part's entity tag.")
+                raise S3Failure(400, "InvalidPart", "One or more of the parts named could not be found. "
+                                                    "The part may not have been uploaded, or the entity tag "
+                                                    "given may not match the part's entity tag.")
             if i + 1 < len(listed) and uploaded[number][1] < _config["min_part_size"]:
                 raise S3Failure(400, "EntityTooSmall", "Your proposed upload is smaller than the minimum "
                                                        "allowed object size.")

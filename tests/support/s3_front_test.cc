@@ -82,7 +82,6 @@ TEST_F(S3FrontTest, SignedClientRoundTripsAndBadCredentialsAreRefused) {
     }
   }
   EXPECT_EQ(0, m_server.OpenUploads());
-
 }
 
 // libcurl's own SigV4 signer against the front: what it signs as a real store
@@ -183,7 +182,7 @@ TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
   const struct {
     std::string parts, error;
   } refused[] = {
-      {entry(1, e1) + "," + entry(4, e3), "InvalidPart"},                               // never uploaded
+      {entry(1, e1) + "," + entry(4, e3), "InvalidPart"},                                      // never uploaded
       {entry(1, e1) + "," + entry(2, "\"0123456789abcdef0123456789abcdef\""), "InvalidPart"},  // wrong ETag
       {entry(2, e2) + "," + entry(1, e1), "InvalidPartOrder"},
       {entry(1, e1) + "," + entry(2, e2) + "," + entry(3, e3), "EntityTooSmall"},  // part 2 is not the last
@@ -206,8 +205,7 @@ TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
 TEST_F(S3FrontTest, FaultsHitTheMatchingRequestsOnly) {
   const std::string data = Bytes(300000, 4);
   ASSERT_TRUE(WriteWholeFile(m_dir.file("d.bin"), data));
-  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + m_dir.file("d.bin") + " s3://qlt-bucket/d.bin"))
-      << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + m_dir.file("d.bin") + " s3://qlt-bucket/d.bin")) << m_out;
   m_server.Reset();
   m_server.Fault("503", "GET", "d.bin", 1, 1);  // the second GET of d.bin only
   m_server.Fault("drop", "GET", "other", 0, 1);
@@ -231,7 +229,8 @@ TEST_F(S3FrontTest, FaultsHitTheMatchingRequestsOnly) {
   EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, Fetch(Url("d.bin"), "GET", "", 1).rc);
   // An upload dropped half-way is not stored.
   m_server.Fault("drop", "PUT", "", 0, 1);
-  EXPECT_NE(0, Aws("s3 cp --no-progress " + m_dir.file("d.bin") + " s3://qlt-bucket/cut.bin --cli-read-timeout 5"
+  EXPECT_NE(0, Aws("s3 cp --no-progress " + m_dir.file("d.bin") +
+                   " s3://qlt-bucket/cut.bin --cli-read-timeout 5"
                    " --cli-connect-timeout 5 2>&1; exit 1"));
   const auto log = m_server.Requests();
   ASSERT_GE(log.size(), 7u);

@@ -11,11 +11,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 #ifndef QLT_S3_FRONT_SCRIPT
 #error "QLT_S3_FRONT_SCRIPT must name tests/support/s3_front.py"
+#endif
+#ifndef QLT_CEPH_S3_SCRIPT
+#error "QLT_CEPH_S3_SCRIPT must name tests/support/ceph_s3.sh"
 #endif
 #ifndef QLT_HTTP_SERVER_SCRIPT
 #error "QLT_HTTP_SERVER_SCRIPT must name tests/support/http_server.py"
@@ -24,6 +28,7 @@
 namespace {
 
 constexpr int kStartTimeoutMs = 30000;
+constexpr int kCephStartTimeoutMs = 150000;
 
 // Reads one line from fd within the time limit; empty on time-out or end.
 std::string ReadLine(int fd, int timeoutMs) {
@@ -46,8 +51,10 @@ std::string ReadLine(int fd, int timeoutMs) {
 // standard input and waits for its "PORT <n>" line. On success fills pid,
 // the write end of its input and the port; on failure reaps the child and
 // returns false.
-bool StartScript(const char* script, const char* option, const std::string& value, pid_t* pid, int* fdStdin,
-                 int* port) {
+// interpreter: "/usr/bin/python3" with an option, or "/bin/bash" with the
+// value alone.
+bool StartScript(const char* script, const char* option, const std::string& value, pid_t* pid, int* fdStdin, int* port,
+                 int timeoutMs = kStartTimeoutMs) {
   int in[2], out[2];
   if (pipe(in) != 0) return false;
   if (pipe(out) != 0) {
@@ -67,7 +74,10 @@ bool StartScript(const char* script, const char* option, const std::string& valu
     close(in[1]);
     close(out[0]);
     close(out[1]);
-    execl("/usr/bin/python3", "python3", script, option, value.c_str(), static_cast<char*>(nullptr));
+    if (option == nullptr)
+      execl("/bin/bash", "bash", script, value.c_str(), static_cast<char*>(nullptr));
+    else
+      execl("/usr/bin/python3", "python3", script, option, value.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   close(in[0]);
@@ -77,7 +87,7 @@ bool StartScript(const char* script, const char* option, const std::string& valu
     close(out[0]);
     return false;
   }
-  std::string line = ReadLine(out[0], kStartTimeoutMs);
+  std::string line = ReadLine(out[0], timeoutMs);
   close(out[0]);
   int n = line.rfind("PORT ", 0) == 0 ? std::atoi(line.c_str() + 5) : 0;
   if (n <= 0) {
@@ -158,6 +168,13 @@ S3TestServer::S3TestServer(const std::string& storageDir)
     : m_strStorage(storageDir), m_strAwsConfig(storageDir + ".aws-config") {
   static std::once_flag curlReady;
   std::call_once(curlReady, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  const char* store = std::getenv("QLT_S3_STORE");
+  m_bCeph = store != nullptr && std::string(store) == "ceph";
+  if (m_bCeph) {
+    if (!StartScript(QLT_CEPH_S3_SCRIPT, nullptr, storageDir, &m_pid, &m_fdStdin, &m_nPort, kCephStartTimeoutMs))
+      throw std::runtime_error("the Ceph S3 gateway did not start (scripts/setup --ceph installs it)");
+    return;
+  }
   if (!StartScript(QLT_S3_FRONT_SCRIPT, "--storage", storageDir, &m_pid, &m_fdStdin, &m_nPort))
     throw std::runtime_error(
         "the S3 test front did not start (did scripts/setup install the store with npm ci in tests/support/s3?)");
@@ -195,6 +212,11 @@ std::string S3TestServer::Control(const std::string& method, const std::string& 
 }
 
 void S3TestServer::CreateBucket(const std::string& name) {
+  if (m_bCeph) {
+    std::string output;
+    if (RunAwsCli("s3 mb s3://" + name, &output) != 0) throw std::runtime_error("cannot create bucket: " + output);
+    return;
+  }
   char* escaped = curl_easy_escape(nullptr, name.c_str(), static_cast<int>(name.size()));
   std::string query = escaped ? escaped : "";
   curl_free(escaped);
@@ -203,23 +225,45 @@ void S3TestServer::CreateBucket(const std::string& name) {
 
 void S3TestServer::Fault(const std::string& kind, const std::string& method, const std::string& match, int skip,
                          int count, double seconds) {
+  if (m_bCeph) throw std::runtime_error("the Ceph store takes no faults");
   char* escaped = curl_easy_escape(nullptr, match.c_str(), static_cast<int>(match.size()));
   std::string matchArg = escaped ? escaped : "";
   curl_free(escaped);
   char* escapedMethod = curl_easy_escape(nullptr, method.c_str(), static_cast<int>(method.size()));
   std::string methodArg = escapedMethod ? escapedMethod : "";
   curl_free(escapedMethod);
-  Control("POST", "fault?kind=" + kind + "&method=" + methodArg + "&match=" + matchArg +
-                      "&skip=" + std::to_string(skip) + "&count=" + std::to_string(count) +
-                      "&seconds=" + std::to_string(seconds));
+  Control("POST", "fault?kind=" + kind + "&method=" + methodArg + "&match=" + matchArg + "&skip=" +
+                      std::to_string(skip) + "&count=" + std::to_string(count) + "&seconds=" + std::to_string(seconds));
 }
 
-void S3TestServer::Reset() { Control("POST", "reset"); }
+void S3TestServer::Reset() {
+  if (m_bCeph) throw std::runtime_error("the Ceph store has no request log");
+  Control("POST", "reset");
+}
 
-int S3TestServer::OpenUploads() { return static_cast<int>(JsonObjects(Control("GET", "uploads")).size()); }
+int S3TestServer::OpenUploads() {
+  if (!m_bCeph) return static_cast<int>(JsonObjects(Control("GET", "uploads")).size());
+  std::string buckets;
+  if (RunAwsCli("s3api list-buckets --query Buckets[].Name --output text", &buckets) != 0)
+    throw std::runtime_error("cannot list buckets: " + buckets);
+  int open = 0;
+  std::istringstream names(buckets);
+  std::string bucket;
+  while (names >> bucket) {
+    if (bucket == "None") continue;
+    std::string uploads;
+    RunAwsCli("s3api list-multipart-uploads --bucket " + bucket + " --query Uploads[].UploadId --output text",
+              &uploads);
+    std::istringstream ids(uploads);
+    std::string id;
+    while (ids >> id) open += id != "None";
+  }
+  return open;
+}
 
 std::vector<S3Request> S3TestServer::Requests() {
   std::vector<S3Request> requests;
+  if (m_bCeph) return requests;
   for (const std::string& object : JsonObjects(Control("GET", "requests"))) {
     S3Request r;
     r.method = JsonString(object, "method");
@@ -249,13 +293,15 @@ int S3TestServer::RunAwsCli(const std::string& args, std::string* output, const 
   if (config == nullptr) return -1;
   std::fputs("[default]\ns3 =\n    addressing_style = path\n", config);
   std::fclose(config);
-  std::string line = "env -u AWS_SESSION_TOKEN -u AWS_PROFILE -u AWS_ENDPOINT_URL -u AWS_ENDPOINT_URL_S3 -u HTTP_PROXY"
-                     " -u http_proxy -u HTTPS_PROXY -u https_proxy AWS_CONFIG_FILE='" + m_strAwsConfig +
-                     "' AWS_SHARED_CREDENTIALS_FILE=/nonexistent AWS_EC2_METADATA_DISABLED=true"
-                     " AWS_PAGER= AWS_ACCESS_KEY_ID=" + AccessKey() + " AWS_SECRET_ACCESS_KEY='" +
-                     (secretKey.empty() ? SecretKey() : secretKey) + "' AWS_REGION=" + Region() +
-                     " AWS_DEFAULT_REGION=" + Region() + " /usr/bin/aws --endpoint-url " + Endpoint() + " " + args +
-                     " 2>&1";
+  std::string line =
+      "env -u AWS_SESSION_TOKEN -u AWS_PROFILE -u AWS_ENDPOINT_URL -u AWS_ENDPOINT_URL_S3 -u HTTP_PROXY"
+      " -u http_proxy -u HTTPS_PROXY -u https_proxy AWS_CONFIG_FILE='" +
+      m_strAwsConfig +
+      "' AWS_SHARED_CREDENTIALS_FILE=/nonexistent AWS_EC2_METADATA_DISABLED=true"
+      " AWS_PAGER= AWS_ACCESS_KEY_ID=" +
+      AccessKey() + " AWS_SECRET_ACCESS_KEY='" + (secretKey.empty() ? SecretKey() : secretKey) +
+      "' AWS_REGION=" + Region() + " AWS_DEFAULT_REGION=" + Region() + " /usr/bin/aws --endpoint-url " + Endpoint() +
+      " " + args + " 2>&1";
   FILE* pipe = popen(line.c_str(), "r");
   if (pipe == nullptr) return -1;
   std::string text;

@@ -28,6 +28,13 @@ struct S3Request {
 // The control calls (CreateBucket, Fault, Reset, OpenUploads, Requests) use
 // libcurl and throw std::runtime_error when the front does not answer 200.
 // Not thread-safe: one owner; the store itself serves any number of clients.
+//
+// With QLT_S3_STORE=ceph in the environment it starts instead a single-node
+// memory-backed cluster and its S3 gateway (tests/support/ceph_s3.sh, same
+// credentials, up to two minutes to start): a real store, without the
+// front's controls. There CreateBucket and OpenUploads go through the AWS
+// client, Requests answers an empty list, and Fault and Reset throw;
+// HasFaultControl tells a test which it has.
 class S3TestServer {
  public:
   explicit S3TestServer(const std::string& storageDir);
@@ -45,6 +52,8 @@ class S3TestServer {
   static const char* SecretKey() { return "qlt-test-secret-key"; }
   static const char* Region() { return "us-east-1"; }
 
+  // False when the store is the real cluster (no faults, no request log).
+  bool HasFaultControl() const { return !m_bCeph; }
   // Creates a bucket (names of 3 to 63 characters, as S3 wants them).
   void CreateBucket(const std::string& name);
   // The next `count` requests, after skipping `skip`, whose method is `method`
@@ -80,6 +89,7 @@ class S3TestServer {
   // One control request; returns the answer's body. Throws unless 200.
   std::string Control(const std::string& method, const std::string& pathAndQuery);
 
+  bool m_bCeph = false;  // the real cluster instead of the front
   std::string m_strStorage;
   std::string m_strAwsConfig;  // the AWS client's configuration file, beside the storage folder
   pid_t m_pid = -1;

@@ -1,7 +1,9 @@
 // qltfs write: writes a generated pattern through the SDK's safe writer in
 // host writes of a chosen size, with a registered write block size and
 // preset size (managed mode), shows progress and throughput, then reads the
-// file back and checks every byte.
+// file back and checks every byte. The file may be local, a "qvf:\" path or
+// an object of an S3-compatible store ("oss://bucket/key", through the web
+// plug-in; read back through the accessor).
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -104,8 +106,13 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   const ULONGLONG nCacheSize = SizeOption(kCommand, "cache size", strCacheSize, kMinCache, kMaxCache);
 
   // A local file is named to the writer absolutely; a virtual-storage path
-  // stays as it is (the storage maps it). The read-back needs a regular file.
-  const bool bVirtual = IsVirtualPath(strOut);
+  // or an object URL stays as it is. The read-back needs a regular file.
+  const bool bObject = IsObjectUrl(strOut);
+  if (!bObject && !IsLocalPath(strOut) && !IsVirtualPath(strOut))
+    Fail(kCommand, "cannot write '" + strOut + "': write takes a local file, a qvf:\\ path or an oss:// object", 2);
+  // Both are read back through the accessor.
+  const bool bVirtual = IsVirtualPath(strOut) || bObject;
+  auto words = [bObject](DWORD nError) { return bObject ? WebErrorText(nError, false) : ErrorText(nError); };
   std::error_code ec;
   const std::string strPath = bVirtual ? strOut : fs::absolute(strOut, ec).string();
   if (ec) Fail(kCommand, "'" + strOut + "' is not a file name");
@@ -145,7 +152,7 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
     // The open may have made the file before its cache failed: take away
     // what this run created.
     if (!bVirtual && !bExisted) fs::remove(strPath, ec);
-    Fail(kCommand, CannotText("create", strOut, nError));
+    Fail(kCommand, "cannot create '" + strOut + "': " + words(nError));
   }
 
   for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<char>((i % kPeriod) * 131 + (i % kPeriod) / 251);
@@ -163,7 +170,7 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
     if (!bWritten) {
       DWORD nError = GetLastError();
       bar.Finish(static_cast<LONGLONG>(nDone));
-      Fail(kCommand, "writing '" + strOut + "' failed at byte " + std::to_string(nDone) + ": " + ErrorText(nError));
+      Fail(kCommand, "writing '" + strOut + "' failed at byte " + std::to_string(nDone) + ": " + words(nError));
     }
     nDone += nThis;
     bar.Update(static_cast<int>(nDone * 100 / nSize), static_cast<LONGLONG>(nDone), static_cast<LONGLONG>(nDone));
@@ -175,13 +182,13 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   if (!bClosed) {
     const DWORD nError = GetLastError();
     Fail(kCommand, "closing '" + strOut + "' failed: " +
-                       (nError == ERROR_SUCCESS ? std::string("not every byte reached the file") : ErrorText(nError)));
+                       (nError == ERROR_SUCCESS ? std::string("not every byte reached the file") : words(nError)));
   }
   double dSeconds = bar.Seconds();
 
   // Read back and check; the success lines come only once the size is right.
   ReadBack in(strPath, bVirtual);
-  if (!in.IsOpen()) Fail(kCommand, CannotText("read back", strOut, GetLastError()));
+  if (!in.IsOpen()) Fail(kCommand, "cannot read back '" + strOut + "': " + words(GetLastError()));
   const ULONGLONG nOnDisk = in.Length();
   if (nOnDisk != nSize)
     Fail(kCommand, "'" + strOut + "' holds " + std::to_string(nOnDisk) + " bytes, expected " + std::to_string(nSize));
@@ -225,7 +232,9 @@ void AddWriteCommand(CLI::App& app) {
   auto strRetry = std::make_shared<std::string>("0");
   auto bCache = std::make_shared<bool>(false);
   auto strCacheSize = std::make_shared<std::string>("32M");
-  cmd->add_option("OUT", *strOut, "File to write (replaced if it exists): a regular local file or a qvf:\\ path")
+  cmd->add_option("OUT", *strOut,
+                  "File to write (replaced if it exists): a regular local file, a qvf:\\ path or an "
+                  "oss://bucket/key object (the store from AWS_ENDPOINT_URL, AWS_REGION and the AWS credentials)")
       ->required();
   cmd->add_option("--size", *strSize, "Bytes to write; suffixes K, M, G")->required();
   cmd->add_option("--slice", *strSlice, "Bytes per host write (default 64K)");

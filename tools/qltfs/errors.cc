@@ -3,6 +3,18 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
+namespace {
+
+// What the web plug-in reports, by number: the tool builds against installed
+// headers that may predate some of these names.
+constexpr DWORD kErrorSeek = 25;
+constexpr DWORD kErrorBadNetResponse = 58;
+constexpr DWORD kErrorNegativeSeek = 131;
+constexpr DWORD kErrorConnectionRefused = 1225;
+constexpr DWORD kErrorNotAuthenticated = 1244;
+
+}  // namespace
+
 std::string ErrorText(DWORD nError) {
   const char* pszWords;
   switch (nError) {
@@ -41,6 +53,29 @@ std::string ErrorText(DWORD nError) {
     case 12029: pszWords = "cannot connect to the server"; break;
     case 12030: pszWords = "the server ended the connection"; break;
     default: pszWords = "unexpected failure"; break;
+  }
+  return std::string(pszWords) + " (error " + std::to_string(nError) + ")";
+}
+
+std::string WebErrorText(DWORD nError, bool bFtp) {
+  const char* pszWords = nullptr;
+  switch (nError) {
+    case ERROR_ACCESS_DENIED:
+      pszWords = bFtp ? "access denied by the server (530)" : "access denied by the store (403)";
+      break;
+    case ERROR_PATH_NOT_FOUND: pszWords = bFtp ? "no such folder" : "no such bucket"; break;
+    case ERROR_FILE_NOT_FOUND: pszWords = bFtp ? "no such file" : "no such object"; break;
+    case kErrorConnectionRefused: pszWords = "connection refused"; break;
+    case ERROR_TIMEOUT:
+      pszWords = bFtp ? "the server did not answer in time" : "the store did not answer in time";
+      break;
+    case kErrorNotAuthenticated:
+      pszWords = "no credentials (set AWS_ACCESS_KEY_ID and AWS_SECRET_ACCESS_KEY or ~/.aws/credentials)";
+      break;
+    case kErrorBadNetResponse: pszWords = bFtp ? "the server failed" : "the store failed"; break;
+    case kErrorNegativeSeek:
+    case kErrorSeek: pszWords = "the store cannot seek there"; break;
+    default: return ErrorText(nError);
   }
   return std::string(pszWords) + " (error " + std::to_string(nError) + ")";
 }

@@ -10,6 +10,13 @@
 // The failure in words and its number: "the path does not exist (error 3)".
 std::string ErrorText(DWORD nError);
 
+// A web plug-in's failure in words and its number, for a message about an
+// oss://, http(s):// (bFtp false) or ftp:// (bFtp true) location: "access
+// denied by the store (403) (error 5)", "no such bucket (error 3)",
+// "connection refused (error 1225)". Errors the plug-in does not report
+// fall back to ErrorText.
+std::string WebErrorText(DWORD nError, bool bFtp);
+
 // "cannot <strAction> '<strPath>': <ErrorText(nError)>", e.g. "cannot create
 // '/x/y': the path does not exist (error 3)".
 std::string CannotText(const std::string& strAction, const std::string& strPath, DWORD nError);

@@ -1,5 +1,6 @@
 #include "places.h"
 
+#include <cctype>
 #include <filesystem>
 
 #include "ftp_url.h"
@@ -12,7 +13,27 @@ bool IsVirtualPath(const std::string& strPath) {
   return strPath.find("qvf:\\") != std::string::npos || strPath.find("QVF:\\") != std::string::npos;
 }
 
-bool IsLocalPath(const std::string& strPath) { return !IsFtpUrl(strPath) && !IsVirtualPath(strPath); }
+namespace {
+
+bool HasScheme(const std::string& strPath, const char* pszScheme) {
+  const std::string scheme = std::string(pszScheme) + "://";
+  if (strPath.size() < scheme.size()) return false;
+  for (size_t i = 0; i < scheme.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(strPath[i])) != scheme[i]) return false;
+  return true;
+}
+
+}  // namespace
+
+bool IsObjectUrl(const std::string& strPath) { return HasScheme(strPath, "oss"); }
+
+bool IsWebUrl(const std::string& strPath) {
+  return IsObjectUrl(strPath) || HasScheme(strPath, "http") || HasScheme(strPath, "https");
+}
+
+bool IsLocalPath(const std::string& strPath) {
+  return !IsFtpUrl(strPath) && !IsWebUrl(strPath) && !IsVirtualPath(strPath);
+}
 
 bool IsSameFile(const std::string& strFirst, const std::string& strSecond) {
   return QltSameFile(ToWide(strFirst).c_str(), ToWide(strSecond).c_str()) != FALSE;

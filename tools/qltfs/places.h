@@ -8,8 +8,16 @@
 // True for a path of the virtual storage: it holds "qvf:\" or "QVF:\".
 bool IsVirtualPath(const std::string& strPath);
 
-// True for a path on the local file system: neither an ftp:// URL nor a
-// virtual-storage path.
+// True for an object of an S3-compatible store: "oss://bucket/key", the
+// scheme in any letter case.
+bool IsObjectUrl(const std::string& strPath);
+
+// True for what the web plug-in reads: an oss://, http:// or https:// URL
+// (any letter case).
+bool IsWebUrl(const std::string& strPath);
+
+// True for a path on the local file system: no ftp://, oss://, http(s)://
+// URL and no virtual-storage path.
 bool IsLocalPath(const std::string& strPath);
 
 // True when both local paths exist and are one file (same device and inode),
