@@ -137,6 +137,13 @@ DWORD KxFileEx::BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength) {
   if (m_nUnflushed > kForcedFlushBytes) {
     m_nUnflushed = 0;
     ::FlushFileBuffers(hFile);
+  } else if (nRetries <= 0 && nWritten > 0) {
+    // The block starts on its way to the device now, so the forced flush
+    // finds most of the 16 MiB already written instead of waiting for all
+    // of it while nothing else moves. With retries each block was flushed.
+    // A failure only loses the head start; the write's last error stands.
+    ::QltStartWriteBack(hFile, m_nPhysPos - nWritten, nWritten);
+    SetLastError(err);
   }
   if (nWritten != static_cast<DWORD>(nLength)) SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
   return nWritten;
