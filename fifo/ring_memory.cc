@@ -45,7 +45,14 @@ BYTE* AllocRingMemory(size_t nSize) noexcept {
       if (s.kept[i].n == nSize) return TakeLocked(s, i).p;
     }
   }
-  return static_cast<BYTE*>(VirtualAlloc(nullptr, nSize, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+  BYTE* p = static_cast<BYTE*>(VirtualAlloc(nullptr, nSize, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+  // New pages are touched here, when the ring is set up (the file's open,
+  // the read-ahead's start), so their first-touch faults (with large pages,
+  // a zero-fill of 2 MiB each) do not land inside a host's write or read
+  // that copies into the ring. One byte per 4 KiB page reaches every page.
+  if (p)
+    for (size_t at = 0; at < nSize; at += 4096) p[at] = 0;
+  return p;
 }
 
 void FreeRingMemory(BYTE* pMemory, size_t nSize) noexcept {

@@ -5,7 +5,9 @@
 // so that the next ring of the same size (the next file's write cache, the
 // next read-ahead) starts on memory the process has touched already rather
 // than on fresh zero-filled pages, whose first touches cost as much as the
-// copies into them. The store keeps at most kKeptRegions regions and
+// copies into them. A fresh region has every page touched before it is
+// returned, so that cost falls on the ring's set-up, not on the host's
+// first copies. The store keeps at most kKeptRegions regions and
 // kKeptBytes bytes; the oldest region goes back to the system first.
 // Smaller rings use the heap.
 //

@@ -362,6 +362,19 @@ BOOL qlt::win::FlushFileBuffers(HANDLE h) {
   return TRUE;
 }
 
+BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length) {
+  Ref<FileObject> f = FileOf(h);
+  if (!f) return FALSE;
+  if (!Wants(f->access, GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
+  if (offset > static_cast<ULONGLONG>(INT64_MAX) || length > static_cast<ULONGLONG>(INT64_MAX) - offset)
+    return Fail(ERROR_INVALID_PARAMETER);
+  // Only queues the range's dirty pages for writing; waits neither before
+  // nor after.
+  if (::sync_file_range(f->fd, static_cast<off64_t>(offset), static_cast<off64_t>(length), SYNC_FILE_RANGE_WRITE) != 0)
+    return FailErrno();
+  return TRUE;
+}
+
 BOOL qlt::win::DeleteFileW(LPCWSTR path) {
   return NoThrow<BOOL>(FALSE, [&]() -> BOOL {
     std::string p;

@@ -333,6 +333,15 @@ QLTPLATFORM_API HMODULE QltModuleFromAddress(const void* addr);
 
 }  // extern "C"
 
+// ---- Write-back ---------------------------------------------------------------------------
+// Starts writing [offset, offset + length) of a file opened for writing to
+// its device and returns without waiting for it (length 0: to the end of the
+// file). It makes nothing durable: only FlushFileBuffers does. A writer that
+// calls it after each block finds most of its bytes already on the device
+// when it flushes. Where the system offers no such call it does nothing and
+// succeeds. FALSE with the last error for a bad handle or range.
+QLTPLATFORM_API BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length);
+
 // ---- Text conversion ----------------------------------------------------------------------
 // QltWideToUtf8 / QltUtf8ToWide (native names <-> wide text, lossless for
 // every byte string) are declared in qltfsdk/wintypes.h, for hosts too.

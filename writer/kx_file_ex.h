@@ -139,6 +139,10 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   // the last error set.
   bool SeekFile(LARGE_INTEGER liTo, DWORD dwMoveMethod, int64_t nLoggedDistance, bool bExtend,
                 LARGE_INTEGER& newPos);
+  // Notes nWritten bytes just written at nAt and starts the write-back of
+  // what has gathered (QltStartWriteBack) once it reaches kWriteBackChunk.
+  // Keeps nothing durable: only the forced flush does.
+  void StartWriteBack(HANDLE hFile, uint64_t nAt, DWORD nWritten);
   // Writes out the staged bytes; true when all of them reached the file.
   bool WriteOutStaged();
   void TrackWritten(DWORD nWritten);
@@ -176,6 +180,10 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   int32_t m_nBlockSize = 0;   // write block size, above 0
   int32_t m_nStaged = 0;      // 0 <= m_nStaged < m_nBlockSize between calls
   uint64_t m_nUnflushed = 0;  // bytes handed to the file system since the last forced flush
+  // Bytes written from m_nWriteBackFrom on whose write-back has not been
+  // started yet (see StartWriteBack).
+  uint64_t m_nWriteBackFrom = 0;
+  uint64_t m_nWriteBackBytes = 0;
 
   // The current file position of m_hFile; false when it cannot be read.
   bool FilePosition(uint64_t* pPos);
@@ -204,8 +212,8 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
 
   // The write cache. While its thread runs, that thread alone makes the
   // block writes and seeks (through the CClient calls above), so m_hFile,
-  // m_nPhysPos, m_nExtent, m_nGoodPos and m_nUnflushed are its own until
-  // the cache has been drained or ended.
+  // m_nPhysPos, m_nExtent, m_nGoodPos, m_nUnflushed and the write-back
+  // fields are its own until the cache has been drained or ended.
   CWriteCache m_cache{*this};
 
   // Status.

@@ -106,6 +106,7 @@ void KxFileEx::ResetCounters() {
   m_nGoodPos = 0;
   m_nPhysPos = 0;
   m_nExtent = 0;
+  m_nWriteBackBytes = 0;  // a range gathered for an earlier file is that file's
   // No cache thread runs here: the last one was joined by close or by the
   // set-up that replaced it.
   m_cache.ResetFailure();

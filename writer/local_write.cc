@@ -137,9 +137,34 @@ DWORD KxFileEx::BlockWrite(HANDLE hFile, const BYTE* pBuffer, int64_t nLength) {
   if (m_nUnflushed > kForcedFlushBytes) {
     m_nUnflushed = 0;
     ::FlushFileBuffers(hFile);
+    m_nWriteBackBytes = 0;
+  } else if (nRetries <= 0 && nWritten > 0) {
+    // With retries every block was flushed already. The write's last error
+    // stands whatever the write-back start does.
+    StartWriteBack(hFile, m_nPhysPos - nWritten, nWritten);
+    SetLastError(err);
   }
   if (nWritten != static_cast<DWORD>(nLength)) SetLastError(err != NO_ERROR ? err : ERROR_WRITE_FAULT);
   return nWritten;
+}
+
+void KxFileEx::StartWriteBack(HANDLE hFile, uint64_t nAt, DWORD nWritten) {
+  // The bytes start on their way to the device once kWriteBackChunk of them
+  // have gathered, so the forced flush finds most of the 16 MiB already
+  // written instead of waiting for all of it while nothing else moves.
+  // Small blocks (small cached records) gather, so the call is not made for
+  // every few KiB; a write elsewhere (after a seek) starts what had gathered.
+  if (m_nWriteBackBytes > 0 && nAt != m_nWriteBackFrom + m_nWriteBackBytes) {
+    ::QltStartWriteBack(hFile, m_nWriteBackFrom, m_nWriteBackBytes);
+    m_nWriteBackBytes = 0;
+  }
+  if (m_nWriteBackBytes == 0) m_nWriteBackFrom = nAt;
+  m_nWriteBackBytes += nWritten;
+  if (m_nWriteBackBytes >= kWriteBackChunk) {
+    // A failure only loses the head start.
+    ::QltStartWriteBack(hFile, m_nWriteBackFrom, m_nWriteBackBytes);
+    m_nWriteBackBytes = 0;
+  }
 }
 
 DWORD KxFileEx::WriteOnce(const BYTE* pBuffer, DWORD nLength) {

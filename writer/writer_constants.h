@@ -9,6 +9,7 @@
 namespace qlt::writer {
 
 constexpr uint64_t kForcedFlushBytes = 16777216;  // a flush is forced past this many bytes
+constexpr uint64_t kWriteBackChunk = 524288;      // written bytes gathered before their write-back starts
 constexpr int32_t kStagingSlack = 1024;           // spare bytes behind each staging buffer
 constexpr int32_t kErrorCode = 200;               // the writer's code in the error-code register
 

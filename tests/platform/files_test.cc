@@ -133,8 +133,22 @@ TEST_F(PlatformFilesTest, BadHandlesAndBuffersFailCleanly) {
   char c;
   EXPECT_FALSE(ReadFile(h, &c, 1, &n, nullptr));  // opened for writing only
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  // The write-back start: a written range and the rest of the file are
+  // taken, a range past the largest offset is refused.
+  ASSERT_TRUE(WriteFile(h, "abc", 3, &n, nullptr));
+  EXPECT_TRUE(QltStartWriteBack(h, 0, 3));
+  EXPECT_TRUE(QltStartWriteBack(h, 1, 0));
+  EXPECT_FALSE(QltStartWriteBack(h, ~0ULL >> 1, 2));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
   EXPECT_TRUE(CloseHandle(h));
   EXPECT_FALSE(CloseHandle(h));  // closed already
+  EXPECT_FALSE(QltStartWriteBack(h, 0, 0));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  HANDLE r = Open(m_dir.wpath("b.bin"), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
+  ASSERT_NE(r, INVALID_HANDLE_VALUE);
+  EXPECT_FALSE(QltStartWriteBack(r, 0, 3));  // opened for reading only
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  EXPECT_TRUE(CloseHandle(r));
 }
 
 TEST_F(PlatformFilesTest, FaultControlFailsTheNthMatchingCallOnce) {

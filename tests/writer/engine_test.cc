@@ -82,6 +82,36 @@ TEST_F(WriterTest, FlushIsForcedOnlyPast16MiB) {
   EXPECT_EQ(w->CloseHandle(), 1);
 }
 
+// The durability bound, for host slices smaller than, equal to and larger
+// than a block, with and without retries: when a WriteFile returns, at most
+// 16 MiB plus one block of the bytes it accepted since the last flush are
+// not yet flushed. The counts cannot place a flush inside a call, so a call
+// that flushed is taken to have flushed everything it wrote (the kindest
+// reading); a call that did not flush adds all it wrote.
+TEST_F(WriterTest, NoWriteReturnsWithMoreThan16MiBAndABlockUnflushed) {
+  const uint64_t kBlock = 1 << 20, kBound = (16u << 20) + kBlock;
+  const std::string data = Pattern(0, 3 * kBlock);
+  for (int retries : {0, 1}) {
+    SdkSettings.WriteRetryCount = retries;
+    FileExPtr w = MakeWriter();
+    ASSERT_NE(Create(*w, "g.dat", static_cast<int>(kBlock)), nullptr);
+    ScopedFault writes(FaultRule(qlt::fault::kWrite, L"*g.dat"));
+    ScopedFault flushes(FaultRule(qlt::fault::kFlush, L"*g.dat"));
+    uint64_t accepted = 0, flushedUpTo = 0;
+    int lastFlushes = 0;
+    for (size_t slice : {size_t{4096}, size_t{65536}, size_t{300001}, size_t{1} << 20, size_t{5} << 19}) {
+      for (uint64_t end = accepted + (20u << 20); accepted < end; accepted += slice) {
+        DWORD n = 0;
+        ASSERT_EQ(w->WriteFile(data.data(), static_cast<DWORD>(slice), &n, nullptr), 1);
+        if (flushes.Fired() != lastFlushes) flushedUpTo = static_cast<uint64_t>(writes.Fired()) * kBlock;
+        lastFlushes = flushes.Fired();
+        ASSERT_LE(accepted + slice - flushedUpTo, kBound) << "slice " << slice << " retries " << retries;
+      }
+    }
+    EXPECT_EQ(w->CloseHandle(), 1);
+  }
+}
+
 TEST_F(WriterTest, PresetSizeIsAllocatedAndTrimmedToTheFurthestByte) {
   const uint64_t kMiB = 1 << 20;
   const struct {
@@ -158,7 +188,7 @@ TEST_F(WriterTest, OpenWithoutCloseFinishesTheHeldFileFirst) {
       }
       ASSERT_EQ(Put(*w, 50000000, 5000), 1);
       EXPECT_TRUE(Content("a.dat") == Pattern(0, nA));  // whole, and trimmed to what was written
-      EXPECT_TRUE(DeleteFileW(pathA.c_str()));        // its handle is closed
+      EXPECT_TRUE(DeleteFileW(pathA.c_str()));          // its handle is closed
       EXPECT_EQ(w->CloseHandle(), 1);
       EXPECT_EQ(Content("b.dat"), Pattern(50000000, 5000));
     }
