@@ -1,5 +1,134 @@
 #include "tests/support/ftp_server.h"
 
+#if defined(_WIN32)
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#ifndef QLT_FTP_SERVER_SCRIPT
+#error "QLT_FTP_SERVER_SCRIPT must name tests/support/ftp_server.py"
+#endif
+
+// Under Wine a Windows program can start the build machine's python by its
+// Unix path; the server's root is handed over as the Unix path Wine maps the
+// Windows one to. The server ends when its standard input closes, which the
+// system does when this process goes away.
+namespace {
+
+constexpr int kStartTimeoutMs = 15000;
+
+std::string UnixPath(const std::string& windowsPath) {
+  using ToUnix = char*(__cdecl*)(LPCWSTR);
+  HMODULE k = GetModuleHandleW(L"kernel32.dll");
+  auto fn = k ? reinterpret_cast<ToUnix>(GetProcAddress(k, "wine_get_unix_file_name")) : nullptr;
+  if (!fn) return windowsPath;
+  char* unix = fn(QltUtf8ToWide(windowsPath).c_str());
+  if (!unix) return windowsPath;
+  std::string out(unix);
+  HeapFree(GetProcessHeap(), 0, unix);
+  return out;
+}
+
+std::string Quote(const std::string& a) { return "\"" + a + "\""; }
+
+}  // namespace
+
+FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
+  SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
+  HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
+  if (!CreatePipe(&inRead, &inWrite, &sa, 0)) throw std::runtime_error("pipe failed");
+  if (!CreatePipe(&outRead, &outWrite, &sa, 0)) {
+    CloseHandle(inRead);
+    CloseHandle(inWrite);
+    throw std::runtime_error("pipe failed");
+  }
+  SetHandleInformation(inWrite, HANDLE_FLAG_INHERIT, 0);
+  SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
+  std::string cmd = "/usr/bin/python3 " + Quote(QLT_FTP_SERVER_SCRIPT) + " --root " +
+                    Quote(UnixPath(root)) + " --user " + user() + " --password " + password() + " --lifetime 600";
+  if (!fault.empty()) cmd += " --fault " + Quote(fault);
+  std::wstring wcmd = QltUtf8ToWide(cmd);
+  std::vector<wchar_t> line(wcmd.begin(), wcmd.end());
+  line.push_back(0);
+  STARTUPINFOW si{};
+  si.cb = sizeof(si);
+  si.dwFlags = STARTF_USESTDHANDLES;
+  si.hStdInput = inRead;
+  si.hStdOutput = outWrite;
+  si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+  PROCESS_INFORMATION pi{};
+  BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+  CloseHandle(inRead);
+  CloseHandle(outWrite);
+  if (!started) {
+    CloseHandle(inWrite);
+    CloseHandle(outRead);
+    throw std::runtime_error("cannot start /usr/bin/python3");
+  }
+  CloseHandle(pi.hThread);
+  m_hProcess = pi.hProcess;
+  m_pid = static_cast<pid_t>(pi.dwProcessId);
+  m_hStdin = inWrite;
+  // The first line is "PORT n"; a reader thread lets the wait be bounded.
+  std::string first;
+  std::thread reader([&] {
+    char c;
+    DWORD n = 0;
+    while (::ReadFile(outRead, &c, 1, &n, nullptr) && n == 1 && c != '\n') first += c;
+  });
+  if (WaitForSingleObject(m_hProcess, 0) == WAIT_TIMEOUT) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
+    while (first.rfind("PORT ", 0) != 0 && std::chrono::steady_clock::now() < deadline &&
+           WaitForSingleObject(m_hProcess, 20) == WAIT_TIMEOUT) {
+    }
+  }
+  CloseHandle(outRead);  // ends the reader's read if it still waits
+  reader.join();
+  if (first.rfind("PORT ", 0) == 0) m_nPort = std::atoi(first.c_str() + 5);
+  if (m_nPort <= 0) {
+    this->~FtpTestServer();
+    throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
+  }
+}
+
+FtpTestServer::~FtpTestServer() {
+  if (m_hStdin) CloseHandle(m_hStdin);  // the server exits at the end of its input
+  m_hStdin = nullptr;
+  if (!m_hProcess) return;
+  if (WaitForSingleObject(m_hProcess, 3000) != WAIT_OBJECT_0) {
+    TerminateProcess(m_hProcess, 1);
+    WaitForSingleObject(m_hProcess, INFINITE);
+  }
+  CloseHandle(m_hProcess);
+  m_hProcess = nullptr;
+  m_pid = -1;
+}
+
+std::string FtpTestServer::Url(const std::string& path) const {
+  return std::string("ftp://") + user() + ":" + password() + "@127.0.0.1:" + std::to_string(m_nPort) + "/" + path;
+}
+
+int UnusedLoopbackPort() {
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 0;
+  SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = 0;
+  int len = sizeof(a);
+  int port = 0;
+  if (s != INVALID_SOCKET && bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+    port = ntohs(a.sin_port);
+  if (s != INVALID_SOCKET) closesocket(s);
+  WSACleanup();
+  return port;
+}
+
+#else  // POSIX
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -123,3 +252,4 @@ int UnusedLoopbackPort() {
   close(s);
   return port;
 }
+#endif  // POSIX

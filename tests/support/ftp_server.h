@@ -32,7 +32,12 @@ class FtpTestServer {
  private:
   std::string m_strRoot;
   pid_t m_pid = -1;
+#if defined(_WIN32)
+  void* m_hProcess = nullptr;  // the server process
+  void* m_hStdin = nullptr;    // our end of the server's standard input
+#else
   int m_fdStdin = -1;  // our end of the server's standard input
+#endif
   int m_nPort = 0;
 };
 
