@@ -15,7 +15,8 @@ endforeach()
 add_library(spdlog::spdlog INTERFACE IMPORTED)
 set_target_properties(spdlog::spdlog PROPERTIES
   INTERFACE_INCLUDE_DIRECTORIES ${_qlt_host_headers}
-  INTERFACE_COMPILE_DEFINITIONS "FMT_HEADER_ONLY;SPDLOG_HEADER_ONLY")
+  INTERFACE_COMPILE_DEFINITIONS "FMT_HEADER_ONLY;SPDLOG_HEADER_ONLY;SPDLOG_EOL=\"\\n\"")
+# (Log lines end in "\n" on every system, as the library's own log files do.)
 add_library(CLI11::CLI11 INTERFACE IMPORTED)
 set_target_properties(CLI11::CLI11 PROPERTIES INTERFACE_INCLUDE_DIRECTORIES ${_qlt_host_headers})
 

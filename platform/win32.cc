@@ -459,22 +459,6 @@ void* qlt::win::GetProcAddress(HMODULE h, LPCSTR name) {
   return reinterpret_cast<void*>(::GetProcAddress(h, name));
 }
 
-// ---- Settings files ------------------------------------------------------------------------
-UINT qlt::win::GetPrivateProfileIntW(LPCWSTR section, LPCWSTR key, INT nDefault, LPCWSTR file) {
-  return NoThrow<UINT>(static_cast<UINT>(nDefault), [&]() -> UINT {
-    faults::CheckAlloc();
-    return ::GetPrivateProfileIntW(section, key, nDefault, Translate(file).c_str());
-  });
-}
-
-DWORD qlt::win::GetPrivateProfileStringW(LPCWSTR section, LPCWSTR key, LPCWSTR defaultText, LPWSTR buf, DWORD size,
-                                         LPCWSTR file) {
-  return NoThrow<DWORD>(0, [&]() -> DWORD {
-    faults::CheckAlloc();
-    return ::GetPrivateProfileStringW(section, key, defaultText, buf, size, Translate(file).c_str());
-  });
-}
-
 // ---- The layer's own calls ------------------------------------------------------------------
 extern "C" void QltSetDrive(wchar_t letter, LPCWSTR directory, UINT type) {
   NoThrowVoid([&] {
