@@ -1,6 +1,7 @@
 #include "tests/support/ftp_server.h"
 
 #if defined(_WIN32)
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
@@ -33,60 +34,58 @@ std::string UnixPath(const std::string& windowsPath) {
 
 std::string Quote(const std::string& a) { return "\"" + a + "\""; }
 
+std::string ReadWholeText(const std::string& path) {
+  HANDLE h = CreateFileW(QltUtf8ToWide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return std::string();
+  char buf[64];
+  DWORD n = 0;
+  std::string out;
+  if (ReadFile(h, buf, sizeof buf, &n, nullptr)) out.assign(buf, n);
+  CloseHandle(h);
+  return out;
+}
+
 }  // namespace
 
 FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
-  SECURITY_ATTRIBUTES sa{sizeof(sa), nullptr, TRUE};
-  HANDLE inRead = nullptr, inWrite = nullptr, outRead = nullptr, outWrite = nullptr;
-  if (!CreatePipe(&inRead, &inWrite, &sa, 0)) throw std::runtime_error("pipe failed");
-  if (!CreatePipe(&outRead, &outWrite, &sa, 0)) {
-    CloseHandle(inRead);
-    CloseHandle(inWrite);
-    throw std::runtime_error("pipe failed");
-  }
-  SetHandleInformation(inWrite, HANDLE_FLAG_INHERIT, 0);
-  SetHandleInformation(outRead, HANDLE_FLAG_INHERIT, 0);
-  std::string cmd = "/usr/bin/python3 " + Quote(QLT_FTP_SERVER_SCRIPT) + " --root " +
-                    Quote(UnixPath(root)) + " --user " + user() + " --password " + password() + " --lifetime 600";
-  if (!fault.empty()) cmd += " --fault " + Quote(fault);
-  std::wstring wcmd = QltUtf8ToWide(cmd);
+  // Wine gives a Linux process no pipe of ours: the server's input is a
+  // shell loop that runs while this process lives and no stop file exists,
+  // and its first line goes to a file.
+  wchar_t temp[MAX_PATH + 1];
+  DWORD n = GetTempPathW(MAX_PATH + 1, temp);
+  if (n == 0 || n > MAX_PATH) throw std::runtime_error("no temporary folder");
+  static std::atomic<int> s_nServers{0};
+  std::string stem = QltWideToUtf8(temp) + "qlt-ftp-" + std::to_string(GetCurrentProcessId()) + "-" +
+                     std::to_string(s_nServers.fetch_add(1));
+  m_strStopFile = stem + ".stop";
+  m_strPortFile = stem + ".port";
+  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
+  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
+  std::string server = "/usr/bin/python3 '" + std::string(QLT_FTP_SERVER_SCRIPT) + "' --root '" + UnixPath(root) +
+                       "' --user " + user() + " --password " + password() + " --lifetime 600";
+  if (!fault.empty()) server += " --fault '" + fault + "'";
+  std::string script = "p=$PPID; (while kill -0 $p 2>/dev/null && [ ! -e '" + UnixPath(m_strStopFile) +
+                       "' ]; do sleep 0.1; done) | " + server + " > '" + UnixPath(m_strPortFile) + "'";
+  std::wstring wcmd = QltUtf8ToWide("/bin/sh -c " + Quote(script));
   std::vector<wchar_t> line(wcmd.begin(), wcmd.end());
   line.push_back(0);
   STARTUPINFOW si{};
   si.cb = sizeof(si);
-  si.dwFlags = STARTF_USESTDHANDLES;
-  si.hStdInput = inRead;
-  si.hStdOutput = outWrite;
-  si.hStdError = GetStdHandle(STD_ERROR_HANDLE);
   PROCESS_INFORMATION pi{};
-  BOOL started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
-  CloseHandle(inRead);
-  CloseHandle(outWrite);
-  if (!started) {
-    CloseHandle(inWrite);
-    CloseHandle(outRead);
-    throw std::runtime_error("cannot start /usr/bin/python3");
-  }
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+    throw std::runtime_error("cannot start /bin/sh");
   CloseHandle(pi.hThread);
   m_hProcess = pi.hProcess;
   m_pid = static_cast<pid_t>(pi.dwProcessId);
-  m_hStdin = inWrite;
-  // The first line is "PORT n"; a reader thread lets the wait be bounded.
-  std::string first;
-  std::thread reader([&] {
-    char c;
-    DWORD n = 0;
-    while (::ReadFile(outRead, &c, 1, &n, nullptr) && n == 1 && c != '\n') first += c;
-  });
-  if (WaitForSingleObject(m_hProcess, 0) == WAIT_TIMEOUT) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
-    while (first.rfind("PORT ", 0) != 0 && std::chrono::steady_clock::now() < deadline &&
-           WaitForSingleObject(m_hProcess, 20) == WAIT_TIMEOUT) {
-    }
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
+  while (m_nPort <= 0 && std::chrono::steady_clock::now() < deadline) {
+    std::string first = ReadWholeText(m_strPortFile);
+    if (first.rfind("PORT ", 0) == 0 && first.find('\n') != std::string::npos)
+      m_nPort = std::atoi(first.c_str() + 5);
+    else
+      Sleep(20);
   }
-  CloseHandle(outRead);  // ends the reader's read if it still waits
-  reader.join();
-  if (first.rfind("PORT ", 0) == 0) m_nPort = std::atoi(first.c_str() + 5);
   if (m_nPort <= 0) {
     this->~FtpTestServer();
     throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
@@ -94,16 +93,17 @@ FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) 
 }
 
 FtpTestServer::~FtpTestServer() {
-  if (m_hStdin) CloseHandle(m_hStdin);  // the server exits at the end of its input
-  m_hStdin = nullptr;
   if (!m_hProcess) return;
-  if (WaitForSingleObject(m_hProcess, 3000) != WAIT_OBJECT_0) {
-    TerminateProcess(m_hProcess, 1);
-    WaitForSingleObject(m_hProcess, INFINITE);
-  }
+  // The stop file ends the input loop, and the server with it.
+  HANDLE stop = CreateFileW(QltUtf8ToWide(m_strStopFile).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                            FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (stop != INVALID_HANDLE_VALUE) CloseHandle(stop);
+  WaitForSingleObject(m_hProcess, 5000);
   CloseHandle(m_hProcess);
   m_hProcess = nullptr;
   m_pid = -1;
+  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
+  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
 }
 
 std::string FtpTestServer::Url(const std::string& path) const {

@@ -33,8 +33,9 @@ class FtpTestServer {
   std::string m_strRoot;
   pid_t m_pid = -1;
 #if defined(_WIN32)
-  void* m_hProcess = nullptr;  // the server process
-  void* m_hStdin = nullptr;    // our end of the server's standard input
+  void* m_hProcess = nullptr;  // the shell that runs the server
+  std::string m_strStopFile;   // made to stop the server
+  std::string m_strPortFile;   // the server's first line
 #else
   int m_fdStdin = -1;  // our end of the server's standard input
 #endif
