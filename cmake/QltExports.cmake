@@ -32,6 +32,11 @@ set(QLT_EXPORTS_MAP ${CMAKE_BINARY_DIR}/qlt_exports.map)
 file(CONFIGURE OUTPUT ${QLT_EXPORTS_MAP} CONTENT "{\n  global:\n${_c}    extern \"C++\" {\n${_cxx}    };\n  local: *;\n};\n")
 
 function(qlt_exports target)
+  if(WIN32)
+    # A PE library exports exactly what is marked __declspec(dllexport);
+    # with any such mark present the linker exports nothing else.
+    return()
+  endif()
   target_link_options(${target} PRIVATE "LINKER:--version-script=${QLT_EXPORTS_MAP}")
   set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${QLT_EXPORTS_MAP})
 endfunction()

@@ -4,6 +4,11 @@ function(qlt_warnings target)
   if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     target_compile_options(${target} PRIVATE -Wthread-safety)
   endif()
+  if(WIN32)
+    # The system headers first, with the platform's forwarded calls renamed
+    # out of the global scope (see platform/win_names.h).
+    target_compile_options(${target} PRIVATE "SHELL:-include ${CMAKE_SOURCE_DIR}/platform/win_names.h")
+  endif()
 endfunction()
 
 # qlt_include_root(<target>): gives <target> an include root of its own that

@@ -1,5 +1,7 @@
 // The test-only fault control.
+#if !defined(_WIN32)
 #include <fnmatch.h>
+#endif
 
 #include <new>
 #include <system_error>
@@ -40,6 +42,33 @@ std::string NativePattern(const std::wstring& w) {
   return p;
 }
 
+#if defined(_WIN32)
+// '*' (any run, '/' included) and '?' (one character); no escapes, so the
+// backslashes of Windows paths need none.
+bool Glob(const char* p, const char* s) {
+  const char* star = nullptr;
+  const char* resume = nullptr;
+  while (*s) {
+    if (*p == '*') {
+      star = p++;
+      resume = s;
+    } else if (*p == '?' || *p == *s) {
+      ++p;
+      ++s;
+    } else if (star) {
+      p = star + 1;
+      s = ++resume;
+    } else {
+      return false;
+    }
+  }
+  while (*p == '*') ++p;
+  return *p == 0;
+}
+#else
+bool Glob(const char* p, const char* s) { return fnmatch(p, s, 0) == 0; }
+#endif
+
 }  // namespace
 
 bool Match(unsigned op, const std::string& nativePath, HANDLE h, Outcome* out) {
@@ -51,7 +80,7 @@ bool Match(unsigned op, const std::string& nativePath, HANDLE h, Outcome* out) {
     for (ArmedRule& a : r.rules) {
       if (!(a.rule.ops & op)) continue;
       if (a.rule.handle && a.rule.handle != h) continue;
-      if (!a.pattern.empty() && fnmatch(a.pattern.c_str(), nativePath.c_str(), 0) != 0) continue;
+      if (!a.pattern.empty() && !Glob(a.pattern.c_str(), nativePath.c_str())) continue;
       ++a.seen;
       if (a.seen < a.rule.nth) continue;
       if (a.rule.times >= 0 && a.seen >= a.rule.nth + a.rule.times) continue;

@@ -34,6 +34,9 @@
 #include "platform/thread_annotations.h"
 #include "qltfsdk/wintypes.h"
 
+#if defined(_WIN32)
+#include "platform/platform_win.h"  // NOLINT: the system's calls behind the same names
+#else
 // ---- Types and constants beyond what hosts need -------------------------------
 struct SYSTEMTIME {
   WORD wYear;
@@ -312,6 +315,7 @@ using qlt::win::VirtualFree;
 using qlt::win::WaitForMultipleObjects;
 using qlt::win::WaitForSingleObject;
 using qlt::win::WriteFile;
+#endif  // !_WIN32
 
 extern "C" {
 // ---- Drive map --------------------------------------------------------------------------

@@ -7,9 +7,11 @@
 // searched (as Windows does: a repeated section header does not reopen it),
 // the first occurrence of a key wins, and lines that are neither are skipped,
 // so no input can make the reader fail.
+#if !defined(_WIN32)
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#endif
 
 #include <cctype>
 #include <cerrno>
@@ -37,6 +39,28 @@ bool SameName(const std::string& a, const std::string& b) {
   return true;
 }
 
+#if defined(_WIN32)
+// The text of a settings file, at most kMaxSettingsFile bytes; false when
+// path is not a disk file that can be read. Read here rather than by the
+// system's profile calls so that the rules are the same on every system and
+// a file rewritten a moment ago is read as it now is.
+bool ReadSettingsText(const std::string& path, std::string* text) {
+  std::wstring wide = qlt::plat::ToWide(path);
+  HANDLE h = ::CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  CAutoHandle owner(h);
+  LARGE_INTEGER size{};
+  if (::GetFileType(h) != FILE_TYPE_DISK || !::GetFileSizeEx(h, &size)) return false;
+  size_t want = static_cast<ULONGLONG>(size.QuadPart) < kMaxSettingsFile ? static_cast<size_t>(size.QuadPart)
+                                                                         : kMaxSettingsFile;
+  text->resize(want);
+  DWORD got = 0;
+  if (!::ReadFile(h, want ? &(*text)[0] : nullptr, static_cast<DWORD>(want), &got, nullptr)) return false;
+  text->resize(got);
+  return true;
+}
+#else
 // The text of a settings file, at most kMaxSettingsFile bytes; false when
 // path is not a regular file that can be read. Opened without waiting, so a
 // FIFO, socket or device of that name is refused at once instead of blocking
@@ -67,6 +91,7 @@ bool ReadSettingsText(const std::string& path, std::string* text) {
   ::close(fd);
   return ok;
 }
+#endif
 
 // The raw value of section/key, or false when the file, section or key is missing.
 bool FindValue(LPCWSTR section, LPCWSTR key, LPCWSTR file, std::string* value) {

@@ -2,13 +2,15 @@
 //
 // A BSTR points just past a 32-bit byte count; the text is followed by a
 // zero character, so it reads as an ordinary wide C string too.
-#include <locale.h>
-#include <wctype.h>
 #include <cstdlib>
 #include <cstring>
 #include <cwctype>
 
 #include "platform/internal.h"
+
+#if !defined(_WIN32)  // Windows has the system's BSTRs (oleaut32)
+#include <locale.h>
+#include <wctype.h>
 
 namespace {
 
@@ -82,6 +84,7 @@ HRESULT qlt::win::VarBstrCmp(BSTR a, BSTR b, LCID /*lcid*/, ULONG dwFlags) {
   if ((dwFlags & NORM_IGNORECASE) || caseOrder == 0) return VARCMP_EQ;
   return caseOrder < 0 ? VARCMP_LT : VARCMP_GT;
 }
+#endif  // !_WIN32
 
 namespace {
 

@@ -217,7 +217,7 @@ DWORD CWriteCache::Run() {
     buffer.resize(kThreadBuffer);
     for (;;) {
       CacheHeader header{};
-      int nLength = 0;
+      LONG nLength = 0;
       // Records come whole and in order: a header, then its data or seek.
       if (!m_pPool->ReadBuffer(&header, nLength)) break;
       if (nLength == -1) {

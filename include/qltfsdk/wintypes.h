@@ -38,6 +38,17 @@
 #define QLTPLATFORM_API QLT_DECL_IMPORT
 #endif
 
+#if defined(_WIN32)
+// The system's own names, types and calls. NOMINMAX keeps min and max free
+// for the standard library.
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <winsock2.h>  // before windows.h, which would bring the old winsock.h
+#include <windows.h>
+#include <oleauto.h>
+#else
+
 // ---- Scalar types -----------------------------------------------------------
 typedef int BOOL;
 typedef unsigned char BYTE;
@@ -263,6 +274,18 @@ QLTPLATFORM_API HANDLE CreateFileW(LPCWSTR lpFileName, DWORD dwDesiredAccess, DW
 QLTPLATFORM_API BOOL CloseHandle(HANDLE h);
 }  // namespace qlt::win
 
+using qlt::win::CloseHandle;
+using qlt::win::CoCreateGuid;
+using qlt::win::CreateFileW;
+using qlt::win::GetLastError;
+using qlt::win::SetLastError;
+using qlt::win::SysAllocString;
+using qlt::win::SysAllocStringLen;
+using qlt::win::SysFreeString;
+using qlt::win::SysStringLen;
+using qlt::win::VarBstrCmp;
+#endif  // !_WIN32
+
 // ---- Text and native names ------------------------------------------------------
 // Conversion between wide text and native (UTF-8) names, the same for the
 // library and every host, whatever the C locale. Lossless for every byte
@@ -288,16 +311,6 @@ QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
 // error of the path that was not (ERROR_FILE_NOT_FOUND, ...). Any thread.
 extern "C" QLTPLATFORM_API BOOL QltSameFile(LPCWSTR a, LPCWSTR b);
 
-using qlt::win::CloseHandle;
-using qlt::win::CoCreateGuid;
-using qlt::win::CreateFileW;
-using qlt::win::GetLastError;
-using qlt::win::SetLastError;
-using qlt::win::SysAllocString;
-using qlt::win::SysAllocStringLen;
-using qlt::win::SysFreeString;
-using qlt::win::SysStringLen;
-using qlt::win::VarBstrCmp;
 
 // ---- CComBSTR -----------------------------------------------------------------
 // Owning wrapper over one BSTR. Copying duplicates the string; moving steals

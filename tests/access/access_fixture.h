@@ -3,10 +3,14 @@
 #ifndef QLTFSDK_TESTS_ACCESS_ACCESS_FIXTURE_H
 #define QLTFSDK_TESTS_ACCESS_ACCESS_FIXTURE_H
 
+#include <gtest/gtest.h>
+#if defined(_WIN32)
+#include <tlhelp32.h>
+#else
 #include <dirent.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
+#endif
 
 #include <chrono>
 #include <cstdint>
@@ -34,10 +38,23 @@ inline bool WritePatternFile(const std::string& path, size_t n) { return WriteWh
 
 // Writes data at offset into path, leaving a hole before it.
 inline bool WriteAt(const std::string& path, int64_t offset, const std::string& data) {
+#if defined(_WIN32)
+  HANDLE h = CreateFileW(QltWindowsPath(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
+                         FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return false;
+  OVERLAPPED at{};
+  at.Offset = static_cast<DWORD>(offset);
+  at.OffsetHigh = static_cast<DWORD>(static_cast<uint64_t>(offset) >> 32);
+  DWORD n = 0;
+  bool ok = WriteFile(h, data.data(), static_cast<DWORD>(data.size()), &n, &at) && n == data.size();
+  CloseHandle(h);
+  return ok;
+#else
   int fd = ::open(path.c_str(), O_CREAT | O_WRONLY, 0644);
   bool ok = fd >= 0 && ::pwrite(fd, data.data(), data.size(), offset) == static_cast<ssize_t>(data.size());
   if (fd >= 0) ::close(fd);
   return ok;
+#endif
 }
 
 // Turns the error log on into dir's "sdk-log" for its lifetime.
@@ -73,11 +90,21 @@ inline const bool g_bFirstThreadMade = [] {
 // Threads of this process right now.
 inline int ThreadCount() {
   int n = 0;
+#if defined(_WIN32)
+  HANDLE snap = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  if (snap == INVALID_HANDLE_VALUE) return 0;
+  THREADENTRY32 te{};
+  te.dwSize = sizeof(te);
+  for (BOOL more = Thread32First(snap, &te); more; more = Thread32Next(snap, &te))
+    if (te.th32OwnerProcessID == GetCurrentProcessId()) ++n;
+  CloseHandle(snap);
+#else
   if (DIR* d = opendir("/proc/self/task")) {
     while (dirent* e = readdir(d))
       if (e->d_name[0] != '.') ++n;
     closedir(d);
   }
+#endif
   return n;
 }
 

@@ -28,6 +28,11 @@ constexpr int kRounds = 30;
 #endif
 
 size_t OpenDescriptors() {
+#if defined(_WIN32)
+  DWORD n = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &n);
+  return n;
+#endif
   return static_cast<size_t>(
       std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator()));
 }

@@ -1,7 +1,9 @@
 #include "tests/support/alloc_fault.h"
 
+#if !defined(_WIN32)
 #include <dlfcn.h>
 #include <execinfo.h>
+#endif
 
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +21,12 @@ thread_local bool t_bFired = false;
 // decides is the first one on the stack that is neither this program (the
 // allocator, the test) nor a runtime library (a std::string of the platform
 // layer allocates from inside libstdc++).
+#if defined(_WIN32)
+// With the runtime linked statically each DLL has an operator new of its
+// own: only allocations of this program's own code arrive here, never the
+// platform library's.
+bool FromPlatformLibrary() { return false; }
+#else
 // The C++ library, the unwinder and the sanitizer runtimes.
 bool IsRuntime(const char* pszFile) {
   for (const char* pszName : {"libstdc++", "libgcc_s", "libasan", "libtsan", "libubsan"})
@@ -39,6 +47,7 @@ bool FromPlatformLibrary() {
   }
   return false;
 }
+#endif
 
 void* Allocate(std::size_t nBytes) {
   if (t_nCountdown > 0 && !FromPlatformLibrary() && --t_nCountdown == 0) {
@@ -74,8 +83,10 @@ void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
 ScopedAllocFailure::ScopedAllocFailure(int nNth) {
+#if !defined(_WIN32)
   void* frames[1];
   backtrace(frames, 1);  // its first call loads the unwinder: not while armed
+#endif
   t_bFired = false;
   t_nCountdown = nNth;
 }

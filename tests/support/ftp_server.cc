@@ -1,5 +1,134 @@
 #include "tests/support/ftp_server.h"
 
+#if defined(_WIN32)
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#ifndef QLT_FTP_SERVER_SCRIPT
+#error "QLT_FTP_SERVER_SCRIPT must name tests/support/ftp_server.py"
+#endif
+
+// Under Wine a Windows program can start the build machine's python by its
+// Unix path; the server's root is handed over as the Unix path Wine maps the
+// Windows one to. The server ends when its standard input closes, which the
+// system does when this process goes away.
+namespace {
+
+constexpr int kStartTimeoutMs = 15000;
+
+std::string UnixPath(const std::string& windowsPath) {
+  using ToUnix = char*(__cdecl*)(LPCWSTR);
+  HMODULE k = GetModuleHandleW(L"kernel32.dll");
+  auto fn = k ? reinterpret_cast<ToUnix>(GetProcAddress(k, "wine_get_unix_file_name")) : nullptr;
+  if (!fn) return windowsPath;
+  char* unix = fn(QltUtf8ToWide(windowsPath).c_str());
+  if (!unix) return windowsPath;
+  std::string out(unix);
+  HeapFree(GetProcessHeap(), 0, unix);
+  return out;
+}
+
+std::string Quote(const std::string& a) { return "\"" + a + "\""; }
+
+std::string ReadWholeText(const std::string& path) {
+  HANDLE h = CreateFileW(QltUtf8ToWide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (h == INVALID_HANDLE_VALUE) return std::string();
+  char buf[64];
+  DWORD n = 0;
+  std::string out;
+  if (ReadFile(h, buf, sizeof buf, &n, nullptr)) out.assign(buf, n);
+  CloseHandle(h);
+  return out;
+}
+
+}  // namespace
+
+FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
+  // Wine gives a Linux process no pipe of ours: the server's input is a
+  // shell loop that runs while this process lives and no stop file exists,
+  // and its first line goes to a file.
+  wchar_t temp[MAX_PATH + 1];
+  DWORD n = GetTempPathW(MAX_PATH + 1, temp);
+  if (n == 0 || n > MAX_PATH) throw std::runtime_error("no temporary folder");
+  static std::atomic<int> s_nServers{0};
+  std::string stem = QltWideToUtf8(temp) + "qlt-ftp-" + std::to_string(GetCurrentProcessId()) + "-" +
+                     std::to_string(s_nServers.fetch_add(1));
+  m_strStopFile = stem + ".stop";
+  m_strPortFile = stem + ".port";
+  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
+  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
+  std::string server = "/usr/bin/python3 '" + std::string(QLT_FTP_SERVER_SCRIPT) + "' --root '" + UnixPath(root) +
+                       "' --user " + user() + " --password " + password() + " --lifetime 600";
+  if (!fault.empty()) server += " --fault '" + fault + "'";
+  std::string script = "p=$PPID; (while kill -0 $p 2>/dev/null && [ ! -e '" + UnixPath(m_strStopFile) +
+                       "' ]; do sleep 0.1; done) | " + server + " > '" + UnixPath(m_strPortFile) + "'";
+  std::wstring wcmd = QltUtf8ToWide("/bin/sh -c " + Quote(script));
+  std::vector<wchar_t> line(wcmd.begin(), wcmd.end());
+  line.push_back(0);
+  STARTUPINFOW si{};
+  si.cb = sizeof(si);
+  PROCESS_INFORMATION pi{};
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+    throw std::runtime_error("cannot start /bin/sh");
+  CloseHandle(pi.hThread);
+  m_hProcess = pi.hProcess;
+  m_pid = static_cast<pid_t>(pi.dwProcessId);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
+  while (m_nPort <= 0 && std::chrono::steady_clock::now() < deadline) {
+    std::string first = ReadWholeText(m_strPortFile);
+    if (first.rfind("PORT ", 0) == 0 && first.find('\n') != std::string::npos)
+      m_nPort = std::atoi(first.c_str() + 5);
+    else
+      Sleep(20);
+  }
+  if (m_nPort <= 0) {
+    this->~FtpTestServer();
+    throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
+  }
+}
+
+FtpTestServer::~FtpTestServer() {
+  if (!m_hProcess) return;
+  // The stop file ends the input loop, and the server with it.
+  HANDLE stop = CreateFileW(QltUtf8ToWide(m_strStopFile).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                            FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (stop != INVALID_HANDLE_VALUE) CloseHandle(stop);
+  WaitForSingleObject(m_hProcess, 5000);
+  CloseHandle(m_hProcess);
+  m_hProcess = nullptr;
+  m_pid = -1;
+  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
+  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
+}
+
+std::string FtpTestServer::Url(const std::string& path) const {
+  return std::string("ftp://") + user() + ":" + password() + "@127.0.0.1:" + std::to_string(m_nPort) + "/" + path;
+}
+
+int UnusedLoopbackPort() {
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 0;
+  SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  a.sin_port = 0;
+  int len = sizeof(a);
+  int port = 0;
+  if (s != INVALID_SOCKET && bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) == 0)
+    port = ntohs(a.sin_port);
+  if (s != INVALID_SOCKET) closesocket(s);
+  WSACleanup();
+  return port;
+}
+
+#else  // POSIX
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -123,3 +252,4 @@ int UnusedLoopbackPort() {
   close(s);
   return port;
 }
+#endif  // POSIX

@@ -32,7 +32,13 @@ class FtpTestServer {
  private:
   std::string m_strRoot;
   pid_t m_pid = -1;
+#if defined(_WIN32)
+  void* m_hProcess = nullptr;  // the shell that runs the server
+  std::string m_strStopFile;   // made to stop the server
+  std::string m_strPortFile;   // the server's first line
+#else
   int m_fdStdin = -1;  // our end of the server's standard input
+#endif
   int m_nPort = 0;
 };
 

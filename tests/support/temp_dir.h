@@ -4,6 +4,14 @@
 
 #include <string>
 
+#if defined(_WIN32)
+#include <cstdlib>
+// The environment calls the tests use, on the C runtime that the library's
+// getenv reads.
+inline int setenv(const char* name, const char* value, int /*overwrite*/) { return _putenv_s(name, value); }
+inline int unsetenv(const char* name) { return _putenv_s(name, ""); }
+#endif
+
 // A fresh, empty directory that is removed with everything in it when the
 // object is destroyed. Created under $QLTFS_TEST_TMP when set, else in the
 // temporary area ($TMPDIR, which CTest sets to a folder of the build tree).
