@@ -569,3 +569,18 @@ extern "C" BOOL QltSameFile(LPCWSTR a, LPCWSTR b) {
            ia.nFileIndexLow == ib.nFileIndexLow;
   });
 }
+
+// Windows has no call that starts the write-back of a range without waiting
+// for it; the system's lazy writer already writes dirty pages out steadily.
+// The handle is still checked so that a bad one fails as on other systems.
+BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length) {
+  if (h == nullptr || h == INVALID_HANDLE_VALUE) {
+    ::SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+  }
+  if (offset > static_cast<ULONGLONG>(INT64_MAX) || length > static_cast<ULONGLONG>(INT64_MAX) - offset) {
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  return TRUE;
+}
