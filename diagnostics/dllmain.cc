@@ -1,17 +1,9 @@
-// Load-time attach and unload-time detach of the SDK library. The
-// constructor runs on the loading thread when the library is loaded, before
-// the host can call any exported function.
+// The SDK library's entry point: start-up when the library is loaded (the
+// module handle, the drive map and the cache drive, the settings), detach
+// when it is unloaded. On Windows it is the DLL's DllMain; elsewhere a
+// load-time constructor and an unload-time destructor.
 #include "diagnostics/startup.h"
+#include "platform/module_entry.h"
 #include "platform/platform.h"
 
-namespace {
-
-__attribute__((constructor)) void QltSdkLoad() {
-  QltSdkDllMain(QltModuleFromAddress(reinterpret_cast<const void*>(&QltSdkLoad)), DLL_PROCESS_ATTACH);
-}
-
-__attribute__((destructor)) void QltSdkUnload() {
-  QltSdkDllMain(QltModuleFromAddress(reinterpret_cast<const void*>(&QltSdkUnload)), DLL_PROCESS_DETACH);
-}
-
-}  // namespace
+QLT_MODULE_ENTRY(QltSdkDllMain)
