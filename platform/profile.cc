@@ -46,14 +46,14 @@ bool SameName(const std::string& a, const std::string& b) {
 // a file rewritten a moment ago is read as it now is.
 bool ReadSettingsText(const std::string& path, std::string* text) {
   std::wstring wide = qlt::plat::ToWide(path);
-  HANDLE h = ::CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                           nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  HANDLE h = ::CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return false;
   CAutoHandle owner(h);
   LARGE_INTEGER size{};
   if (::GetFileType(h) != FILE_TYPE_DISK || !::GetFileSizeEx(h, &size)) return false;
-  size_t want = static_cast<ULONGLONG>(size.QuadPart) < kMaxSettingsFile ? static_cast<size_t>(size.QuadPart)
-                                                                         : kMaxSettingsFile;
+  size_t want =
+      static_cast<ULONGLONG>(size.QuadPart) < kMaxSettingsFile ? static_cast<size_t>(size.QuadPart) : kMaxSettingsFile;
   text->resize(want);
   DWORD got = 0;
   if (!::ReadFile(h, want ? &(*text)[0] : nullptr, static_cast<DWORD>(want), &got, nullptr)) return false;
@@ -72,7 +72,8 @@ bool ReadSettingsText(const std::string& path, std::string* text) {
   bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   if (ok) {
     // Sized to the file, so each key read costs what the file holds.
-    size_t want = static_cast<size_t>(st.st_size) < kMaxSettingsFile ? static_cast<size_t>(st.st_size) : kMaxSettingsFile;
+    size_t want =
+        static_cast<size_t>(st.st_size) < kMaxSettingsFile ? static_cast<size_t>(st.st_size) : kMaxSettingsFile;
     try {
       text->resize(want);
     } catch (...) {

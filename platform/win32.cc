@@ -251,8 +251,7 @@ BOOL qlt::win::WriteFile(HANDLE h, LPCVOID buf, DWORD n, LPDWORD pWritten, LPOVE
 
 BOOL qlt::win::SetFilePointerEx(HANDLE h, LARGE_INTEGER distance, PLARGE_INTEGER pNewPos, DWORD method) {
   faults::Outcome o{};
-  if (FileFault(qlt::fault::kSeek, h, &o) && o.action == qlt::fault::Action::kFail)
-    return qlt::plat::FailWith(o.error);
+  if (FileFault(qlt::fault::kSeek, h, &o) && o.action == qlt::fault::Action::kFail) return qlt::plat::FailWith(o.error);
   return ::SetFilePointerEx(h, distance, pNewPos, method);
 }
 
@@ -267,8 +266,7 @@ DWORD qlt::win::SetFilePointer(HANDLE h, LONG distanceLow, PLONG pDistanceHigh, 
 
 BOOL qlt::win::GetFileSizeEx(HANDLE h, PLARGE_INTEGER pSize) {
   faults::Outcome o{};
-  if (FileFault(qlt::fault::kSize, h, &o) && o.action == qlt::fault::Action::kFail)
-    return qlt::plat::FailWith(o.error);
+  if (FileFault(qlt::fault::kSize, h, &o) && o.action == qlt::fault::Action::kFail) return qlt::plat::FailWith(o.error);
   return ::GetFileSizeEx(h, pSize);
 }
 
@@ -399,8 +397,8 @@ UINT qlt::win::GetDriveTypeW(LPCWSTR root) {
 }
 
 // ---- Threads and events ---------------------------------------------------------------
-HANDLE qlt::win::CreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stackSize, LPTHREAD_START_ROUTINE start,
-                              LPVOID param, DWORD flags, LPDWORD pThreadId) {
+HANDLE qlt::win::CreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stackSize, LPTHREAD_START_ROUTINE start, LPVOID param,
+                              DWORD flags, LPDWORD pThreadId) {
   try {
     faults::CheckAlloc();
     faults::CheckThreadStart();
@@ -455,9 +453,7 @@ HMODULE qlt::win::LoadLibraryW(LPCWSTR name) {
   });
 }
 
-void* qlt::win::GetProcAddress(HMODULE h, LPCSTR name) {
-  return reinterpret_cast<void*>(::GetProcAddress(h, name));
-}
+void* qlt::win::GetProcAddress(HMODULE h, LPCSTR name) { return reinterpret_cast<void*>(::GetProcAddress(h, name)); }
 
 // ---- The layer's own calls ------------------------------------------------------------------
 extern "C" void QltSetDrive(wchar_t letter, LPCWSTR directory, UINT type) {
@@ -544,8 +540,8 @@ namespace {
 
 bool FileId(LPCWSTR path, BY_HANDLE_FILE_INFORMATION* info) {
   std::wstring p = Translate(path);
-  HANDLE h = ::CreateFileW(p.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  HANDLE h = ::CreateFileW(p.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                           FILE_FLAG_BACKUP_SEMANTICS, nullptr);
   if (h == INVALID_HANDLE_VALUE) return false;
   BOOL ok = ::GetFileInformationByHandle(h, info);
   DWORD err = ::GetLastError();

@@ -32,14 +32,14 @@
 #include "diagnostics/error_entries.h"
 #include "diagnostics/log_file_writer2.h"
 #include "fifo/kx_data_fifo_pool.h"
-#include "pool/registry.h"
 #include "platform/thread_annotations.h"
+#include "pool/registry.h"
 #include "qltfsdk/fileex.h"
 #include "writer/virtual_target.h"
 #include "writer/web_target.h"
 #include "writer/write_cache.h"
-#include "writer/writer_target.h"
 #include "writer/writer_registry_entry.h"
+#include "writer/writer_target.h"
 
 class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
  public:
@@ -137,8 +137,7 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   // rewrites from there, and with bExtend the furthest end grows to it. On
   // failure logs a seek entry naming nLoggedDistance and returns false with
   // the last error set.
-  bool SeekFile(LARGE_INTEGER liTo, DWORD dwMoveMethod, int64_t nLoggedDistance, bool bExtend,
-                LARGE_INTEGER& newPos);
+  bool SeekFile(LARGE_INTEGER liTo, DWORD dwMoveMethod, int64_t nLoggedDistance, bool bExtend, LARGE_INTEGER& newPos);
   // Notes nWritten bytes just written at nAt and starts the write-back of
   // what has gathered (QltStartWriteBack) once it reaches kWriteBackChunk.
   // Keeps nothing durable: only the forced flush does.
@@ -222,7 +221,7 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   int32_t m_nWriteMs = 0;         // time spent in that route
 
   // User data of the writes, in write order.
-  CRITICAL_SECTION m_csUserData;                           // a cache thread appends while the host reads
+  CRITICAL_SECTION m_csUserData;  // a cache thread appends while the host reads
   CArray<DWORD, DWORD> m_userData GUARDED_BY(m_csUserData);
 
   // The status record, listed in the registry of files being written while

@@ -56,8 +56,8 @@ void CPartUploader::WorkerLoop() {
     }
     WebRequest request;
     request.m_strMethod = "PUT";
-    request.m_strUrl = m_strObjectUrl + "?partNumber=" + std::to_string(job.m_nPart) +
-                       "&uploadId=" + UriEncode(m_strUploadId, false);
+    request.m_strUrl =
+        m_strObjectUrl + "?partNumber=" + std::to_string(job.m_nPart) + "&uploadId=" + UriEncode(m_strUploadId, false);
     request.m_pBody = job.m_data.data();
     request.m_nBody = job.m_data.size();
     request.m_bSign = true;

@@ -60,15 +60,15 @@ class CPartUploader {
   const WebConfig m_cfg;
   const std::string m_strObjectUrl;
   const std::string m_strUploadId;
-  const size_t m_nMaxHeld;  // parts queued plus in flight at most
+  const size_t m_nMaxHeld;                                // parts queued plus in flight at most
   std::vector<std::unique_ptr<CWorkerThread>> m_workers;  // owning thread only
 
-  std::mutex m_mutex;             // guards every field below
-  std::condition_variable m_cv;   // signalled on each change of the fields below
-  std::deque<Job> m_queue;        // parts waiting for a worker
-  size_t m_nBusy = 0;             // parts in flight
-  bool m_bStop = false;           // workers end once they see it
-  DWORD m_dwError = 0;            // first failure; non-zero ends the upload
+  std::mutex m_mutex;            // guards every field below
+  std::condition_variable m_cv;  // signalled on each change of the fields below
+  std::deque<Job> m_queue;       // parts waiting for a worker
+  size_t m_nBusy = 0;            // parts in flight
+  bool m_bStop = false;          // workers end once they see it
+  DWORD m_dwError = 0;           // first failure; non-zero ends the upload
   std::map<int, std::string> m_etags;
 };
 

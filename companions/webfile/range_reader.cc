@@ -98,8 +98,10 @@ void CRangeReader::WorkerLoop() {
     DWORD error = ok ? 0 : client.Error();
     if (ok && response.m_nStatus != 206) {
       // The server sent the whole file: keep this chunk's bytes of it.
-      if (response.m_strBody.size() > first) response.m_strBody = response.m_strBody.substr(first, last + 1 - first);
-      else error = ERROR_BAD_NET_RESP;
+      if (response.m_strBody.size() > first)
+        response.m_strBody = response.m_strBody.substr(first, last + 1 - first);
+      else
+        error = ERROR_BAD_NET_RESP;
     }
     {
       std::lock_guard<std::mutex> lock(m_mutex);

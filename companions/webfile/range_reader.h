@@ -51,7 +51,7 @@ class CRangeReader {
   const std::string m_strUrl;
   const bool m_bSign;
   const uint64_t m_nSize;
-  const uint64_t m_nChunk;  // bytes per chunk (the read-ahead size)
+  const uint64_t m_nChunk;   // bytes per chunk (the read-ahead size)
   const uint64_t m_nWindow;  // chunks fetched ahead of a forward reader, the current one included
   std::vector<std::unique_ptr<CWorkerThread>> m_workers;  // owning thread only
   uint64_t m_nLastIndex = UINT64_MAX;                     // owning thread only: chunk of the last Read
@@ -59,7 +59,7 @@ class CRangeReader {
   std::mutex m_mutex;            // guards the fields below
   std::condition_variable m_cv;  // signalled when a chunk is done, a request queued or the stop raised
   std::map<uint64_t, std::shared_ptr<Chunk>> m_chunks;  // requested chunks by index, done or not
-  std::deque<uint64_t> m_queue;  // indexes waiting for a worker
+  std::deque<uint64_t> m_queue;                         // indexes waiting for a worker
   bool m_bStop = false;
 };
 

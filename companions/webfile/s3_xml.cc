@@ -40,23 +40,30 @@ std::string Unescape(const std::string& text) {
     }
     std::string ent = text.substr(i + 1, semi - i - 1);
     char c = 0;
-    if (ent == "amp") c = '&';
-    else if (ent == "lt") c = '<';
-    else if (ent == "gt") c = '>';
-    else if (ent == "quot") c = '"';
-    else if (ent == "apos") c = '\'';
+    if (ent == "amp")
+      c = '&';
+    else if (ent == "lt")
+      c = '<';
+    else if (ent == "gt")
+      c = '>';
+    else if (ent == "quot")
+      c = '"';
+    else if (ent == "apos")
+      c = '\'';
     else if (ent.size() > 1 && ent[0] == '#') {
       long v = 0;
       bool hex = ent[1] == 'x' || ent[1] == 'X';
       bool ok = ent.size() > (hex ? 2u : 1u);
       for (size_t k = hex ? 2 : 1; ok && k < ent.size(); ++k) {
         char d = ent[k];
-        int digit = (d >= '0' && d <= '9') ? d - '0'
+        int digit = (d >= '0' && d <= '9')          ? d - '0'
                     : (hex && d >= 'a' && d <= 'f') ? d - 'a' + 10
                     : (hex && d >= 'A' && d <= 'F') ? d - 'A' + 10
                                                     : -1;
-        if (digit < 0) ok = false;
-        else v = v * (hex ? 16 : 10) + digit;
+        if (digit < 0)
+          ok = false;
+        else
+          v = v * (hex ? 16 : 10) + digit;
         if (v > 127) ok = false;
       }
       if (ok && v > 0) c = static_cast<char>(v);
@@ -98,11 +105,16 @@ bool XmlIsError(const std::string& xml) {
 std::string XmlEscape(const std::string& text) {
   std::string out;
   for (char c : text) {
-    if (c == '&') out += "&amp;";
-    else if (c == '<') out += "&lt;";
-    else if (c == '>') out += "&gt;";
-    else if (c == '"') out += "&quot;";
-    else out += c;
+    if (c == '&')
+      out += "&amp;";
+    else if (c == '<')
+      out += "&lt;";
+    else if (c == '>')
+      out += "&gt;";
+    else if (c == '"')
+      out += "&quot;";
+    else
+      out += c;
   }
   return out;
 }

@@ -116,8 +116,7 @@ DWORD ErrorForOutcome(CURLcode code, long status, const std::string& body) {
   std::string s3Code = XmlElementText(body, "Code");
   if (s3Code == "NoSuchBucket") return ERROR_PATH_NOT_FOUND;
   if (s3Code == "NoSuchKey") return ERROR_FILE_NOT_FOUND;
-  if (status == 403 || s3Code == "AccessDenied" || s3Code == "SignatureDoesNotMatch" ||
-      s3Code == "InvalidAccessKeyId")
+  if (status == 403 || s3Code == "AccessDenied" || s3Code == "SignatureDoesNotMatch" || s3Code == "InvalidAccessKeyId")
     return ERROR_ACCESS_DENIED;
   if (status == 404) return ERROR_FILE_NOT_FOUND;
   return ERROR_BAD_NET_RESP;
@@ -152,9 +151,10 @@ bool CWebClient::Perform(const WebRequest& request, WebResponse& response, bool 
       return true;
     }
     bool errorBody200 = response.m_eCode == CURLE_OK && response.m_nStatus >= 200 && response.m_nStatus <= 299;
-    bool again = (Retryable(response) || (errorBody200 && XmlElementText(response.m_strBody, "Code") == "InternalError")) &&
-                 attempt < m_cfg.m_nMaxRetries &&
-                 GetTickCount64() - start + pauseMs < static_cast<ULONGLONG>(m_cfg.m_nRetryTimeMs);
+    bool again =
+        (Retryable(response) || (errorBody200 && XmlElementText(response.m_strBody, "Code") == "InternalError")) &&
+        attempt < m_cfg.m_nMaxRetries &&
+        GetTickCount64() - start + pauseMs < static_cast<ULONGLONG>(m_cfg.m_nRetryTimeMs);
     if (!again) {
       m_dwError = ErrorForOutcome(response.m_eCode, response.m_nStatus, response.m_strBody);
       return false;
@@ -187,7 +187,8 @@ void CWebClient::PerformOnce(const WebRequest& request, WebResponse& response) {
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &response.m_strBody);
   curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, ReadHeader);
   curl_easy_setopt(h, CURLOPT_HEADERDATA, &response);
-  if (IsFtp(request.m_strUrl)) curl_easy_setopt(h, CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR));
+  if (IsFtp(request.m_strUrl))
+    curl_easy_setopt(h, CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR));
   if (request.m_bFollow) {
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(h, CURLOPT_MAXREDIRS, 8L);

@@ -32,21 +32,21 @@ struct WebRequest {
   const char* m_pBody = nullptr;
   size_t m_nBody = 0;
   HANDLE m_hBodyFile = nullptr;  // or the body read from this file's start (m_nBody bytes)
-  bool m_bSign = false;    // SigV4 with the configured credentials
-  bool m_bFollow = false;  // follow redirects (existence checks)
-  std::string m_strRange;  // "first-last" for a ranged GET; empty: whole
-  size_t m_nBodyHint = 0;  // bytes expected in the answer body (reserved up front)
-  std::string m_strUser;      // FTP login; empty: anonymous
-  std::string m_strPassword;  // FTP login; never logged
+  bool m_bSign = false;          // SigV4 with the configured credentials
+  bool m_bFollow = false;        // follow redirects (existence checks)
+  std::string m_strRange;        // "first-last" for a ranged GET; empty: whole
+  size_t m_nBodyHint = 0;        // bytes expected in the answer body (reserved up front)
+  std::string m_strUser;         // FTP login; empty: anonymous
+  std::string m_strPassword;     // FTP login; never logged
 };
 
 struct WebResponse {
   CURLcode m_eCode = CURLE_OK;
-  long m_nStatus = 0;         // HTTP status, or the FTP reply code
-  std::string m_strBody;      // answer body (bounded by the caller's range)
-  std::string m_strETag;      // ETag header, as sent (with its quotes)
-  int64_t m_nLength = -1;     // Content-Length, -1 when absent
-  int64_t m_nTotal = -1;      // total size from Content-Range, -1 when absent
+  long m_nStatus = 0;      // HTTP status, or the FTP reply code
+  std::string m_strBody;   // answer body (bounded by the caller's range)
+  std::string m_strETag;   // ETag header, as sent (with its quotes)
+  int64_t m_nLength = -1;  // Content-Length, -1 when absent
+  int64_t m_nTotal = -1;   // total size from Content-Range, -1 when absent
 };
 
 // The platform error for an outcome: 5 denied (403, FTP 530), 3 no such

@@ -105,11 +105,15 @@ bool ParseCredentialsText(const std::string& text, const std::string& profile, s
     size_t eq = t.find('=');
     if (eq == std::string::npos) continue;
     std::string key = Trim(t.substr(0, eq));
-    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(key.begin(), key.end(), key.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     std::string value = Trim(t.substr(eq + 1));
-    if (key == "aws_access_key_id") access = value;
-    else if (key == "aws_secret_access_key") secret = value;
-    else if (key == "aws_session_token") session = value;
+    if (key == "aws_access_key_id")
+      access = value;
+    else if (key == "aws_secret_access_key")
+      secret = value;
+    else if (key == "aws_session_token")
+      session = value;
   }
   if (access.empty() || secret.empty()) return false;
   accessKey = access;
@@ -151,9 +155,10 @@ WebConfig LoadWebConfig() {
       std::clamp<int64_t>(Number(ini, "QLTFS_WEB_CONNECT_TIMEOUT_MS", L"ConnectTimeoutMs", 10000), 100, 600000));
   cfg.m_nIdleTimeoutMs = static_cast<long>(
       std::clamp<int64_t>(Number(ini, "QLTFS_WEB_IDLE_TIMEOUT_MS", L"IdleTimeoutMs", 30000), 1000, 600000));
-  cfg.m_nMaxRetries = static_cast<int>(std::clamp<int64_t>(Number(ini, "QLTFS_WEB_MAX_RETRIES", L"MaxRetries", 4), 0, 20));
-  cfg.m_nRetryTimeMs = static_cast<long>(
-      std::clamp<int64_t>(Number(ini, "QLTFS_WEB_RETRY_TIME_MS", L"RetryTimeMs", 60000), 0, 3600000));
+  cfg.m_nMaxRetries =
+      static_cast<int>(std::clamp<int64_t>(Number(ini, "QLTFS_WEB_MAX_RETRIES", L"MaxRetries", 4), 0, 20));
+  cfg.m_nRetryTimeMs =
+      static_cast<long>(std::clamp<int64_t>(Number(ini, "QLTFS_WEB_RETRY_TIME_MS", L"RetryTimeMs", 60000), 0, 3600000));
   int64_t ahead = Number(ini, "QLTFS_WEB_READ_AHEAD", L"ReadAhead", static_cast<int64_t>(cfg.m_nReadAhead));
   cfg.m_nReadAhead = static_cast<uint64_t>(std::clamp<int64_t>(ahead, 64 * 1024, 256 * kMiB));
   return cfg;

@@ -59,11 +59,16 @@ bool ParseWebUrl(const std::string& text, WebUrl& url) {
   size_t sep = text.find("://");
   if (sep == std::string::npos) return false;
   std::string scheme = Lower(text.substr(0, sep));
-  if (scheme == "oss") url.m_eScheme = UrlScheme::kOss;
-  else if (scheme == "ftp") url.m_eScheme = UrlScheme::kFtp;
-  else if (scheme == "http") url.m_eScheme = UrlScheme::kHttp;
-  else if (scheme == "https") url.m_eScheme = UrlScheme::kHttps;
-  else return false;
+  if (scheme == "oss")
+    url.m_eScheme = UrlScheme::kOss;
+  else if (scheme == "ftp")
+    url.m_eScheme = UrlScheme::kFtp;
+  else if (scheme == "http")
+    url.m_eScheme = UrlScheme::kHttp;
+  else if (scheme == "https")
+    url.m_eScheme = UrlScheme::kHttps;
+  else
+    return false;
 
   std::string rest = text.substr(sep + 3);
   size_t slash = rest.find('/');

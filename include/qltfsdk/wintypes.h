@@ -44,9 +44,9 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
-#include <winsock2.h>  // before windows.h, which would bring the old winsock.h
-#include <windows.h>
 #include <oleauto.h>
+#include <windows.h>
+#include <winsock2.h>  // before windows.h, which would bring the old winsock.h
 #else
 
 // ---- Scalar types -----------------------------------------------------------
@@ -310,7 +310,6 @@ QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
 // last error is then ERROR_SUCCESS when both files were found, else the
 // error of the path that was not (ERROR_FILE_NOT_FOUND, ...). Any thread.
 extern "C" QLTPLATFORM_API BOOL QltSameFile(LPCWSTR a, LPCWSTR b);
-
 
 // ---- CComBSTR -----------------------------------------------------------------
 // Owning wrapper over one BSTR. Copying duplicates the string; moving steals

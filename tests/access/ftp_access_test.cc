@@ -304,7 +304,8 @@ TEST_F(FtpAccessTest, EnablingCallsDuringReadAheadAreCheckedFirstAndReturnPrompt
   ASSERT_EQ(1, m_acc.EnableAsyncRead(1, 8 * kMiB));
   ASSERT_EQ(1, m_acc.OpenFile(L"stalled.bin", 1));
   std::string sent(half.size(), '\0');
-  ASSERT_EQ(static_cast<int>(sent.size()), m_acc.Read(reinterpret_cast<BYTE*>(&sent[0]), static_cast<int>(sent.size())));
+  ASSERT_EQ(static_cast<int>(sent.size()),
+            m_acc.Read(reinterpret_cast<BYTE*>(&sent[0]), static_cast<int>(sent.size())));
   EXPECT_TRUE(sent == half);
   EXPECT_TRUE(AnotherThreadWaitsInPoll());
   start = std::chrono::steady_clock::now();

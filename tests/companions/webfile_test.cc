@@ -31,10 +31,11 @@ std::string Pattern(size_t size, unsigned seed) {
 long AnonymousGet(const std::string& url, std::string* body) {
   CURL* h = curl_easy_init();
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, +[](char* p, size_t s, size_t n, void* u) {
-    static_cast<std::string*>(u)->append(p, s * n);
-    return s * n;
-  });
+  curl_easy_setopt(
+      h, CURLOPT_WRITEFUNCTION, +[](char* p, size_t s, size_t n, void* u) {
+        static_cast<std::string*>(u)->append(p, s * n);
+        return s * n;
+      });
   curl_easy_setopt(h, CURLOPT_WRITEDATA, body);
   long status = 0;
   if (curl_easy_perform(h) == CURLE_OK) curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
@@ -128,8 +129,13 @@ TEST_F(WebFileTest, ObjectsOfEverySizeRoundTrip) {
     size_t size;
     bool putMode;
     bool multipart;
-  } cases[] = {{0, false, false},         {1, false, false},    {kPart, false, false}, {kPart + 1, false, true},
-               {nLarge + 12345, false, true}, {3 * kPart, true, false}, {0, true, false}};
+  } cases[] = {{0, false, false},
+               {1, false, false},
+               {kPart, false, false},
+               {kPart + 1, false, true},
+               {nLarge + 12345, false, true},
+               {3 * kPart, true, false},
+               {0, true, false}};
   unsigned seed = 1;
   for (const Case& c : cases) {
     SCOPED_TRACE("size " + std::to_string(c.size) + (c.putMode ? " put mode" : ""));
@@ -192,8 +198,8 @@ TEST_F(WebFileTest, RefusedOpensLeaveNothingOnTheStore) {
   std::string credentials = dir.file("credentials");
   struct Case {
     const char* name;
-    const char* secret;       // AWS_SECRET_ACCESS_KEY; null: unset
-    const char* fileSecret;   // secret in the credentials file's [default]; null: no file
+    const char* secret;      // AWS_SECRET_ACCESS_KEY; null: unset
+    const char* fileSecret;  // secret in the credentials file's [default]; null: no file
     std::string path;
     DWORD error;
   } cases[] = {
@@ -205,8 +211,10 @@ TEST_F(WebFileTest, RefusedOpensLeaveNothingOnTheStore) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    if (c.secret) setenv("AWS_SECRET_ACCESS_KEY", c.secret, 1);
-    else unsetenv("AWS_SECRET_ACCESS_KEY");
+    if (c.secret)
+      setenv("AWS_SECRET_ACCESS_KEY", c.secret, 1);
+    else
+      unsetenv("AWS_SECRET_ACCESS_KEY");
     if (c.fileSecret)
       WriteWholeFile(credentials, std::string("[other]\naws_access_key_id = x\n[default]\naws_access_key_id = ") +
                                       S3TestServer::AccessKey() + "\naws_secret_access_key=" + c.fileSecret + "\n");
@@ -320,9 +328,9 @@ TEST_F(WebFileTest, ExistenceOnEveryScheme) {
     std::string path;
     int exists;
   } cases[] = {
-      {Url("exists.bin"), 1},       {Url("absent.bin"), 0},         {"oss://no-such-bucket/x", 0},
-      {http.Url("here.txt"), 1},    {http.Url("absent.txt"), 0},    {http.Url("redirect/here.txt"), 1},
-      {ftp.Url("here.txt"), 1},     {ftp.Url("absent.txt"), 0},     {"http://" + refused + "/x", 0},
+      {Url("exists.bin"), 1},         {Url("absent.bin"), 0},      {"oss://no-such-bucket/x", 0},
+      {http.Url("here.txt"), 1},      {http.Url("absent.txt"), 0}, {http.Url("redirect/here.txt"), 1},
+      {ftp.Url("here.txt"), 1},       {ftp.Url("absent.txt"), 0},  {"http://" + refused + "/x", 0},
       {"ftp://" + refused + "/x", 0}, {"gopher://host/x", 0},
   };
   for (const Case& c : cases) EXPECT_EQ(Exists(c.path), c.exists) << c.path;

@@ -9,9 +9,9 @@
 
 #include <array>
 #include <chrono>
-#include <future>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -137,7 +137,8 @@ TEST_F(DiagnosticsTest, SettingsParseKeysWithUnitsAndFallBackToDefaults) {
   // A FIFO of that name is no settings file: the defaults, without waiting for a writer.
   std::filesystem::remove(m_dir.file("qltfsdk.ini"));
   ASSERT_EQ(::mkfifo(m_dir.file("qltfsdk.ini").c_str(), 0644), 0);
-  EXPECT_TRUE(ReturnsWithoutAWriter(m_dir.file("qltfsdk.ini"), [&] { LoadSdkSettingsFrom(m_dir.wpath("qltfsdk.ini")); }));
+  EXPECT_TRUE(
+      ReturnsWithoutAWriter(m_dir.file("qltfsdk.ini"), [&] { LoadSdkSettingsFrom(m_dir.wpath("qltfsdk.ini")); }));
   EXPECT_EQ(Current(), kDefaults);
 #endif
 }
@@ -158,7 +159,8 @@ TEST_F(DiagnosticsTest, AttachLoadsSettingsAndDrivesBesideTheLibrary) {
   std::wstring exe = QltWindowsPath(exeDir.path());
   EXPECT_EQ(ChooseConfigDirectory(exe, m_dir.wpath()), m_dir.wpath());
 #if defined(_WIN32)
-  ASSERT_TRUE(std::filesystem::create_directory(std::filesystem::u8path(exeDir.file("qltfsdk.ini"))));  // no settings file
+  ASSERT_TRUE(
+      std::filesystem::create_directory(std::filesystem::u8path(exeDir.file("qltfsdk.ini"))));  // no settings file
 #else
   ASSERT_EQ(::mkfifo(exeDir.file("qltfsdk.ini").c_str(), 0644), 0);  // readable, but no settings file
 #endif
@@ -208,8 +210,10 @@ TEST_F(DiagnosticsTest, EventEntriesKeepTheirTextsByteForByte) {
       {SeekExceptionEntry(8589934592, 0), "\n    seek file pos exception :   ", L"Mov pos :8589934592   new pos 0: \n"},
       {ReadExceptionEntry(10, 3), "\n    read file exception  :   ", L"To read bytes :10   readed bytes 3: \n"},
       {AccessSeekExceptionEntry(4096, 0), "\n  seek file pos Exception :   ", L"Mov pos :4096   new pos 0: \n"},
-      {AccessReadExceptionEntry(262144, 0), "\n    read file  exception :   ", L"To read bytes :262144   readed bytes 0: \n"},
-      {AccessWriteExceptionEntry(1000, 0), "\n    write file exception   :   ", L"To write bytes :1000   written bytes 0: \n"},
+      {AccessReadExceptionEntry(262144, 0),
+       "\n    read file  exception :   ", L"To read bytes :262144   readed bytes 0: \n"},
+      {AccessWriteExceptionEntry(1000, 0),
+       "\n    write file exception   :   ", L"To write bytes :1000   written bytes 0: \n"},
       {VirtualSizeEntry(12), "\n    Get file size:   ", L"size :12   \n"},
       {VirtualShortReadEntry(100, -1), "\n    read file :   ", L"size to read  :100  real size  :-1  \n"},
       {VirtualSeekMissedEntry(70, 64), "\n   mov file postion :   ", L"position to mov  :70 new  position :64  \n"},

@@ -40,10 +40,10 @@ int main() {
   const wchar_t* copied = L"C:\\\u00DCn\u00EFc\u00F8d\u00E9-\u6587\u4EF6-copy.bin";
   QLCT_FileEx* named = QLCT_CreateFileExObj();
   written = 0;
-  bool wroteNamed = named && named->Initialize(nullptr) &&
-                    named->CreateKXFile(CComBSTR(wide), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                        nullptr) &&
-                    named->WriteFile("unicode", 7, &written, nullptr) && named->CloseHandle();
+  bool wroteNamed =
+      named && named->Initialize(nullptr) &&
+      named->CreateKXFile(CComBSTR(wide), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr) &&
+      named->WriteFile("unicode", 7, &written, nullptr) && named->CloseHandle();
   QLCT_DeleteFileExObj(named);
   bool copiedNamed = transfer.TransferFile(CComBSTR(wide), CComBSTR(copied)) > 0;  // the rate achieved
   QLCT_FileAccess reader;
@@ -53,6 +53,8 @@ int main() {
   bool named_ok = wroteNamed && copiedNamed && got == 7 && std::string(reinterpret_cast<char*>(back), 7) == "unicode";
   std::printf("non-ASCII name: written %d, copied %d, read back %d bytes: %d\n", wroteNamed, copiedNamed, got,
               named_ok);
-  return named_ok && n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 && props.dwValue1 == 1 && wrote ? 0
-                                                                                                                    : 1;
+  return named_ok && n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 &&
+                 props.dwValue1 == 1 && wrote
+             ? 0
+             : 1;
 }

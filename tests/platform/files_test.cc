@@ -283,7 +283,10 @@ TEST_F(PlatformFilesTest, DirectoriesAndSearch) {
 // A name the search hands back opens the very file it names, whatever its
 // bytes; wide text that no native name stands for is refused, not renamed.
 TEST_F(PlatformFilesTest, NamesFromSearchOpenTheSameFile) {
-  for (const char* name : {"\xC3\xBC.bin", "\xC3\x9Cn\xC3\xAF" "c\xC3\xB8" "d\xC3\xA9-\xE6\x96\x87\xE4\xBB\xB6.bin",
+  for (const char* name : {"\xC3\xBC.bin",
+                           "\xC3\x9Cn\xC3\xAF"
+                           "c\xC3\xB8"
+                           "d\xC3\xA9-\xE6\x96\x87\xE4\xBB\xB6.bin",
                            "\xE9.bin", "\xC0\xAF.bin"}) {
     SCOPED_TRACE(testing::PrintToString(std::string(name)));
     ASSERT_TRUE(WriteWholeFile(m_dir.file(name), name));

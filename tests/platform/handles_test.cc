@@ -268,10 +268,11 @@ TEST(PlatformContainTest, EachExceptionGivesTheFailureResultAndOneOfTwoErrors) {
     const std::function<void()>& fnThrow = c.first;
     const DWORD nError = c.second;
     SetLastError(0);
-    EXPECT_EQ(QltContain(-1, [&] {
-                fnThrow();
-                return 1;
-              }),
+    EXPECT_EQ(QltContain(-1,
+                         [&] {
+                           fnThrow();
+                           return 1;
+                         }),
               -1);
     EXPECT_EQ(GetLastError(), nError);
     SetLastError(0);

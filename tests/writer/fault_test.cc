@@ -201,15 +201,15 @@ int FillUp(const std::string& dir, FillRoute route) {
   std::wstring path = route == kVirtual ? std::wstring(L"qvf:\\full.dat") : QltWindowsPath(dir + "/full.dat");
   if (route == kVirtual) {
     HMODULE h = LoadLibraryW(QLT_VIRTUALFILE_DLL);  // kept loaded: the writer uses it
-    auto pfnSetRoot = h ? reinterpret_cast<PFN_QltSetVirtualStorageRoot>(GetProcAddress(h, "QltSetVirtualStorageRoot"))
-                        : nullptr;
+    auto pfnSetRoot =
+        h ? reinterpret_cast<PFN_QltSetVirtualStorageRoot>(GetProcAddress(h, "QltSetVirtualStorageRoot")) : nullptr;
     if (!pfnSetRoot) return 6;
     pfnSetRoot(QltWindowsPath(dir).c_str());
   }
   QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), 65536);
   FileExPtr w(QLCT_CreateFileExObj());
-  QLCT_FIlEACCESSINFO_ST info{route == kMemoryCache ? 1 : route == kDiskCache ? 2 : 0, 2, 0, 33554432, nullptr,
-                              4194304, 16777216};
+  QLCT_FIlEACCESSINFO_ST info{
+      route == kMemoryCache ? 1 : route == kDiskCache ? 2 : 0, 2, 0, 33554432, nullptr, 4194304, 16777216};
   if (!w || !w->Initialize(&info)) return 1;
   if (!w->CreateKXFile(CComBSTR(path.c_str()), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr)) return 2;
   int nFailed = 0;

@@ -18,10 +18,11 @@ std::string AnonymousGet(const std::string& url) {
   CURL* h = curl_easy_init();
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
   curl_easy_setopt(h, CURLOPT_FAILONERROR, 1L);
-  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, +[](char* p, size_t s, size_t n, void* u) {
-    static_cast<std::string*>(u)->append(p, s * n);
-    return s * n;
-  });
+  curl_easy_setopt(
+      h, CURLOPT_WRITEFUNCTION, +[](char* p, size_t s, size_t n, void* u) {
+        static_cast<std::string*>(u)->append(p, s * n);
+        return s * n;
+      });
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &body);
   CURLcode code = curl_easy_perform(h);
   curl_easy_cleanup(h);

@@ -92,9 +92,10 @@ std::unique_ptr<QLCT_FileEx, WriterDeleter> OpenObjectWriter(const std::string& 
 void RunRead(const std::string& source, const std::string& target, bool async, const std::string& asyncSize,
              const std::string& blockText) {
   const auto block = static_cast<long long>(SizeOption("read", "--block", blockText, 1, 1 << 30));
-  const auto ring = async ? static_cast<long long>(SizeOption(
-                                "read", "--async size", asyncSize.empty() ? "10M" : asyncSize, 64 << 10, (1ULL << 31) - 1))
-                          : 0;
+  const auto ring =
+      async ? static_cast<long long>(
+                  SizeOption("read", "--async size", asyncSize.empty() ? "10M" : asyncSize, 64 << 10, (1ULL << 31) - 1))
+            : 0;
 
   if (IsLocalPath(source)) {
     if (std::string kind = NotAFileKind(source); !kind.empty())
@@ -257,9 +258,9 @@ void AddReadCommand(CLI::App& app) {
   cmd->add_option("--to", *target,
                   "write what is read to this file (a local or qvf:\\ file, an ftp:// URL or an oss://bucket/key "
                   "object; /dev/null discards it); never the source itself");
-  auto* async =
-      cmd->add_option("--async", *asyncSize, "read ahead (and write behind) through a ring of SIZE bytes, 64K to 2G-1 (default 10M)")
-          ->expected(0, 1);
+  auto* async = cmd->add_option("--async", *asyncSize,
+                                "read ahead (and write behind) through a ring of SIZE bytes, 64K to 2G-1 (default 10M)")
+                    ->expected(0, 1);
   cmd->add_option("--block", *block, "bytes per read request (default 1M)");
   cmd->callback([=] { RunRead(*source, *target, async->count() > 0, *asyncSize, *block); });
 }

@@ -22,8 +22,7 @@ size_t WriteToFile(char* pData, size_t nSize, size_t nCount, void* pFile) {
 
 // Runs one transfer on a fresh handle. strLocal is read for an upload and
 // written otherwise. Returns false (after saying why) on any failure.
-bool Transfer(const std::string& strUrl, const char* pszLocal, bool bUpload,
-              const char* pszCaFile = nullptr) {
+bool Transfer(const std::string& strUrl, const char* pszLocal, bool bUpload, const char* pszCaFile = nullptr) {
   FILE* pFile = std::fopen(pszLocal, bUpload ? "rb" : "wb");
   if (pFile == nullptr) {
     std::fprintf(stderr, "curl_smoke: cannot open %s\n", pszLocal);
@@ -58,8 +57,8 @@ bool Transfer(const std::string& strUrl, const char* pszLocal, bool bUpload,
   curl_easy_cleanup(pCurl);
   const bool bClosed = std::fclose(pFile) == 0;
   if (nResult != CURLE_OK) {
-    std::fprintf(stderr, "curl_smoke: %s %s: %s (%s)\n", bUpload ? "upload to" : "download of",
-                 strUrl.c_str(), curl_easy_strerror(nResult), szError);
+    std::fprintf(stderr, "curl_smoke: %s %s: %s (%s)\n", bUpload ? "upload to" : "download of", strUrl.c_str(),
+                 curl_easy_strerror(nResult), szError);
     return false;
   }
   if (!bClosed) {
