@@ -47,11 +47,13 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
-#include <io.h>
-#include <oleauto.h>
-#include <wchar.h>
-#include <windows.h>
+// clang-format off
 #include <winsock2.h>  // before windows.h, which would bring the old winsock.h
+#include <windows.h>
+#include <oleauto.h>
+#include <io.h>
+#include <wchar.h>
+// clang-format on
 
 #if !defined(QLT_PLATFORM_SYSTEM_NAMES)
 #undef CreateFileW

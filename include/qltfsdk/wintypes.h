@@ -44,9 +44,11 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
-#include <oleauto.h>
-#include <windows.h>
+// clang-format off
 #include <winsock2.h>  // before windows.h, which would bring the old winsock.h
+#include <windows.h>
+#include <oleauto.h>
+// clang-format on
 #else
 
 // ---- Scalar types -----------------------------------------------------------
