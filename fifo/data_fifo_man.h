@@ -32,8 +32,8 @@
 
 #include "fifo/fifo_disk_file.h"
 #include "fifo/ring_stream.h"
-#include "platform/worker_thread.h"
 #include "platform/platform.h"
+#include "platform/worker_thread.h"
 
 // Bytes of a record's length prefix, in the rings and in overflow files alike.
 constexpr LONG kRecordPrefixBytes = 4;
@@ -188,17 +188,17 @@ class CDataFifoMan {
   std::atomic<LONG> m_nDiskState{0};
   std::deque<CFifoDiskFile*> m_arrDiskFiles GUARDED_BY(m_csFiles);  // owned, oldest first
   CFifoDiskFile* m_pWriteFile GUARDED_BY(m_csWriteFile) = nullptr;  // file receiving records
-  CRITICAL_SECTION m_csWriteFile;             // m_pWriteFile and disk writing
-  CRITICAL_SECTION m_csRead;                  // serialises ReadBuffer; held across its ring waits
+  CRITICAL_SECTION m_csWriteFile;                                   // m_pWriteFile and disk writing
+  CRITICAL_SECTION m_csRead;                                        // serialises ReadBuffer; held across its ring waits
   CRITICAL_SECTION m_csFiles ACQUIRED_AFTER(m_csWriteFile, m_csRead);  // m_arrDiskFiles, m_nDiskState, m_pMoveFile
   DWORD m_nLowWater = kLowWater;
   // Mover's staging buffer, allocated by its first move (at least 1 MiB);
   // mover thread only while it runs, freed by the destructor.
   BYTE* m_pMoveBuffer = nullptr;
-  DWORD m_nMoveBufferSize = 0;            // its size
+  DWORD m_nMoveBufferSize = 0;                                 // its size
   CFifoDiskFile* m_pMoveFile GUARDED_BY(m_csFiles) = nullptr;  // file of the requested move
   LONG m_nMoveIndex GUARDED_BY(m_csFiles) = 0;                 // its index in m_arrDiskFiles (always 0)
-  std::atomic<bool> m_bEndOfData{false};  // producer ended; written under m_csFiles
+  std::atomic<bool> m_bEndOfData{false};                       // producer ended; written under m_csFiles
   // Moves requested and not finished (0 or 1). Changed under m_csFiles.
   std::atomic<LONG> m_nPendingMoves{0};
   std::atomic<LONG> m_nBufferingMode{0};   // read by the producer (relaxed: any recent value will do)

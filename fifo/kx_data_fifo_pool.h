@@ -21,8 +21,8 @@
 
 #include "fifo/data_fifo_man.h"
 #include "fifo/ring_stream.h"
-#include "platform/worker_thread.h"
 #include "platform/platform.h"
+#include "platform/worker_thread.h"
 
 class KxDataFifoPool {
  public:

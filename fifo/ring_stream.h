@@ -158,16 +158,16 @@ class CRingStream {
 
   const std::wstring m_strName;  // label; immutable
   BYTE m_byState GUARDED_BY(m_csStream) = 0;
-  BYTE* m_pBuffer = nullptr;     // owned; replaced only by Init/UninitStream
-  DWORD m_nBufferSize = 0;       // capacity <= kMaxCapacity; changed only by InitStream
-  DWORD m_nHoldRoom = 0;         // bytes beyond the capacity for HoldData; as m_nBufferSize
-  DWORD m_nSpan = 0;             // allocated bytes: m_nBufferSize + m_nHoldRoom; as m_nBufferSize
-  HANDLE m_hDataWritten;         // writer -> waiting reader
-  HANDLE m_hSpaceFreed;          // reader -> waiting writer
-  HANDLE m_hEndMarked;           // SetEndOfStream -> waiting reader
-  HANDLE m_hStopWriting;         // StopWriting -> waiting writer
-  HANDLE m_hReaderWait[2];       // m_hDataWritten, m_hEndMarked: order matters
-  HANDLE m_hWriterWait[2];       // m_hSpaceFreed, m_hStopWriting: order matters
+  BYTE* m_pBuffer = nullptr;  // owned; replaced only by Init/UninitStream
+  DWORD m_nBufferSize = 0;    // capacity <= kMaxCapacity; changed only by InitStream
+  DWORD m_nHoldRoom = 0;      // bytes beyond the capacity for HoldData; as m_nBufferSize
+  DWORD m_nSpan = 0;          // allocated bytes: m_nBufferSize + m_nHoldRoom; as m_nBufferSize
+  HANDLE m_hDataWritten;      // writer -> waiting reader
+  HANDLE m_hSpaceFreed;       // reader -> waiting writer
+  HANDLE m_hEndMarked;        // SetEndOfStream -> waiting reader
+  HANDLE m_hStopWriting;      // StopWriting -> waiting writer
+  HANDLE m_hReaderWait[2];    // m_hDataWritten, m_hEndMarked: order matters
+  HANDLE m_hWriterWait[2];    // m_hSpaceFreed, m_hStopWriting: order matters
   CRITICAL_SECTION m_csStream;
 
   // Positions and counts change only under m_csStream. The bytes themselves
@@ -186,8 +186,8 @@ class CRingStream {
   // first) run from m_nReadPos forward, wrapping at m_nSpan, to m_nWritePos.
   DWORD m_nReadPos GUARDED_BY(m_csStream) = 0;
   DWORD m_nWritePos GUARDED_BY(m_csStream) = 0;
-  std::atomic<LONG> m_nDataLen{0};  // written under m_csStream; HasData reads it
-                                    // without the lock (relaxed: a hint only)
+  std::atomic<LONG> m_nDataLen{0};             // written under m_csStream; HasData reads it
+                                               // without the lock (relaxed: a hint only)
   LONG m_nFreeLen GUARDED_BY(m_csStream) = 0;  // what a writer may write now
   LONG m_nHeld GUARDED_BY(m_csStream) = 0;     // unread bytes counted free
   // What a waiting side waits for (valid while its RS_*_WAITING flag is

@@ -21,7 +21,7 @@ struct FindObject : KObject {
 };
 
 DWORD AttributesOf(const struct stat& st) {
-  DWORD a = S_ISDIR(st.st_mode) ? FILE_ATTRIBUTE_DIRECTORY
+  DWORD a = S_ISDIR(st.st_mode)   ? FILE_ATTRIBUTE_DIRECTORY
             : S_ISREG(st.st_mode) ? FILE_ATTRIBUTE_ARCHIVE
                                   : FILE_ATTRIBUTE_DEVICE;
   if (!(st.st_mode & S_IWUSR)) a |= FILE_ATTRIBUTE_READONLY;

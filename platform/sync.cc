@@ -63,7 +63,7 @@ struct EventObject : Waitable {
     if (--handles == 0) Names().events.erase(name);
     return TRUE;
   }
-  std::wstring name;  // empty for an unnamed event; set before it is shared
+  std::wstring name;                         // empty for an unnamed event; set before it is shared
   int handles GUARDED_BY(Names().lock) = 1;  // open handles of a named event
 };
 
