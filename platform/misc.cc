@@ -56,3 +56,5 @@ void qlt::win::OutputDebugStringW(LPCWSTR text) {
     OutputDebugStringA(ToUtf8(text).c_str());
   });
 }
+
+extern "C" BOOL QltIsTerminal(FILE* stream) { return stream != nullptr && ::isatty(::fileno(stream)) != 0; }

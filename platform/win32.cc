@@ -580,3 +580,5 @@ BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length) {
   }
   return TRUE;
 }
+
+extern "C" BOOL QltIsTerminal(FILE* stream) { return stream != nullptr && ::_isatty(::_fileno(stream)) != 0; }

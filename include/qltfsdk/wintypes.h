@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cwchar>
 #include <new>
 #include <string>
@@ -312,6 +313,9 @@ QLTPLATFORM_API std::wstring QltUtf8ToWide(const std::string& text);
 // last error is then ERROR_SUCCESS when both files were found, else the
 // error of the path that was not (ERROR_FILE_NOT_FOUND, ...). Any thread.
 extern "C" QLTPLATFORM_API BOOL QltSameFile(LPCWSTR a, LPCWSTR b);
+// TRUE when the C stream writes to a terminal (a console window on Windows);
+// FALSE for files, pipes, null or a closed stream. Any thread.
+extern "C" QLTPLATFORM_API BOOL QltIsTerminal(FILE* stream);
 
 // ---- CComBSTR -----------------------------------------------------------------
 // Owning wrapper over one BSTR. Copying duplicates the string; moving steals

@@ -3,15 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#if defined(_WIN32)
-#include <io.h>
-#define QLTFS_ISATTY(fd) _isatty(fd)
-#define QLTFS_FILENO(f) _fileno(f)
-#else
-#include <unistd.h>
-#define QLTFS_ISATTY(fd) isatty(fd)
-#define QLTFS_FILENO(f) fileno(f)
-#endif
+#include "qltfsdk/wintypes.h"
 
 std::string FormatRate(double dBitsPerSecond) {
   char text[32];
@@ -34,7 +26,7 @@ std::string FormatDuration(double dSeconds) {
 ProgressBar::ProgressBar(LONGLONG nTotal, FILE* pOut, bool bInPlace)
     : m_nTotal(nTotal), m_pOut(pOut), m_bInPlace(bInPlace), m_tStart(Clock::now()), m_tLastDrawn(m_tStart) {}
 
-bool ProgressBar::OutputIsTerminal(FILE* pOut) { return QLTFS_ISATTY(QLTFS_FILENO(pOut)) != 0; }
+bool ProgressBar::OutputIsTerminal(FILE* pOut) { return QltIsTerminal(pOut) != FALSE; }
 
 void ProgressBar::Start() { m_tStart = m_tLastDrawn = Clock::now(); }
 
