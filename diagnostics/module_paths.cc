@@ -22,13 +22,6 @@ ModuleDirOverride& Override() {
   return *pOverride;
 }
 
-std::wstring ModuleFileName(HMODULE hModule) {
-  wchar_t name[MAX_PATH + 1] = {};
-  DWORD n = GetModuleFileNameW(hModule, name, MAX_PATH);
-  if (n == 0 || n >= MAX_PATH) return std::wstring();  // unknown or cut short
-  return std::wstring(name, n);
-}
-
 }  // namespace
 
 void SetSdkModuleHandle(HMODULE hModule) { g_hSdkModule.store(hModule, std::memory_order_release); }
@@ -55,19 +48,13 @@ std::wstring GetModuleDirectory() {
   HMODULE hModule = GetSdkModuleHandle();
   // A null handle would name the executable, not the library: report unknown.
   if (!hModule) return std::wstring();
-  return DirectoryOfPath(ModuleFileName(hModule));
+  return QltModuleDirectory(hModule);
 }
 
-std::wstring GetExecutableDirectory() { return DirectoryOfPath(ModuleFileName(nullptr)); }
+std::wstring GetExecutableDirectory() { return QltModuleDirectory(nullptr); }
 
 std::wstring ChooseConfigDirectory(const std::wstring& exeDir, const std::wstring& moduleDir) {
-  if (!exeDir.empty()) {
-    std::wstring ini = exeDir + L"\\qltfsdk.ini";
-    DWORD attrs = GetFileAttributesW(ini.c_str());
-    bool regular = attrs != INVALID_FILE_ATTRIBUTES && !(attrs & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE));
-    if (regular && _waccess(ini.c_str(), 4) == 0) return exeDir;  // a FIFO or folder of that name is no settings file
-  }
-  return moduleDir;
+  return QltSettingsDirectory(exeDir, moduleDir);
 }
 
 std::wstring GetConfigDirectory() { return ChooseConfigDirectory(GetExecutableDirectory(), GetModuleDirectory()); }

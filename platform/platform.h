@@ -355,6 +355,19 @@ QLTPLATFORM_API std::string QltNativePath(const wchar_t* path);
 // The Windows-shaped form of a native path (slashes become backslashes).
 QLTPLATFORM_API std::wstring QltWindowsPath(const std::string& nativePath);
 
+// ---- Settings file ------------------------------------------------------------------------
+// The SDK library and each companion read qltfsdk.ini from the same place.
+// Directory of hModule's file (nullptr: the host executable), without a
+// trailing separator; empty when the system cannot name the file. Any thread.
+QLTPLATFORM_API std::wstring QltModuleDirectory(HMODULE hModule);
+// exeDir when a readable regular file qltfsdk.ini stands in it, otherwise
+// moduleDir (empty when both are unknown). Any thread.
+QLTPLATFORM_API std::wstring QltSettingsDirectory(const std::wstring& exeDir, const std::wstring& moduleDir);
+// The qltfsdk.ini that applies to hModule (whether or not it exists): beside
+// the host executable when one is readable there, else beside hModule's own
+// file. Empty when neither directory is known. Any thread.
+QLTPLATFORM_API std::wstring QltSettingsFile(HMODULE hModule);
+
 // Scoped owner of a critical section: enters on construction, leaves on
 // destruction.
 class SCOPED_CAPABILITY CAutoLock {

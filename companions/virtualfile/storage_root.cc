@@ -21,31 +21,8 @@ RootState& State() {
   return *pState;
 }
 
-std::wstring DirectoryOf(const std::wstring& file) {
-  size_t slash = file.find_last_of(L"\\/");
-  return slash == std::wstring::npos ? std::wstring() : file.substr(0, slash);
-}
-
-std::wstring ModuleDirectory(HMODULE hModule) {
-  wchar_t name[MAX_PATH + 1] = {};
-  DWORD n = GetModuleFileNameW(hModule, name, MAX_PATH);
-  if (n == 0 || n >= MAX_PATH) return std::wstring();
-  return DirectoryOf(std::wstring(name, n));
-}
-
-// qltfsdk.ini beside the host executable when it is readable there, else
-// beside this library: the same place the SDK reads its settings from.
-std::wstring SettingsFile() {
-  std::wstring exeDir = ModuleDirectory(nullptr);
-  if (!exeDir.empty()) {
-    std::wstring ini = exeDir + L"\\qltfsdk.ini";
-    DWORD attrs = GetFileAttributesW(ini.c_str());
-    bool regular = attrs != INVALID_FILE_ATTRIBUTES && !(attrs & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE));
-    if (regular && _waccess(ini.c_str(), 4) == 0) return ini;  // a FIFO or folder of that name is no settings file
-  }
-  std::wstring ownDir = ModuleDirectory(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile)));
-  return ownDir.empty() ? std::wstring() : ownDir + L"\\qltfsdk.ini";
-}
+// qltfsdk.ini where the SDK itself reads its settings.
+std::wstring SettingsFile() { return QltSettingsFile(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile))); }
 
 std::wstring ReadConfiguredRoot() {
   std::wstring ini = SettingsFile();
@@ -115,7 +92,8 @@ bool MapPath(const wchar_t* path, const std::wstring& root, std::wstring* out) {
 }
 
 void MakeParentFolders(const std::wstring& file) {
-  std::wstring dir = DirectoryOf(file);
+  size_t slash = file.find_last_of(L"\\/");
+  std::wstring dir = slash == std::wstring::npos ? std::wstring() : file.substr(0, slash);
   for (size_t i = 1; i <= dir.size(); ++i) {
     if (i < dir.size() && !IsSeparator(dir[i])) continue;
     std::wstring level = dir.substr(0, i);

@@ -22,30 +22,8 @@ std::string Trim(const std::string& text) {
   return text.substr(b, e - b + 1);
 }
 
-std::wstring DirectoryOf(const std::wstring& file) {
-  size_t slash = file.find_last_of(L"\\/");
-  return slash == std::wstring::npos ? std::wstring() : file.substr(0, slash);
-}
-
-std::wstring ModuleDirectory(HMODULE hModule) {
-  wchar_t name[MAX_PATH + 1] = {};
-  DWORD n = GetModuleFileNameW(hModule, name, MAX_PATH);
-  if (n == 0 || n >= MAX_PATH) return std::wstring();
-  return DirectoryOf(std::wstring(name, n));
-}
-
-// qltfsdk.ini beside the host executable when it is there, else beside
-// this library: where the SDK itself reads its settings.
-std::wstring SettingsFile() {
-  std::wstring exeDir = ModuleDirectory(nullptr);
-  if (!exeDir.empty()) {
-    std::wstring ini = exeDir + L"\\qltfsdk.ini";
-    DWORD attrs = GetFileAttributesW(ini.c_str());
-    if (attrs != INVALID_FILE_ATTRIBUTES && !(attrs & FILE_ATTRIBUTE_DIRECTORY)) return ini;
-  }
-  std::wstring ownDir = ModuleDirectory(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile)));
-  return ownDir.empty() ? std::wstring() : ownDir + L"\\qltfsdk.ini";
-}
+// qltfsdk.ini where the SDK itself reads its settings.
+std::wstring SettingsFile() { return QltSettingsFile(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile))); }
 
 std::string IniText(const std::wstring& ini, const wchar_t* key) {
   if (ini.empty()) return std::string();
