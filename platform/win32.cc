@@ -484,7 +484,15 @@ extern "C" void QltResetDriveMap() {
 
 extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
   return NoThrow<int>(0, [&]() -> int {
-    int mapped = 0;
+    // Every entry is read before any is applied: the file itself usually
+    // lives on a letter the map may name, and a letter mapped half-way would
+    // send the remaining reads to another folder.
+    struct Entry {
+      wchar_t letter;
+      std::wstring dir;
+      UINT type;
+    };
+    std::vector<Entry> entries;
     for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
       wchar_t key[2] = {letter, 0};
       wchar_t value[4096];
@@ -509,10 +517,10 @@ extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
       }
       while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
       if (v.empty()) continue;
-      QltSetDrive(letter, v.c_str(), type);
-      ++mapped;
+      entries.push_back({letter, v, type});
     }
-    return mapped;
+    for (const Entry& e : entries) QltSetDrive(e.letter, e.dir.c_str(), e.type);
+    return static_cast<int>(entries.size());
   });
 }
 
