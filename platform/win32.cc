@@ -590,3 +590,29 @@ BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length) {
 }
 
 extern "C" BOOL QltIsTerminal(FILE* stream) { return stream != nullptr && ::_isatty(::_fileno(stream)) != 0; }
+
+extern "C" char** QltUtf8Arguments(int* pArgc, char** argv) {
+  return NoThrow<char**>(argv, [&]() -> char** {
+    if (!pArgc) return argv;
+    int n = 0;
+    LPWSTR* wide = ::CommandLineToArgvW(::GetCommandLineW(), &n);
+    if (!wide) return argv;
+    // Kept for the process's lifetime: main's argv lives that long too.
+    static std::vector<std::string> s_args;
+    static std::vector<char*> s_pointers;
+    std::vector<std::string> args;
+    try {
+      for (int i = 0; i < n; ++i) args.push_back(QltWideToUtf8(wide[i]));
+    } catch (...) {
+      ::LocalFree(wide);
+      throw;
+    }
+    ::LocalFree(wide);
+    s_args.swap(args);
+    s_pointers.clear();
+    for (std::string& a : s_args) s_pointers.push_back(&a[0]);
+    s_pointers.push_back(nullptr);
+    *pArgc = n;
+    return s_pointers.data();
+  });
+}

@@ -18,3 +18,9 @@ cmake -S "$here" -B "$work/host" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$here/../../cm
 cmake --build "$work/host" >/dev/null
 cd "$work/host"
 WINEPATH=$(winepath -w "$work/prefix/bin") wine ./host.exe
+# The installed tool copies a file whose names lie beyond ASCII and beyond
+# any ANSI code page: the arguments must reach it whole.
+head -c 70000 /dev/urandom >"$work/Ünïcødé-文件.bin"
+cd "$work"
+LC_ALL=C.UTF-8 wine "$work/prefix/bin/qltfs.exe" copy "Ünïcødé-文件.bin" "copie-😀.bin" --rate 2G >/dev/null 2>&1
+cmp "$work/Ünïcødé-文件.bin" "$work/copie-😀.bin"
