@@ -174,7 +174,7 @@ TEST_F(DiagnosticsTest, AttachLoadsSettingsAndDrivesBesideTheLibrary) {
 TEST_F(DiagnosticsTest, ErrorEntriesAreThreeLinesAppendedToNewestFileOfFamily) {
   WriteSeekEntry();  // logging off: nothing touched
   SdkSettings.LogFileOn = 1;
-  WriteSeekEntry();  // the folder is missing: nothing written, nothing created
+  WriteSeekEntry();                // the folder is missing: nothing written, nothing created
   EXPECT_EQ(GetLastError(), 87u);  // before the check below, whose system calls set their own
   EXPECT_FALSE(FileExists(m_dir.path() + "/sdk-log"));
   const std::string log = m_dir.path() + "/sdk-log/ErrorLog/ErrorLogFileForTarnwell";

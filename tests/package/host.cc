@@ -12,8 +12,8 @@ bool SettingsAndLogBesideTheLibrary() {
   if (QLT_GetSdkInfo(&info) != 1) return false;
   const std::wstring dir(info.bstrModuleDir ? info.bstrModuleDir : L"");
   const std::wstring ini(info.bstrIniPath ? info.bstrIniPath : L"");
-  const bool settings = !dir.empty() && ini == dir + L"\\qltfsdk.ini" && info.nWriteBufSize == 128 * 1024 &&
-                        info.nLogFileOn == 1;
+  const bool settings =
+      !dir.empty() && ini == dir + L"\\qltfsdk.ini" && info.nWriteBufSize == 128 * 1024 && info.nLogFileOn == 1;
   QLT_FreeSdkInfo(&info);
   // A seek before the start of the file fails and writes an error-log entry.
   QLCT_FileEx* writer = QLCT_CreateFileExObj();
