@@ -11,6 +11,13 @@ namespace {
 
 void Attach(HMODULE hModule) {
   SetSdkModuleHandle(hModule);
+  // The settings are read before the drive map is applied: the map may name
+  // the letter the settings file itself lives on.
+  try {
+    LoadSdkSettings();
+  } catch (...) {
+    // Settings read so far stay; the rest keep their built-in values.
+  }
   try {
     std::wstring iniPath = GetSettingsFilePath();
     if (!iniPath.empty()) QltLoadDriveMap(iniPath.c_str());
@@ -21,11 +28,6 @@ void Attach(HMODULE hModule) {
     }
   } catch (...) {
     // Out of memory this early: the cache keeps no default drive.
-  }
-  try {
-    LoadSdkSettings();
-  } catch (...) {
-    // Settings read so far stay; the rest keep their built-in values.
   }
   try {
     QLT_WriterOption::SetDefaultWriteBlockSize(SdkSettings.WriteBufSize);

@@ -58,3 +58,6 @@ void qlt::win::OutputDebugStringW(LPCWSTR text) {
 }
 
 extern "C" BOOL QltIsTerminal(FILE* stream) { return stream != nullptr && ::isatty(::fileno(stream)) != 0; }
+
+// The arguments arrive as the bytes the caller passed, UTF-8 by convention.
+extern "C" char** QltUtf8Arguments(int* /*pArgc*/, char** argv) { return argv; }

@@ -484,7 +484,15 @@ extern "C" void QltResetDriveMap() {
 
 extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
   return NoThrow<int>(0, [&]() -> int {
-    int mapped = 0;
+    // Every entry is read before any is applied: the file itself usually
+    // lives on a letter the map may name, and a letter mapped half-way would
+    // send the remaining reads to another folder.
+    struct Entry {
+      wchar_t letter;
+      std::wstring dir;
+      UINT type;
+    };
+    std::vector<Entry> entries;
     for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
       wchar_t key[2] = {letter, 0};
       wchar_t value[4096];
@@ -509,10 +517,10 @@ extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
       }
       while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
       if (v.empty()) continue;
-      QltSetDrive(letter, v.c_str(), type);
-      ++mapped;
+      entries.push_back({letter, v, type});
     }
-    return mapped;
+    for (const Entry& e : entries) QltSetDrive(e.letter, e.dir.c_str(), e.type);
+    return static_cast<int>(entries.size());
   });
 }
 
@@ -582,3 +590,29 @@ BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length) {
 }
 
 extern "C" BOOL QltIsTerminal(FILE* stream) { return stream != nullptr && ::_isatty(::_fileno(stream)) != 0; }
+
+extern "C" char** QltUtf8Arguments(int* pArgc, char** argv) {
+  return NoThrow<char**>(argv, [&]() -> char** {
+    if (!pArgc) return argv;
+    int n = 0;
+    LPWSTR* wide = ::CommandLineToArgvW(::GetCommandLineW(), &n);
+    if (!wide) return argv;
+    // Kept for the process's lifetime: main's argv lives that long too.
+    static std::vector<std::string> s_args;
+    static std::vector<char*> s_pointers;
+    std::vector<std::string> args;
+    try {
+      for (int i = 0; i < n; ++i) args.push_back(QltWideToUtf8(wide[i]));
+    } catch (...) {
+      ::LocalFree(wide);
+      throw;
+    }
+    ::LocalFree(wide);
+    s_args.swap(args);
+    s_pointers.clear();
+    for (std::string& a : s_args) s_pointers.push_back(&a[0]);
+    s_pointers.push_back(nullptr);
+    *pArgc = n;
+    return s_pointers.data();
+  });
+}

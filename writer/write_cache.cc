@@ -70,6 +70,15 @@ int CWriteCache::SetUp(QLCT_FIlEACCESSINFO_ST& info, const CComBSTR& strFileName
     }
   }
   std::wstring folder = request.cDrive ? std::wstring(1, request.cDrive) + L":\\" : std::wstring(CacheDriveRoot);
+  // A disk cache whose drive does not exist is refused before anything is
+  // made, with the error Windows gives for a path on a missing drive; the
+  // folder calls themselves do not say it alike everywhere (Wine reports a
+  // missing file).
+  if (info.nCacheMode != 1 && folder.size() >= 2 && folder[1] == L':' &&
+      GetDriveTypeW(folder.substr(0, 2).append(L"\\").c_str()) == DRIVE_NO_ROOT_DIR) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return 0;
+  }
   folder += GuidText(guid, L"-");
   BSTR bstrFolder = SysAllocString(folder.c_str());
   if (!bstrFolder) {

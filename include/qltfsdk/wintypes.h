@@ -316,6 +316,14 @@ extern "C" QLTPLATFORM_API BOOL QltSameFile(LPCWSTR a, LPCWSTR b);
 // TRUE when the C stream writes to a terminal (a console window on Windows);
 // FALSE for files, pipes, null or a closed stream. Any thread.
 extern "C" QLTPLATFORM_API BOOL QltIsTerminal(FILE* stream);
+// The process's command-line arguments in UTF-8, for a program's main. On
+// Windows argv holds them in the ANSI code page, where a name outside it
+// arrives as '?': they are read again from the wide command line and
+// *pArgc is set to their count. Elsewhere argv is returned as it is. The
+// returned vector lives until the process ends; on any failure (no wide
+// command line, out of memory) argv is returned and *pArgc is unchanged.
+// Call once, from the main thread, before other threads start.
+extern "C" QLTPLATFORM_API char** QltUtf8Arguments(int* pArgc, char** argv);
 
 // ---- CComBSTR -----------------------------------------------------------------
 // Owning wrapper over one BSTR. Copying duplicates the string; moving steals

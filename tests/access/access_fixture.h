@@ -79,11 +79,16 @@ class ErrorLogCapture {
   const TempDir& m_dir;
 };
 
-// Some sanitizer runtimes start a helper thread of their own with the first
-// thread of the process; making (and joining) one at load moves that before
-// any count a test takes.
+// Threads that are not ours start before any count a test takes. Some
+// sanitizer runtimes start a helper with the first thread of the process:
+// making (and joining) one at load moves it here. On Windows the test
+// framework starts a watcher thread for each thread the first time that
+// thread uses the framework's per-thread state (a trace, an assertion), and
+// the main thread's watcher lives as long as the main thread: a trace pushed
+// and popped here starts it now.
 inline const bool g_bFirstThreadMade = [] {
   std::thread([] {}).join();
+  { SCOPED_TRACE("starts the framework's watcher of the main thread"); }
   return true;
 }();
 

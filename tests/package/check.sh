@@ -9,6 +9,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 export TMPDIR="$work"  # what the library makes in the temporary area goes too
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
+# Settings and an error-log folder beside the library, which the host, run
+# from a folder of its own, must find there.
+printf '[FILERW]\r\nWriteBufSize=128\r\n[LOG]\r\nLogFileOn=1\r\n' >"$work/prefix/lib/qltfsdk.ini"
+mkdir -p "$work/prefix/lib/sdk-log/ErrorLog"
 cmake -S "$here" -B "$work/cmake-host" -DCMAKE_PREFIX_PATH="$work/prefix" \
   -DQLTFS_TOOL_DIR="$here/../../tools/qltfs" >/dev/null
 cmake --build "$work/cmake-host" >/dev/null

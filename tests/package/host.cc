@@ -4,6 +4,36 @@
 #include <cstdio>
 #include <string>
 
+// The check script puts a qltfsdk.ini and an sdk-log/ErrorLog folder beside
+// the installed library, and this host runs from a folder of its own: the
+// settings must come from there, and a failing call must log there.
+bool SettingsAndLogBesideTheLibrary() {
+  QLT_SDKINFO_ST info{};
+  if (QLT_GetSdkInfo(&info) != 1) return false;
+  const std::wstring dir(info.bstrModuleDir ? info.bstrModuleDir : L"");
+  const std::wstring ini(info.bstrIniPath ? info.bstrIniPath : L"");
+  const bool settings =
+      !dir.empty() && ini == dir + L"\\qltfsdk.ini" && info.nWriteBufSize == 128 * 1024 && info.nLogFileOn == 1;
+  QLT_FreeSdkInfo(&info);
+  // A seek before the start of the file fails and writes an error-log entry.
+  QLCT_FileEx* writer = QLCT_CreateFileExObj();
+  bool refused = writer && writer->Initialize(nullptr) &&
+                 writer->CreateKXFile(CComBSTR(L"C:\\qltfsdk-host-log.dat"), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr) &&
+                 writer->SetFilePointer(-10, nullptr, FILE_BEGIN) == INVALID_SET_FILE_POINTER;
+  if (writer) writer->CloseHandle();
+  QLCT_DeleteFileExObj(writer);
+  QLCT_FileAccess log;
+  char text[4096] = {};
+  int n = log.OpenFile(CComBSTR((dir + L"\\sdk-log\\ErrorLog\\ErrorLogFileForTarnwell.txt").c_str()), 1)
+              ? log.Read(reinterpret_cast<BYTE*>(text), sizeof(text) - 1)
+              : -1;
+  log.CloseFile();
+  const bool logged = n > 0 && std::string(text, n).find("seek file pos") != std::string::npos;
+  std::printf("beside the library: settings %d, seek refused %d, logged %d\n", settings, refused, logged);
+  return settings && refused && logged;
+}
+
 int main() {
   QLCT_DataFifoPool pool;
   pool.Initialize();
@@ -53,7 +83,8 @@ int main() {
   bool named_ok = wroteNamed && copiedNamed && got == 7 && std::string(reinterpret_cast<char*>(back), 7) == "unicode";
   std::printf("non-ASCII name: written %d, copied %d, read back %d bytes: %d\n", wroteNamed, copiedNamed, got,
               named_ok);
-  return named_ok && n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 &&
+  const bool beside_ok = SettingsAndLogBesideTheLibrary();
+  return beside_ok && named_ok && n == 5 && QLT_WriterOption::GetWriteBlockSize(name) == 65536 && found == 1 &&
                  props.dwValue1 == 1 && wrote
              ? 0
              : 1;

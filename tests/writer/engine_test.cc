@@ -256,6 +256,7 @@ TEST_F(WriterTest, PositionsAbove4GiBUseTheHighPart) {
     std::string tail(100, '\0');
     in.read(tail.data(), 100);
     EXPECT_EQ(tail, Pattern(0, 100).replace(50, 20, Pattern(1000, 20)));
+    in.close();  // Windows removes no file that is still open
     std::filesystem::remove(m_dir.file(name));
   }
 }

@@ -3,6 +3,8 @@
 #include <iostream>
 #include <new>
 
+#include <qltfsdk/qltfsdk.h>
+
 #include "commands.h"
 
 int main(int argc, char** argv) {
@@ -14,7 +16,10 @@ int main(int argc, char** argv) {
   AddReadCommand(app);
   AddExistsCommand(app);
   try {
-    app.parse(argc, argv);
+    // UTF-8 arguments on every system: on Windows argv would bring a name
+    // outside the ANSI code page as '?'.
+    char** utf8Argv = QltUtf8Arguments(&argc, argv);
+    app.parse(argc, utf8Argv);
   } catch (const CLI::Success& e) {  // --help and friends
     return app.exit(e);
   } catch (const CLI::RuntimeError& e) {  // a command failed and has said why

@@ -43,7 +43,7 @@ bool IsNullDevice(const std::string& strPath) { return IsSameFile(strPath, "/dev
 
 std::string NotAFileKind(const std::string& strPath) {
   std::error_code ec;
-  const fs::file_status status = fs::status(strPath, ec);
+  const fs::file_status status = fs::status(NativePath(strPath), ec);
   switch (status.type()) {
     case fs::file_type::not_found:
     case fs::file_type::none:

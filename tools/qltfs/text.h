@@ -5,6 +5,7 @@
 
 #include <qltfsdk/qltfsdk.h>
 
+#include <filesystem>
 #include <string>
 
 // Native names and arguments (UTF-8, or any bytes) <-> wide text, through
@@ -12,6 +13,11 @@
 // the C locale (see QltUtf8ToWide). Never throw.
 std::wstring ToWide(const std::string& strUtf8);
 std::string ToUtf8(const wchar_t* pszWide);
+
+// The standard library's path for a native name given in UTF-8: on Windows
+// a narrow std::string path is read in the ANSI code page, where a name
+// outside it is lost. Use u8string() for the way back.
+std::filesystem::path NativePath(const std::string& strUtf8);
 
 // The library's spelling of a native path: made absolute against the
 // current directory, as wide text. The library takes '/' as a separator and
