@@ -46,6 +46,7 @@ std::string ShellQuote(const std::string& text) {
 namespace {
 
 constexpr int kStopTimeoutMs = 5000;
+constexpr int kConnectTimeoutMs = 30000;
 constexpr int kPollMs = 20;
 
 // One argument of a Windows command line, quoted so that the program gets it
@@ -93,18 +94,21 @@ std::string TempStem(const char* kind) {
          std::to_string(s_nChildren.fetch_add(1));
 }
 
-// Starts `/bin/sh -c script`; the handle of the shell, or null.
-HANDLE StartShell(const std::string& script, DWORD* id) {
+// Starts `/bin/sh -c script`; false when it cannot. Wine starts a Linux
+// program detached, with no process handle to wait on or read an exit code
+// from: the scripts leave files behind instead.
+bool StartShell(const std::string& script, DWORD* id) {
   std::wstring wcmd = Wide("/bin/sh -c " + WindowsQuote(script));
   std::vector<wchar_t> line(wcmd.begin(), wcmd.end());
   line.push_back(0);
   STARTUPINFOW si{};
   si.cb = sizeof(si);
   PROCESS_INFORMATION pi{};
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return nullptr;
-  CloseHandle(pi.hThread);
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return false;
+  if (pi.hThread) CloseHandle(pi.hThread);
+  if (pi.hProcess) CloseHandle(pi.hProcess);
   *id = pi.dwProcessId;
-  return pi.hProcess;
+  return true;
 }
 
 }  // namespace
@@ -124,26 +128,57 @@ std::string UnixPath(const std::string& nativePath) {
 ChildProcess::~ChildProcess() { Stop(); }
 
 bool ChildProcess::Start(const std::vector<std::string>& argv) {
-  if (m_hProcess != nullptr || argv.empty()) return false;
+  if (m_bRunning || argv.empty()) return false;
+  // The program's input comes from a loopback connection this object holds:
+  // it ends when Stop closes it or when the system closes it with this
+  // process. (A Linux program started under Wine is detached from us: it
+  // gets no pipe of ours and no parent to watch.)
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return false;
+  SOCKET listener = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int len = sizeof(a);
+  if (listener == INVALID_SOCKET || bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
+      listen(listener, 1) != 0 || getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+    if (listener != INVALID_SOCKET) closesocket(listener);
+    WSACleanup();
+    return false;
+  }
   m_strStem = TempStem("child");
-  for (const char* ext : {".stop", ".out", ".end"}) DeleteFileW(Wide(m_strStem + ext).c_str());
+  for (const char* ext : {".out", ".end"}) DeleteFileW(Wide(m_strStem + ext).c_str());
   std::string command;
   for (const std::string& arg : argv) command += (command.empty() ? "" : " ") + ShellQuote(arg);
-  // The loop writes nothing: the program sees an open, empty input that
-  // ends when this process goes away or the stop file appears.
-  std::string script = "p=$PPID; (while kill -0 $p 2>/dev/null && [ ! -e " + ShellQuote(UnixPath(m_strStem + ".stop")) +
-                       " ]; do sleep 0.1; done) | " + command + " > " + ShellQuote(UnixPath(m_strStem + ".out")) +
-                       "; touch " + ShellQuote(UnixPath(m_strStem + ".end"));
+  // The feeder writes nothing: the program sees an open, empty input until
+  // the connection ends. The end file says that the program has ended.
+  std::string feeder = "import socket; s = socket.create_connection(('127.0.0.1', " +
+                       std::to_string(ntohs(a.sin_port)) + ")); [0 for _ in iter(lambda: s.recv(4096), b'')]";
+  std::string script = "/usr/bin/python3 -c " + ShellQuote(feeder) + " | " + command + " > " +
+                       ShellQuote(UnixPath(m_strStem + ".out")) + "; touch " + ShellQuote(UnixPath(m_strStem + ".end"));
   DWORD id = 0;
-  HANDLE h = StartShell(script, &id);
-  if (h == nullptr) return false;
-  m_hProcess = h;
+  SOCKET input = INVALID_SOCKET;
+  if (StartShell(script, &id)) {
+    fd_set ready;
+    FD_ZERO(&ready);
+    FD_SET(listener, &ready);
+    timeval wait{kConnectTimeoutMs / 1000, 0};
+    if (select(0, &ready, nullptr, nullptr, &wait) == 1) input = accept(listener, nullptr, nullptr);
+  }
+  closesocket(listener);
+  if (input == INVALID_SOCKET) {
+    // A feeder that connects later finds no listener and ends the program.
+    WSACleanup();
+    return false;
+  }
+  m_sockInput = static_cast<uintptr_t>(input);
+  m_bRunning = true;
   m_pid = static_cast<pid_t>(id);
   return true;
 }
 
 std::string ChildProcess::FirstLine(int timeoutMs) {
-  if (m_hProcess == nullptr) return {};
+  if (!m_bRunning) return {};
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
     std::string text = ReadText(m_strStem + ".out");
@@ -155,31 +190,25 @@ std::string ChildProcess::FirstLine(int timeoutMs) {
 }
 
 void ChildProcess::Stop() {
-  if (m_hProcess == nullptr) return;
-  HANDLE stop = CreateFileW(Wide(m_strStem + ".stop").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (stop != INVALID_HANDLE_VALUE) CloseHandle(stop);
-  // The shell makes the end file once the program has ended.
+  if (!m_bRunning) return;
+  closesocket(static_cast<SOCKET>(m_sockInput));
+  WSACleanup();
   for (int waited = 0; waited < kStopTimeoutMs && !Exists(m_strStem + ".end"); waited += kPollMs) Sleep(kPollMs);
-  CloseHandle(static_cast<HANDLE>(m_hProcess));
-  m_hProcess = nullptr;
+  m_bRunning = false;
   m_pid = -1;
-  for (const char* ext : {".stop", ".out", ".end"}) DeleteFileW(Wide(m_strStem + ext).c_str());
+  for (const char* ext : {".out", ".end"}) DeleteFileW(Wide(m_strStem + ext).c_str());
 }
 
 int RunShell(const std::string& command, std::string* output, int timeoutSeconds) {
   std::string stem = TempStem("run");
   std::string out = stem + ".out", code = stem + ".code";
   DeleteFileW(Wide(code).c_str());
-  // The exit code is written once the command has ended: a Linux program's
-  // own exit code does not reach this process under Wine.
+  // The exit code is written to a file once the command has ended.
   std::string script = TimedShell(command, timeoutSeconds) + " < /dev/null > " + ShellQuote(UnixPath(out)) +
                        " 2>&1; echo $? > " + ShellQuote(UnixPath(code + ".tmp")) + " && mv " +
                        ShellQuote(UnixPath(code + ".tmp")) + " " + ShellQuote(UnixPath(code));
   DWORD id = 0;
-  HANDLE h = StartShell(script, &id);
-  if (h == nullptr) return -1;
-  CloseHandle(h);
+  if (!StartShell(script, &id)) return -1;
   // timeout(1) ends the command and its killer 5 s later; a little more for the shell.
   int limitMs = (timeoutSeconds + 10) * 1000;
   for (int waited = 0; waited < limitMs && !Exists(code); waited += kPollMs) Sleep(kPollMs);

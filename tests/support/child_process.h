@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,10 @@ std::string UnixPath(const std::string& nativePath);
 // process, whichever comes first. Its standard input stays open and empty
 // while it runs (the servers end when it closes); FirstLine reads its
 // standard output. On Linux it is a child with pipes that the system kills
-// when this process goes away; under Wine, where a Linux program gets no pipe
-// of ours, a shell feeds its input while this process lives and no stop file
-// exists, and its output goes to a file.
+// when this process goes away. Under Wine, where a Linux program starts
+// detached (no pipe of ours, no process handle, no parent to watch), its
+// input is fed from a loopback connection this object holds, which the
+// system closes with this process, and its output goes to a file.
 // Not thread-safe: one owner.
 class ChildProcess {
  public:
@@ -45,8 +47,9 @@ class ChildProcess {
  private:
   pid_t m_pid = -1;
 #if defined(_WIN32)
-  void* m_hProcess = nullptr;  // the shell that runs the program
-  std::string m_strStem;       // the stop, output and end files: stem + ".stop", ".out", ".end"
+  bool m_bRunning = false;
+  uintptr_t m_sockInput = 0;  // the connection that feeds its input, while running
+  std::string m_strStem;      // its output and end files: stem + ".out", ".end"
 #else
   int m_fdStdin = -1;   // our end of its standard input
   int m_fdStdout = -1;  // our end of its standard output, until FirstLine

@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/support/temp_dir.h"  // setenv and unsetenv on Windows
+
 #ifndef QLT_S3_FRONT_SCRIPT
 #error "QLT_S3_FRONT_SCRIPT must name tests/support/s3_front.py"
 #endif
