@@ -221,7 +221,7 @@ int RunShell(const std::string& command, std::string* output, int timeoutSeconds
   return status == kTimedOut ? -1 : status;
 }
 
-#else  // POSIX
+#else   // POSIX
 
 std::string UnixPath(const std::string& nativePath) { return nativePath; }
 

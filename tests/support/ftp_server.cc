@@ -24,8 +24,8 @@ constexpr int kStartTimeoutMs = 15000;
 // The server runs under the build machine's python (also under Wine), so its
 // root is handed over as a Unix path.
 FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
-  std::vector<std::string> argv{"/usr/bin/python3", QLT_FTP_SERVER_SCRIPT, "--root", UnixPath(root), "--user", user(),
-                                "--password", password(), "--lifetime", "600"};
+  std::vector<std::string> argv{"/usr/bin/python3", QLT_FTP_SERVER_SCRIPT, "--root", UnixPath(root)};
+  for (const char* arg : {"--user", user(), "--password", password(), "--lifetime", "600"}) argv.push_back(arg);
   if (!fault.empty()) {
     argv.push_back("--fault");
     argv.push_back(fault);

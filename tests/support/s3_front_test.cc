@@ -139,8 +139,7 @@ TEST_F(S3FrontTest, LibcurlSignedRequestsPassOnlyWhenEverythingMatches) {
 
 TEST_F(S3FrontTest, CannedAclDecidesAnonymousReads) {
   ASSERT_TRUE(WriteWholeFile(m_dir.file("a.txt"), "public bytes"));
-  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + AwsPath("a.txt") + " s3://qlt-bucket/pub.txt"))
-      << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + AwsPath("a.txt") + " s3://qlt-bucket/pub.txt")) << m_out;
   ASSERT_EQ(0, Aws("s3 cp --no-progress " + AwsPath("a.txt") + " s3://qlt-bucket/priv.txt")) << m_out;
   Answer pub = Fetch(Url("pub.txt"));
   EXPECT_EQ(200, pub.status);

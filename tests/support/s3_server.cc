@@ -92,8 +92,7 @@ S3TestServer::S3TestServer(const std::string& storageDir)
   m_bCeph = store != nullptr && std::string(store) == "ceph";
   if (m_bCeph) {
     m_nPort = StartServer(&m_child, {"/bin/bash", QLT_CEPH_S3_SCRIPT, UnixPath(storageDir)}, kCephStartTimeoutMs);
-    if (m_nPort <= 0)
-      throw std::runtime_error("the Ceph S3 gateway did not start (scripts/setup --ceph installs it)");
+    if (m_nPort <= 0) throw std::runtime_error("the Ceph S3 gateway did not start (scripts/setup --ceph installs it)");
     return;
   }
   m_nPort = StartServer(&m_child, {"/usr/bin/python3", QLT_S3_FRONT_SCRIPT, "--storage", UnixPath(storageDir)});
@@ -229,8 +228,7 @@ int S3TestServer::RunAwsCli(const std::string& args, std::string* output, const 
 
 HttpTestServer::HttpTestServer(const std::string& root) {
   m_nPort = StartServer(&m_child, {"/usr/bin/python3", QLT_HTTP_SERVER_SCRIPT, "--root", UnixPath(root)});
-  if (m_nPort <= 0)
-    throw std::runtime_error("the HTTP test server did not start");
+  if (m_nPort <= 0) throw std::runtime_error("the HTTP test server did not start");
 }
 
 HttpTestServer::~HttpTestServer() = default;

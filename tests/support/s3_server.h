@@ -96,7 +96,7 @@ class S3TestServer {
   bool m_bCeph = false;  // the real cluster instead of the front
   std::string m_strStorage;
   std::string m_strAwsConfig;  // the AWS client's configuration file, beside the storage folder
-  ChildProcess m_child;  // the front (which runs the store) or the gateway script
+  ChildProcess m_child;        // the front (which runs the store) or the gateway script
   int m_nPort = 0;
 };
 
