@@ -31,7 +31,7 @@ TEST(WebAccessTest, UrlFilesReadWithSkipsAndSeeks) {
   S3TestServer s3(dir.file("store"));
   s3.UseInThisProcess();
   s3.CreateBucket("access-bucket");
-  ASSERT_EQ(s3.RunAwsCli("s3 cp '" + dir.file("web/file.bin") + "' s3://access-bucket/obj.bin"), 0);
+  ASSERT_EQ(s3.RunAwsCli("s3 cp " + ShellQuote(UnixPath(dir.file("web/file.bin"))) + " s3://access-bucket/obj.bin"), 0);
   WriteWholeFile(dir.file("web/x.inx"), "index");
   HttpTestServer http(dir.file("web"));
   QltResetWebPluginForTest(L"");

@@ -70,7 +70,9 @@ class AwsCliCrossCheck : public ::testing::Test {
   std::string AwsGet(const std::string& key) {
     std::string output;
     std::remove(m_dir.file("aws.bin").c_str());
-    if (m_server.RunAwsCli("s3 cp --no-progress s3://qlt-cross/" + key + " " + m_dir.file("aws.bin"), &output) != 0)
+    if (m_server.RunAwsCli(
+            "s3 cp --no-progress s3://qlt-cross/" + key + " " + ShellQuote(UnixPath(m_dir.file("aws.bin"))), &output) !=
+        0)
       return "<aws failed: " + output + ">";
     return ReadWholeFile(m_dir.file("aws.bin"));
   }
@@ -118,8 +120,9 @@ TEST_F(AwsCliCrossCheck, WhatTheClientStoresTheAccessorReads) {
     const std::string data = Bytes(row.size, ++seed);
     ASSERT_TRUE(WriteWholeFile(m_dir.file("up.bin"), data));
     std::string output;
-    ASSERT_EQ(0,
-              m_server.RunAwsCli("s3 cp --no-progress " + m_dir.file("up.bin") + " s3://qlt-cross/" + row.key, &output))
+    ASSERT_EQ(0, m_server.RunAwsCli(
+                     "s3 cp --no-progress " + ShellQuote(UnixPath(m_dir.file("up.bin"))) + " s3://qlt-cross/" + row.key,
+                     &output))
         << output;
     EXPECT_TRUE(ReadThroughAccessor("oss://qlt-cross/" + std::string(row.key), 1 << 20) == data);
     EXPECT_TRUE(ReadThroughAccessor("oss://qlt-cross/" + std::string(row.key), 65521) == data);

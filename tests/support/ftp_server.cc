@@ -1,115 +1,52 @@
 #include "tests/support/ftp_server.h"
 
-#if defined(_WIN32)
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
-#include <thread>
 #include <vector>
+
+#if !defined(_WIN32)
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#endif
 
 #ifndef QLT_FTP_SERVER_SCRIPT
 #error "QLT_FTP_SERVER_SCRIPT must name tests/support/ftp_server.py"
 #endif
 
-// Under Wine a Windows program can start the build machine's python by its
-// Unix path; the server's root is handed over as the Unix path Wine maps the
-// Windows one to. The server ends when its standard input closes, which the
-// system does when this process goes away.
 namespace {
 
 constexpr int kStartTimeoutMs = 15000;
 
-std::string UnixPath(const std::string& windowsPath) {
-  using ToUnix = char*(__cdecl*)(LPCWSTR);
-  HMODULE k = GetModuleHandleW(L"kernel32.dll");
-  auto fn = k ? reinterpret_cast<ToUnix>(GetProcAddress(k, "wine_get_unix_file_name")) : nullptr;
-  if (!fn) return windowsPath;
-  char* unix = fn(QltUtf8ToWide(windowsPath).c_str());
-  if (!unix) return windowsPath;
-  std::string out(unix);
-  HeapFree(GetProcessHeap(), 0, unix);
-  return out;
-}
-
-std::string Quote(const std::string& a) { return "\"" + a + "\""; }
-
-std::string ReadWholeText(const std::string& path) {
-  HANDLE h = CreateFileW(QltUtf8ToWide(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (h == INVALID_HANDLE_VALUE) return std::string();
-  char buf[64];
-  DWORD n = 0;
-  std::string out;
-  if (ReadFile(h, buf, sizeof buf, &n, nullptr)) out.assign(buf, n);
-  CloseHandle(h);
-  return out;
-}
-
 }  // namespace
 
+// The server runs under the build machine's python (also under Wine), so its
+// root is handed over as a Unix path.
 FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
-  // Wine gives a Linux process no pipe of ours: the server's input is a
-  // shell loop that runs while this process lives and no stop file exists,
-  // and its first line goes to a file.
-  wchar_t temp[MAX_PATH + 1];
-  DWORD n = GetTempPathW(MAX_PATH + 1, temp);
-  if (n == 0 || n > MAX_PATH) throw std::runtime_error("no temporary folder");
-  static std::atomic<int> s_nServers{0};
-  std::string stem = QltWideToUtf8(temp) + "qlt-ftp-" + std::to_string(GetCurrentProcessId()) + "-" +
-                     std::to_string(s_nServers.fetch_add(1));
-  m_strStopFile = stem + ".stop";
-  m_strPortFile = stem + ".port";
-  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
-  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
-  std::string server = "/usr/bin/python3 '" + std::string(QLT_FTP_SERVER_SCRIPT) + "' --root '" + UnixPath(root) +
-                       "' --user " + user() + " --password " + password() + " --lifetime 600";
-  if (!fault.empty()) server += " --fault '" + fault + "'";
-  std::string script = "p=$PPID; (while kill -0 $p 2>/dev/null && [ ! -e '" + UnixPath(m_strStopFile) +
-                       "' ]; do sleep 0.1; done) | " + server + " > '" + UnixPath(m_strPortFile) + "'";
-  std::wstring wcmd = QltUtf8ToWide("/bin/sh -c " + Quote(script));
-  std::vector<wchar_t> line(wcmd.begin(), wcmd.end());
-  line.push_back(0);
-  STARTUPINFOW si{};
-  si.cb = sizeof(si);
-  PROCESS_INFORMATION pi{};
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
-    throw std::runtime_error("cannot start /bin/sh");
-  CloseHandle(pi.hThread);
-  m_hProcess = pi.hProcess;
-  m_pid = static_cast<pid_t>(pi.dwProcessId);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
-  while (m_nPort <= 0 && std::chrono::steady_clock::now() < deadline) {
-    std::string first = ReadWholeText(m_strPortFile);
-    if (first.rfind("PORT ", 0) == 0 && first.find('\n') != std::string::npos)
-      m_nPort = std::atoi(first.c_str() + 5);
-    else
-      Sleep(20);
+  std::vector<std::string> argv{"/usr/bin/python3", QLT_FTP_SERVER_SCRIPT, "--root", UnixPath(root)};
+  for (const char* arg : {"--user", user(), "--password", password(), "--lifetime", "600"}) argv.push_back(arg);
+  if (!fault.empty()) {
+    argv.push_back("--fault");
+    argv.push_back(fault);
+  }
+  if (m_child.Start(argv)) {
+    std::string line = m_child.FirstLine(kStartTimeoutMs);
+    if (line.rfind("PORT ", 0) == 0) m_nPort = std::atoi(line.c_str() + 5);
   }
   if (m_nPort <= 0) {
-    this->~FtpTestServer();
+    m_child.Stop();
     throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
   }
 }
 
-FtpTestServer::~FtpTestServer() {
-  if (!m_hProcess) return;
-  // The stop file ends the input loop, and the server with it.
-  HANDLE stop = CreateFileW(QltUtf8ToWide(m_strStopFile).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (stop != INVALID_HANDLE_VALUE) CloseHandle(stop);
-  WaitForSingleObject(m_hProcess, 5000);
-  CloseHandle(m_hProcess);
-  m_hProcess = nullptr;
-  m_pid = -1;
-  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
-  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
-}
+FtpTestServer::~FtpTestServer() = default;
 
 std::string FtpTestServer::Url(const std::string& path) const {
   return std::string("ftp://") + user() + ":" + password() + "@127.0.0.1:" + std::to_string(m_nPort) + "/" + path;
 }
 
+#if defined(_WIN32)
 int UnusedLoopbackPort() {
   WSADATA wsa;
   if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) return 0;
@@ -127,117 +64,7 @@ int UnusedLoopbackPort() {
   WSACleanup();
   return port;
 }
-
-#else  // POSIX
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <stdexcept>
-#include <thread>
-
-#ifndef QLT_FTP_SERVER_SCRIPT
-#error "QLT_FTP_SERVER_SCRIPT must name tests/support/ftp_server.py"
-#endif
-
-namespace {
-
-constexpr int kStartTimeoutMs = 15000;
-
-// Reads one line from fd within the time limit; empty on time-out or end.
-std::string ReadLine(int fd, int timeoutMs) {
-  std::string line;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return {};
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-    char c;
-    ssize_t n = read(fd, &c, 1);
-    if (n <= 0) return {};
-    if (c == '\n') return line;
-    line += c;
-  }
-}
-
-}  // namespace
-
-FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
-  int in[2], out[2];
-  if (pipe(in) != 0) throw std::runtime_error("pipe failed");
-  if (pipe(out) != 0) {
-    close(in[0]);
-    close(in[1]);
-    throw std::runtime_error("pipe failed");
-  }
-  pid_t parent = getpid();
-  m_pid = fork();
-  if (m_pid == 0) {
-    // The server also dies with this process, whatever happens to the pipe.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    dup2(in[0], 0);
-    dup2(out[1], 1);
-    close(in[0]);
-    close(in[1]);
-    close(out[0]);
-    close(out[1]);
-    std::string lifetime = std::to_string(600);
-    if (fault.empty()) {
-      execl("/usr/bin/python3", "python3", QLT_FTP_SERVER_SCRIPT, "--root", root.c_str(), "--user", user(),
-            "--password", password(), "--lifetime", lifetime.c_str(), static_cast<char*>(nullptr));
-    } else {
-      execl("/usr/bin/python3", "python3", QLT_FTP_SERVER_SCRIPT, "--root", root.c_str(), "--user", user(),
-            "--password", password(), "--lifetime", lifetime.c_str(), "--fault", fault.c_str(),
-            static_cast<char*>(nullptr));
-    }
-    _exit(127);
-  }
-  close(in[0]);
-  close(out[1]);
-  if (m_pid < 0) {
-    close(in[1]);
-    close(out[0]);
-    throw std::runtime_error("fork failed");
-  }
-  m_fdStdin = in[1];
-  std::string line = ReadLine(out[0], kStartTimeoutMs);
-  close(out[0]);
-  if (line.rfind("PORT ", 0) == 0) m_nPort = std::atoi(line.c_str() + 5);
-  if (m_nPort <= 0) {
-    this->~FtpTestServer();
-    throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
-  }
-}
-
-FtpTestServer::~FtpTestServer() {
-  if (m_fdStdin >= 0) close(m_fdStdin);  // the server exits at the end of its input
-  m_fdStdin = -1;
-  if (m_pid <= 0) return;
-  for (int i = 0; i < 300; ++i) {  // up to 3 s, then force it
-    if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-      m_pid = -1;
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  kill(m_pid, SIGKILL);
-  waitpid(m_pid, nullptr, 0);
-  m_pid = -1;
-}
-
-std::string FtpTestServer::Url(const std::string& path) const {
-  return std::string("ftp://") + user() + ":" + password() + "@127.0.0.1:" + std::to_string(m_nPort) + "/" + path;
-}
-
+#else
 int UnusedLoopbackPort() {
   int s = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
@@ -252,4 +79,4 @@ int UnusedLoopbackPort() {
   close(s);
   return port;
 }
-#endif  // POSIX
+#endif

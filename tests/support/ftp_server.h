@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "tests/support/child_process.h"
+
 // Starts tests/support/ftp_server.py under Debian's /usr/bin/python3 on a free
 // loopback port, serving root for one user with a password, optionally with a
 // fault (see the script for the modes: "greet421", "login530", "retr550",
@@ -22,7 +24,7 @@ class FtpTestServer {
   FtpTestServer& operator=(const FtpTestServer&) = delete;
 
   int port() const { return m_nPort; }
-  pid_t pid() const { return m_pid; }
+  pid_t pid() const { return m_child.pid(); }
   const std::string& root() const { return m_strRoot; }
   static const char* user() { return "qlt"; }
   static const char* password() { return "s3cret"; }
@@ -31,14 +33,7 @@ class FtpTestServer {
 
  private:
   std::string m_strRoot;
-  pid_t m_pid = -1;
-#if defined(_WIN32)
-  void* m_hProcess = nullptr;  // the shell that runs the server
-  std::string m_strStopFile;   // made to stop the server
-  std::string m_strPortFile;   // the server's first line
-#else
-  int m_fdStdin = -1;  // our end of the server's standard input
-#endif
+  ChildProcess m_child;  // the server
   int m_nPort = 0;
 };
 

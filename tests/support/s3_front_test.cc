@@ -55,6 +55,8 @@ class S3FrontTest : public ::testing::Test {
   S3FrontTest() : m_server(m_dir.file("store")) { m_server.CreateBucket("qlt-bucket"); }
   int Aws(const std::string& args, const std::string& secret = "") { return m_server.RunAwsCli(args, &m_out, secret); }
   std::string Url(const std::string& key) const { return m_server.Endpoint() + "/qlt-bucket/" + key; }
+  // A file of the test's folder as the AWS client names it.
+  std::string AwsPath(const std::string& name) const { return ShellQuote(UnixPath(m_dir.file(name))); }
 
   TempDir m_dir;
   S3TestServer m_server;
@@ -64,8 +66,8 @@ class S3FrontTest : public ::testing::Test {
 TEST_F(S3FrontTest, SignedClientRoundTripsAndBadCredentialsAreRefused) {
   const std::string big = Bytes(13 * 1024 * 1024 + 7, 1);  // the client sends it as a multipart upload
   ASSERT_TRUE(WriteWholeFile(m_dir.file("big.bin"), big));
-  ASSERT_EQ(0, Aws("s3 cp --no-progress " + m_dir.file("big.bin") + " s3://qlt-bucket/dir/big.bin")) << m_out;
-  ASSERT_EQ(0, Aws("s3 cp --no-progress s3://qlt-bucket/dir/big.bin " + m_dir.file("back.bin"))) << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress " + AwsPath("big.bin") + " s3://qlt-bucket/dir/big.bin")) << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress s3://qlt-bucket/dir/big.bin " + AwsPath("back.bin"))) << m_out;
   EXPECT_TRUE(ReadWholeFile(m_dir.file("back.bin")) == big);
   bool sawParts = false;
   for (const S3Request& r : m_server.Requests()) sawParts |= r.query.find("partNumber=2") != std::string::npos;
@@ -73,7 +75,7 @@ TEST_F(S3FrontTest, SignedClientRoundTripsAndBadCredentialsAreRefused) {
   EXPECT_EQ(0, m_server.OpenUploads());
 
   m_server.Reset();
-  EXPECT_NE(0, Aws("s3 cp --no-progress " + m_dir.file("big.bin") + " s3://qlt-bucket/wrong.bin", "wrong-secret"));
+  EXPECT_NE(0, Aws("s3 cp --no-progress " + AwsPath("big.bin") + " s3://qlt-bucket/wrong.bin", "wrong-secret"));
   EXPECT_NE(std::string::npos, m_out.find("SignatureDoesNotMatch")) << m_out;
   EXPECT_NE(0, Aws("s3api head-object --bucket qlt-bucket --key wrong.bin")) << "nothing was stored";
   for (const S3Request& r : m_server.Requests()) {
@@ -137,9 +139,8 @@ TEST_F(S3FrontTest, LibcurlSignedRequestsPassOnlyWhenEverythingMatches) {
 
 TEST_F(S3FrontTest, CannedAclDecidesAnonymousReads) {
   ASSERT_TRUE(WriteWholeFile(m_dir.file("a.txt"), "public bytes"));
-  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + m_dir.file("a.txt") + " s3://qlt-bucket/pub.txt"))
-      << m_out;
-  ASSERT_EQ(0, Aws("s3 cp --no-progress " + m_dir.file("a.txt") + " s3://qlt-bucket/priv.txt")) << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + AwsPath("a.txt") + " s3://qlt-bucket/pub.txt")) << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress " + AwsPath("a.txt") + " s3://qlt-bucket/priv.txt")) << m_out;
   Answer pub = Fetch(Url("pub.txt"));
   EXPECT_EQ(200, pub.status);
   EXPECT_EQ("public bytes", pub.body);
@@ -152,7 +153,7 @@ TEST_F(S3FrontTest, CannedAclDecidesAnonymousReads) {
   ASSERT_EQ(0, Aws("s3api get-object-acl --bucket qlt-bucket --key priv.txt --output text")) << m_out;
   EXPECT_EQ(std::string::npos, m_out.find("AllUsers")) << m_out;
   // Overwriting without an ACL makes the object private again.
-  ASSERT_EQ(0, Aws("s3 cp --no-progress " + m_dir.file("a.txt") + " s3://qlt-bucket/pub.txt")) << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress " + AwsPath("a.txt") + " s3://qlt-bucket/pub.txt")) << m_out;
   EXPECT_EQ(403, Fetch(Url("pub.txt")).status);
 }
 
@@ -166,7 +167,7 @@ TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
   EXPECT_EQ(1, m_server.OpenUploads());
   auto part = [&](int n, const std::string& file) {
     EXPECT_EQ(0, Aws("s3api upload-part --bucket qlt-bucket --key mp.bin --upload-id " + id + " --part-number " +
-                     std::to_string(n) + " --body " + m_dir.file(file) + " --query ETag --output text"))
+                     std::to_string(n) + " --body " + AwsPath(file) + " --query ETag --output text"))
         << m_out;
     return m_out.substr(0, m_out.find_first_of("\r\n"));
   };
@@ -174,7 +175,7 @@ TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
   auto complete = [&](const std::string& parts) {
     ASSERT_TRUE(WriteWholeFile(m_dir.file("parts.json"), "{\"Parts\": [" + parts + "]}"));
     Aws("s3api complete-multipart-upload --bucket qlt-bucket --key mp.bin --upload-id " + id +
-        " --multipart-upload file://" + m_dir.file("parts.json"));
+        " --multipart-upload file://" + AwsPath("parts.json"));
   };
   auto entry = [](int n, const std::string& etag) {
     return "{\"PartNumber\": " + std::to_string(n) + ", \"ETag\": " + etag + "}";
@@ -205,7 +206,7 @@ TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
 TEST_F(S3FrontTest, FaultsHitTheMatchingRequestsOnly) {
   const std::string data = Bytes(300000, 4);
   ASSERT_TRUE(WriteWholeFile(m_dir.file("d.bin"), data));
-  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + m_dir.file("d.bin") + " s3://qlt-bucket/d.bin")) << m_out;
+  ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + AwsPath("d.bin") + " s3://qlt-bucket/d.bin")) << m_out;
   m_server.Reset();
   m_server.Fault("503", "GET", "d.bin", 1, 1);  // the second GET of d.bin only
   m_server.Fault("drop", "GET", "other", 0, 1);
@@ -229,7 +230,7 @@ TEST_F(S3FrontTest, FaultsHitTheMatchingRequestsOnly) {
   EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, Fetch(Url("d.bin"), "GET", "", 1).rc);
   // An upload dropped half-way is not stored.
   m_server.Fault("drop", "PUT", "", 0, 1);
-  EXPECT_NE(0, Aws("s3 cp --no-progress " + m_dir.file("d.bin") +
+  EXPECT_NE(0, Aws("s3 cp --no-progress " + AwsPath("d.bin") +
                    " s3://qlt-bucket/cut.bin --cli-read-timeout 5"
                    " --cli-connect-timeout 5 2>&1; exit 1"));
   const auto log = m_server.Requests();

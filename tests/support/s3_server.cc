@@ -1,19 +1,14 @@
 #include "tests/support/s3_server.h"
 
 #include <curl/curl.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
+
+#include "tests/support/temp_dir.h"  // setenv and unsetenv on Windows
 
 #ifndef QLT_S3_FRONT_SCRIPT
 #error "QLT_S3_FRONT_SCRIPT must name tests/support/s3_front.py"
@@ -30,93 +25,18 @@ namespace {
 constexpr int kStartTimeoutMs = 30000;
 constexpr int kCephStartTimeoutMs = 150000;
 
-// Reads one line from fd within the time limit; empty on time-out or end.
-std::string ReadLine(int fd, int timeoutMs) {
-  std::string line;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return {};
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-    char c;
-    ssize_t n = read(fd, &c, 1);
-    if (n <= 0) return {};
-    if (c == '\n') return line;
-    line += c;
-  }
-}
+constexpr int kAwsCliTimeoutSeconds = 120;
 
-// Starts `/usr/bin/python3 script --<option> value` with a pipe on its
-// standard input and waits for its "PORT <n>" line. On success fills pid,
-// the write end of its input and the port; on failure reaps the child and
-// returns false.
-// interpreter: "/usr/bin/python3" with an option, or "/bin/bash" with the
-// value alone.
-bool StartScript(const char* script, const char* option, const std::string& value, pid_t* pid, int* fdStdin, int* port,
-                 int timeoutMs = kStartTimeoutMs) {
-  int in[2], out[2];
-  if (pipe(in) != 0) return false;
-  if (pipe(out) != 0) {
-    close(in[0]);
-    close(in[1]);
-    return false;
+// Starts argv and waits for its "PORT <n>" line: the port, or 0 with the
+// child stopped.
+int StartServer(ChildProcess* child, const std::vector<std::string>& argv, int timeoutMs = kStartTimeoutMs) {
+  int port = 0;
+  if (child->Start(argv)) {
+    std::string line = child->FirstLine(timeoutMs);
+    if (line.rfind("PORT ", 0) == 0) port = std::atoi(line.c_str() + 5);
   }
-  pid_t parent = getpid();
-  pid_t child = fork();
-  if (child == 0) {
-    // The server also dies with this process, whatever happens to the pipe.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(1);
-    dup2(in[0], 0);
-    dup2(out[1], 1);
-    close(in[0]);
-    close(in[1]);
-    close(out[0]);
-    close(out[1]);
-    if (option == nullptr)
-      execl("/bin/bash", "bash", script, value.c_str(), static_cast<char*>(nullptr));
-    else
-      execl("/usr/bin/python3", "python3", script, option, value.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(in[0]);
-  close(out[1]);
-  if (child < 0) {
-    close(in[1]);
-    close(out[0]);
-    return false;
-  }
-  std::string line = ReadLine(out[0], timeoutMs);
-  close(out[0]);
-  int n = line.rfind("PORT ", 0) == 0 ? std::atoi(line.c_str() + 5) : 0;
-  if (n <= 0) {
-    close(in[1]);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    return false;
-  }
-  *pid = child;
-  *fdStdin = in[1];
-  *port = n;
-  return true;
-}
-
-// Closes the child's input (it exits at its end), waits up to 3 s, then kills it.
-void StopScript(pid_t* pid, int* fdStdin) {
-  if (*fdStdin >= 0) close(*fdStdin);
-  *fdStdin = -1;
-  if (*pid <= 0) return;
-  for (int i = 0; i < 300; ++i) {
-    if (waitpid(*pid, nullptr, WNOHANG) == *pid) {
-      *pid = -1;
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  kill(*pid, SIGKILL);
-  waitpid(*pid, nullptr, 0);
-  *pid = -1;
+  if (port <= 0) child->Stop();
+  return port;
 }
 
 size_t Collect(char* data, size_t size, size_t count, void* user) {
@@ -171,16 +91,17 @@ S3TestServer::S3TestServer(const std::string& storageDir)
   const char* store = std::getenv("QLT_S3_STORE");
   m_bCeph = store != nullptr && std::string(store) == "ceph";
   if (m_bCeph) {
-    if (!StartScript(QLT_CEPH_S3_SCRIPT, nullptr, storageDir, &m_pid, &m_fdStdin, &m_nPort, kCephStartTimeoutMs))
-      throw std::runtime_error("the Ceph S3 gateway did not start (scripts/setup --ceph installs it)");
+    m_nPort = StartServer(&m_child, {"/bin/bash", QLT_CEPH_S3_SCRIPT, UnixPath(storageDir)}, kCephStartTimeoutMs);
+    if (m_nPort <= 0) throw std::runtime_error("the Ceph S3 gateway did not start (scripts/setup --ceph installs it)");
     return;
   }
-  if (!StartScript(QLT_S3_FRONT_SCRIPT, "--storage", storageDir, &m_pid, &m_fdStdin, &m_nPort))
+  m_nPort = StartServer(&m_child, {"/usr/bin/python3", QLT_S3_FRONT_SCRIPT, "--storage", UnixPath(storageDir)});
+  if (m_nPort <= 0)
     throw std::runtime_error(
         "the S3 test front did not start (did scripts/setup install the store with npm ci in tests/support/s3?)");
 }
 
-S3TestServer::~S3TestServer() { StopScript(&m_pid, &m_fdStdin); }
+S3TestServer::~S3TestServer() = default;
 
 std::string S3TestServer::Endpoint() const { return "http://127.0.0.1:" + std::to_string(m_nPort); }
 
@@ -295,30 +216,22 @@ int S3TestServer::RunAwsCli(const std::string& args, std::string* output, const 
   std::fclose(config);
   std::string line =
       "env -u AWS_SESSION_TOKEN -u AWS_PROFILE -u AWS_ENDPOINT_URL -u AWS_ENDPOINT_URL_S3 -u HTTP_PROXY"
-      " -u http_proxy -u HTTPS_PROXY -u https_proxy AWS_CONFIG_FILE='" +
-      m_strAwsConfig +
-      "' AWS_SHARED_CREDENTIALS_FILE=/nonexistent AWS_EC2_METADATA_DISABLED=true"
+      " -u http_proxy -u HTTPS_PROXY -u https_proxy AWS_CONFIG_FILE=" +
+      ShellQuote(UnixPath(m_strAwsConfig)) +
+      " AWS_SHARED_CREDENTIALS_FILE=/nonexistent AWS_EC2_METADATA_DISABLED=true"
       " AWS_PAGER= AWS_ACCESS_KEY_ID=" +
-      AccessKey() + " AWS_SECRET_ACCESS_KEY='" + (secretKey.empty() ? SecretKey() : secretKey) +
-      "' AWS_REGION=" + Region() + " AWS_DEFAULT_REGION=" + Region() + " /usr/bin/aws --endpoint-url " + Endpoint() +
-      " " + args + " 2>&1";
-  FILE* pipe = popen(line.c_str(), "r");
-  if (pipe == nullptr) return -1;
-  std::string text;
-  char buffer[4096];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0) text.append(buffer, n);
-  int status = pclose(pipe);
-  if (output != nullptr) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      AccessKey() + " AWS_SECRET_ACCESS_KEY=" + ShellQuote(secretKey.empty() ? SecretKey() : secretKey) +
+      " AWS_REGION=" + Region() + " AWS_DEFAULT_REGION=" + Region() + " /usr/bin/aws --endpoint-url " + Endpoint() +
+      " " + args;
+  return RunShell(line, output, kAwsCliTimeoutSeconds);
 }
 
 HttpTestServer::HttpTestServer(const std::string& root) {
-  if (!StartScript(QLT_HTTP_SERVER_SCRIPT, "--root", root, &m_pid, &m_fdStdin, &m_nPort))
-    throw std::runtime_error("the HTTP test server did not start");
+  m_nPort = StartServer(&m_child, {"/usr/bin/python3", QLT_HTTP_SERVER_SCRIPT, "--root", UnixPath(root)});
+  if (m_nPort <= 0) throw std::runtime_error("the HTTP test server did not start");
 }
 
-HttpTestServer::~HttpTestServer() { StopScript(&m_pid, &m_fdStdin); }
+HttpTestServer::~HttpTestServer() = default;
 
 std::string HttpTestServer::Url(const std::string& path) const {
   return "http://127.0.0.1:" + std::to_string(m_nPort) + "/" + path;

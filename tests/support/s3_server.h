@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child_process.h"
+
 // One S3 request as the front logged it. status 0: the front dropped the
 // connection or stalled instead of answering.
 struct S3Request {
@@ -43,7 +45,7 @@ class S3TestServer {
   S3TestServer& operator=(const S3TestServer&) = delete;
 
   int port() const { return m_nPort; }
-  pid_t pid() const { return m_pid; }
+  pid_t pid() const { return m_child.pid(); }
   // The store's storage folder (objects live in <storage>/<bucket>/...).
   const std::string& storage() const { return m_strStorage; }
   // "http://127.0.0.1:<port>"
@@ -78,11 +80,13 @@ class S3TestServer {
   void UseInThisProcess();
 
   // Runs Debian's AWS command line client (/usr/bin/aws) against the front:
-  // `aws --endpoint-url <Endpoint()> <args>` through /bin/sh, with the test
-  // credentials (or `secretKey` when not empty), the region, path-style
-  // addressing and no other configuration. args are passed to the shell as
-  // they stand (quote what needs it). Returns the exit code (-1 when it did not
-  // exit); the standard output and error go to *output when not null.
+  // `aws --endpoint-url <Endpoint()> <args>` through /bin/sh (also under
+  // Wine), with the test credentials (or `secretKey` when not empty), the
+  // region, path-style addressing and no other configuration. args are passed
+  // to the shell as they stand: quote what needs it (ShellQuote) and name
+  // files by their UnixPath. Returns the exit code (-1 when it did not exit
+  // within two minutes); the standard output and error go to *output when not
+  // null.
   int RunAwsCli(const std::string& args, std::string* output = nullptr, const std::string& secretKey = "") const;
 
  private:
@@ -92,8 +96,7 @@ class S3TestServer {
   bool m_bCeph = false;  // the real cluster instead of the front
   std::string m_strStorage;
   std::string m_strAwsConfig;  // the AWS client's configuration file, beside the storage folder
-  pid_t m_pid = -1;
-  int m_fdStdin = -1;  // our end of the front's standard input
+  ChildProcess m_child;        // the front (which runs the store) or the gateway script
   int m_nPort = 0;
 };
 
@@ -116,8 +119,7 @@ class HttpTestServer {
   std::string Url(const std::string& path) const;
 
  private:
-  pid_t m_pid = -1;
-  int m_fdStdin = -1;
+  ChildProcess m_child;
   int m_nPort = 0;
 };
 
