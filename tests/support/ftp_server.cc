@@ -14,8 +14,15 @@
 
 // Under Wine a Windows program can start the build machine's python by its
 // Unix path; the server's root is handed over as the Unix path Wine maps the
-// Windows one to. The server ends when its standard input closes, which the
-// system does when this process goes away.
+// Windows one to. The server ends when its standard input closes.
+//
+// Wine hands a Linux process no pipe of ours, and it starts one through a
+// double fork, so the shell's parent is an intermediate process that is gone
+// (or init) by the time the shell looks: watching $PPID either ends the
+// server before it listens or never. What does end with this process is a
+// socket: Wine closes it when the process goes away, however it ends. So the
+// server's standard input is a small relay that connects back to a loopback
+// socket of ours and ends when that connection ends.
 namespace {
 
 constexpr int kStartTimeoutMs = 15000;
@@ -46,40 +53,84 @@ std::string ReadWholeText(const std::string& path) {
   return out;
 }
 
+// A listening socket on 127.0.0.1 and a free port; INVALID_SOCKET on failure.
+SOCKET ListenOnLoopback(int& port) {
+  SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+  if (s == INVALID_SOCKET) return s;
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int len = sizeof(a);
+  if (bind(s, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 || listen(s, 1) != 0 ||
+      getsockname(s, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+    closesocket(s);
+    return INVALID_SOCKET;
+  }
+  port = ntohs(a.sin_port);
+  return s;
+}
+
+// Accepts one connection on listener within timeoutMs; INVALID_SOCKET if none.
+SOCKET AcceptWithin(SOCKET listener, int timeoutMs) {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(listener, &set);
+  timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+  if (select(0, &set, nullptr, nullptr, &tv) != 1) return INVALID_SOCKET;
+  return accept(listener, nullptr, nullptr);
+}
+
 }  // namespace
 
 FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) : m_strRoot(root) {
-  // Wine gives a Linux process no pipe of ours: the server's input is a
-  // shell loop that runs while this process lives and no stop file exists,
-  // and its first line goes to a file.
+  WSADATA wsa;
+  if (WSAStartup(MAKEWORD(2, 2), &wsa) != 0) throw std::runtime_error("no sockets");
+  m_bWinsock = true;
+  int lifelinePort = 0;
+  SOCKET listener = ListenOnLoopback(lifelinePort);
+  if (listener == INVALID_SOCKET) {
+    Stop();
+    throw std::runtime_error("no loopback socket for the FTP test server");
+  }
+  // The server's first line goes to a file named after the lifeline's port,
+  // which no other live server shares.
   wchar_t temp[MAX_PATH + 1];
   DWORD n = GetTempPathW(MAX_PATH + 1, temp);
-  if (n == 0 || n > MAX_PATH) throw std::runtime_error("no temporary folder");
-  static std::atomic<int> s_nServers{0};
-  std::string stem = QltWideToUtf8(temp) + "qlt-ftp-" + std::to_string(GetCurrentProcessId()) + "-" +
-                     std::to_string(s_nServers.fetch_add(1));
-  m_strStopFile = stem + ".stop";
-  m_strPortFile = stem + ".port";
-  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
+  if (n == 0 || n > MAX_PATH) {
+    closesocket(listener);
+    Stop();
+    throw std::runtime_error("no temporary folder");
+  }
+  m_strPortFile = QltWideToUtf8(temp) + "qlt-ftp-" + std::to_string(lifelinePort) + ".port";
   DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
   std::string server = "/usr/bin/python3 '" + std::string(QLT_FTP_SERVER_SCRIPT) + "' --root '" + UnixPath(root) +
                        "' --user " + user() + " --password " + password() + " --lifetime 600";
   if (!fault.empty()) server += " --fault '" + fault + "'";
-  std::string script = "p=$PPID; (while kill -0 $p 2>/dev/null && [ ! -e '" + UnixPath(m_strStopFile) +
-                       "' ]; do sleep 0.1; done) | " + server + " > '" + UnixPath(m_strPortFile) + "'";
+  // No double quotes inside: the command line keeps the script in them.
+  std::string relay =
+      "/usr/bin/python3 -c 'import socket,sys; s=socket.create_connection((sys.argv[1],int(sys.argv[2]))); "
+      "all(iter(lambda: s.recv(4096), bytes()))' 127.0.0.1 " +
+      std::to_string(lifelinePort);
+  std::string script = relay + " 2>/dev/null | " + server + " > '" + UnixPath(m_strPortFile) + "'";
   std::wstring wcmd = QltUtf8ToWide("/bin/sh -c " + Quote(script));
   std::vector<wchar_t> line(wcmd.begin(), wcmd.end());
   line.push_back(0);
   STARTUPINFOW si{};
   si.cb = sizeof(si);
   PROCESS_INFORMATION pi{};
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi))
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
+    closesocket(listener);
+    Stop();
     throw std::runtime_error("cannot start /bin/sh");
+  }
   CloseHandle(pi.hThread);
   m_hProcess = pi.hProcess;
   m_pid = static_cast<pid_t>(pi.dwProcessId);
+  SOCKET lifeline = AcceptWithin(listener, kStartTimeoutMs);
+  closesocket(listener);
+  m_lifeline = static_cast<uintptr_t>(lifeline);
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
-  while (m_nPort <= 0 && std::chrono::steady_clock::now() < deadline) {
+  while (lifeline != INVALID_SOCKET && m_nPort <= 0 && std::chrono::steady_clock::now() < deadline) {
     std::string first = ReadWholeText(m_strPortFile);
     if (first.rfind("PORT ", 0) == 0 && first.find('\n') != std::string::npos)
       m_nPort = std::atoi(first.c_str() + 5);
@@ -87,23 +138,27 @@ FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) 
       Sleep(20);
   }
   if (m_nPort <= 0) {
-    this->~FtpTestServer();
+    Stop();
     throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
   }
 }
 
-FtpTestServer::~FtpTestServer() {
-  if (!m_hProcess) return;
-  // The stop file ends the input loop, and the server with it.
-  HANDLE stop = CreateFileW(QltUtf8ToWide(m_strStopFile).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (stop != INVALID_HANDLE_VALUE) CloseHandle(stop);
-  WaitForSingleObject(m_hProcess, 5000);
-  CloseHandle(m_hProcess);
-  m_hProcess = nullptr;
+FtpTestServer::~FtpTestServer() { Stop(); }
+
+void FtpTestServer::Stop() {
+  // Closing the lifeline ends the relay, and the server with its input.
+  if (m_lifeline != static_cast<uintptr_t>(INVALID_SOCKET)) closesocket(static_cast<SOCKET>(m_lifeline));
+  m_lifeline = static_cast<uintptr_t>(INVALID_SOCKET);
+  if (m_hProcess) {
+    WaitForSingleObject(m_hProcess, 5000);
+    CloseHandle(m_hProcess);
+    m_hProcess = nullptr;
+  }
   m_pid = -1;
-  DeleteFileW(QltUtf8ToWide(m_strStopFile).c_str());
-  DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
+  if (!m_strPortFile.empty()) DeleteFileW(QltUtf8ToWide(m_strPortFile).c_str());
+  m_strPortFile.clear();
+  if (m_bWinsock) WSACleanup();
+  m_bWinsock = false;
 }
 
 std::string FtpTestServer::Url(const std::string& path) const {
@@ -213,12 +268,14 @@ FtpTestServer::FtpTestServer(const std::string& root, const std::string& fault) 
   close(out[0]);
   if (line.rfind("PORT ", 0) == 0) m_nPort = std::atoi(line.c_str() + 5);
   if (m_nPort <= 0) {
-    this->~FtpTestServer();
+    Stop();
     throw std::runtime_error("the FTP test server did not start (is python3-pyftpdlib installed?)");
   }
 }
 
-FtpTestServer::~FtpTestServer() {
+FtpTestServer::~FtpTestServer() { Stop(); }
+
+void FtpTestServer::Stop() {
   if (m_fdStdin >= 0) close(m_fdStdin);  // the server exits at the end of its input
   m_fdStdin = -1;
   if (m_pid <= 0) return;

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 // Starts tests/support/ftp_server.py under Debian's /usr/bin/python3 on a free
@@ -32,10 +33,14 @@ class FtpTestServer {
  private:
   std::string m_strRoot;
   pid_t m_pid = -1;
+  // Ends the server and releases what the object holds; safe to repeat.
+  void Stop();
+
 #if defined(_WIN32)
-  void* m_hProcess = nullptr;  // the shell that runs the server
-  std::string m_strStopFile;   // made to stop the server
-  std::string m_strPortFile;   // the server's first line
+  void* m_hProcess = nullptr;            // the shell that runs the server
+  uintptr_t m_lifeline = ~uintptr_t{0};  // our end of the server's lifeline socket; closing it ends the server
+  bool m_bWinsock = false;               // WSAStartup succeeded, WSACleanup is owed
+  std::string m_strPortFile;             // the server's first line
 #else
   int m_fdStdin = -1;  // our end of the server's standard input
 #endif
