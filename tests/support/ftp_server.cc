@@ -1,11 +1,9 @@
 #include "tests/support/ftp_server.h"
 
 #if defined(_WIN32)
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <stdexcept>
-#include <thread>
 #include <vector>
 
 #ifndef QLT_FTP_SERVER_SCRIPT
