@@ -75,17 +75,8 @@ std::string Put(const std::string& name, const std::string& data) {
   return data;
 }
 
-// Under Wine the loopback server starts (a Linux process) but transfers to it
-// stall: not resolved yet, so the FTP tests do not run there.
-#if defined(_WIN32)
-#define QLT_SKIP_FTP_UNDER_WINE() GTEST_SKIP() << "FTP transfers to the loopback server stall under Wine (open issue)"
-#else
-#define QLT_SKIP_FTP_UNDER_WINE() static_cast<void>(0)
-#endif
-
 class FtpAccessTest : public ::testing::Test {
  protected:
-  void SetUp() override { QLT_SKIP_FTP_UNDER_WINE(); }
   KxFileAccessFtp m_acc;
 };
 
@@ -348,7 +339,6 @@ bool FailsAtItsStep(KxFileAccessFtp& acc, Step step, bool async, int port, const
 // async, with no worker left behind, and the same object works again after a
 // new LogInHost.
 TEST(FtpFaultTest, EachServerFaultFailsWithinTheTimeoutsAndTheObjectRecovers) {
-  QLT_SKIP_FTP_UNDER_WINE();
   TempDir root;
   // The faulty servers stop after half the file, which is no whole number
   // of read-ahead chunks.
