@@ -426,6 +426,50 @@ HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES sa, BOOL bManualReset, BOOL 
   return ::CreateEventW(sa, bManualReset, bInitialState, name);
 }
 
+// The layer's waits may need memory on other systems; here the fault control
+// alone makes them run out, so that callers' handling of a failed wait is
+// tested on both.
+DWORD qlt::win::WaitForSingleObject(HANDLE h, DWORD milliseconds) {
+  try {
+    faults::CheckAlloc();
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return WAIT_FAILED;
+  }
+  return ::WaitForSingleObject(h, milliseconds);
+}
+
+DWORD qlt::win::WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL bWaitAll, DWORD milliseconds) {
+  if (bWaitAll) {
+    ::SetLastError(ERROR_NOT_SUPPORTED);
+    return WAIT_FAILED;
+  }
+  try {
+    faults::CheckAlloc();
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return WAIT_FAILED;
+  }
+  return ::WaitForMultipleObjects(count, handles, FALSE, milliseconds);
+}
+
+// ---- Memory ---------------------------------------------------------------------------------
+LPVOID qlt::win::VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationType, DWORD dwProtect) {
+  if (pAddress || nSize == 0 || dwAllocationType != (MEM_COMMIT | MEM_RESERVE) || dwProtect != PAGE_READWRITE) {
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  try {
+    faults::CheckAlloc();
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  LPVOID p = ::VirtualAlloc(nullptr, nSize, dwAllocationType, dwProtect);
+  if (!p) ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return p;
+}
+
 // ---- Modules -----------------------------------------------------------------------------
 HMODULE qlt::win::LoadLibraryW(LPCWSTR name) {
   return NoThrow<HMODULE>(nullptr, [&]() -> HMODULE {
