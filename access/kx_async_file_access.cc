@@ -168,7 +168,9 @@ bool KxAsyncFileAccess::StartWorker(bool bRead, DWORD nCapacity, __int64 nFilePo
   m_nAsyncConsumed = 0;
   m_bStopWorker.store(0);
   ResetEvent(m_hWorkerDone);
-  if (!m_worker.Start([this] { WorkerMain(); })) {
+  // The worker runs above normal priority, so that read-ahead and
+  // write-behind keep pace with the host's thread.
+  if (!m_worker.Start([this] { WorkerMain(); }, THREAD_PRIORITY_ABOVE_NORMAL)) {
     SetEvent(m_hWorkerDone);
     m_pRing->UninitStream();
     delete m_pRing;

@@ -33,6 +33,12 @@ file(CONFIGURE OUTPUT ${QLT_EXPORTS_MAP} CONTENT "{\n  global:\n${_c}    extern 
 
 function(qlt_exports target)
   if(WIN32)
+    # Each library carries its own operator new (the runtime is linked
+    # statically): every one but the platform library gets the one that
+    # consults the fault control's per-thread allocation failure.
+    if(NOT target STREQUAL "qltplatform")
+      target_sources(${target} PRIVATE ${CMAKE_SOURCE_DIR}/platform/alloc_hook.cc)
+    endif()
     # A PE library exports exactly what is marked __declspec(dllexport);
     # with any such mark present the linker exports nothing else.
     return()

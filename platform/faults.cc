@@ -155,6 +155,38 @@ void DisarmAll() {
   r.rules.clear();
 }
 
+std::atomic<int> g_nAllocArmedThreads{0};
+
+namespace {
+thread_local int t_nAllocCountdown = 0;  // 0: this thread is not armed
+thread_local bool t_bAllocFired = false;
+}  // namespace
+
+void ArmAllocFailure(int nNth) {
+  DisarmAllocFailure();
+  if (nNth <= 0) return;
+  t_bAllocFired = false;
+  t_nAllocCountdown = nNth;
+  g_nAllocArmedThreads.fetch_add(1, std::memory_order_relaxed);
+}
+
+void DisarmAllocFailure() {
+  if (t_nAllocCountdown == 0) return;
+  t_nAllocCountdown = 0;
+  g_nAllocArmedThreads.fetch_sub(1, std::memory_order_relaxed);
+}
+
+bool AllocFailureFired() { return t_bAllocFired; }
+
+bool TakeAllocFailure() {
+  if (t_nAllocCountdown <= 0 || --t_nAllocCountdown != 0) return false;
+  // The armed allocation fails; the thread stays counted as armed (the
+  // countdown is spent) until it disarms.
+  t_nAllocCountdown = -1;
+  t_bAllocFired = true;
+  return true;
+}
+
 int Fired(int id) {
   auto& r = All();
   CAutoLock g(&r.lock);

@@ -8,6 +8,7 @@
 #ifndef QLTFSDK_PLATFORM_FAULTS_H
 #define QLTFSDK_PLATFORM_FAULTS_H
 
+#include <atomic>
 #include <string>
 
 #include "qltfsdk/wintypes.h"
@@ -78,6 +79,36 @@ class ScopedFault {
  private:
   int m_nId;
 };
+
+// ---- Allocation failure through operator new, per thread ------------------
+// While the calling thread is armed with n, the nth allocation that an
+// instrumented operator new makes on that thread throws std::bad_alloc; the
+// other threads allocate normally. Instrumented are the test program's
+// operator new (tests/support/alloc_fault) and, on Windows, where each
+// library carries its own operator new, the one compiled into every library
+// of the SDK but this one (platform/alloc_hook.cc). The platform library's
+// own allocations are never counted: its containment is tested with rules
+// of kind kAlloc. Arming again restarts the count.
+QLTPLATFORM_API void ArmAllocFailure(int nNth);
+QLTPLATFORM_API void DisarmAllocFailure();
+// True once the armed allocation of this thread has come and failed; stays
+// true until the thread arms again.
+QLTPLATFORM_API bool AllocFailureFired();
+// For instrumented operator new only: counts one allocation of the calling
+// thread and returns true when it is the one that must fail. Call it only
+// when g_nAllocArmedThreads is not 0.
+QLTPLATFORM_API bool TakeAllocFailure();
+// How many threads are armed. A relaxed load suffices: a thread arms itself
+// before the allocations it targets, so it sees its own store; other
+// threads may see a stale count, and TakeAllocFailure answers them by their
+// own (unarmed) state.
+QLTPLATFORM_API extern std::atomic<int> g_nAllocArmedThreads;
+
+// One allocation point of an instrumented operator new: true when it must
+// fail. One relaxed load while no thread is armed.
+inline bool AllocationMustFail() {
+  return g_nAllocArmedThreads.load(std::memory_order_relaxed) != 0 && TakeAllocFailure();
+}
 
 }  // namespace qlt::fault
 

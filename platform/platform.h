@@ -91,6 +91,8 @@ typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 #define THREAD_PRIORITY_ABOVE_NORMAL 1
 #define THREAD_PRIORITY_HIGHEST 2
 #define THREAD_PRIORITY_TIME_CRITICAL 15
+#define THREAD_PRIORITY_IDLE (-15)
+#define THREAD_PRIORITY_ERROR_RETURN 0x7FFFFFFF
 
 #define MEM_COMMIT 0x00001000u
 #define MEM_RESERVE 0x00002000u
@@ -180,7 +182,15 @@ QLTPLATFORM_API DWORD GetTempPathW(DWORD n, LPWSTR buf);
 // with ERROR_NOT_ENOUGH_MEMORY when the system cannot start a thread.
 QLTPLATFORM_API HANDLE CreateThread(LPSECURITY_ATTRIBUTES sa, size_t stackSize, LPTHREAD_START_ROUTINE start,
                                     LPVOID param, DWORD flags, DWORD* pThreadId);
+// The thread's priority level (THREAD_PRIORITY_*). Here the scheduling
+// class stays the default (levels above normal need privileges); the level
+// is kept with the thread and GetThreadPriority reports it, so the
+// library's choice can be checked. SetThreadPriority: FALSE with
+// ERROR_INVALID_HANDLE for a bad handle, ERROR_INVALID_PARAMETER for a
+// level that is none of the constants. GetThreadPriority:
+// THREAD_PRIORITY_ERROR_RETURN with ERROR_INVALID_HANDLE for a bad handle.
 QLTPLATFORM_API BOOL SetThreadPriority(HANDLE hThread, int priority);
+QLTPLATFORM_API int GetThreadPriority(HANDLE hThread);
 QLTPLATFORM_API BOOL GetExitCodeThread(HANDLE hThread, DWORD* pExitCode);
 QLTPLATFORM_API DWORD GetCurrentThreadId();
 QLTPLATFORM_API DWORD GetCurrentProcessId();
@@ -291,6 +301,7 @@ using qlt::win::GetPrivateProfileIntW;
 using qlt::win::GetPrivateProfileStringW;
 using qlt::win::GetProcAddress;
 using qlt::win::GetTempPathW;
+using qlt::win::GetThreadPriority;
 using qlt::win::GetTickCount;
 using qlt::win::GetTickCount64;
 using qlt::win::InitializeCriticalSection;

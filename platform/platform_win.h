@@ -15,7 +15,14 @@
 // - ReadFile at or past the end of the file succeeds with 0 bytes (the
 //   system reports ERROR_HANDLE_EOF when an OVERLAPPED gives the offset).
 // - ReadFile and WriteFile loop over partial transfers.
-// - WaitForMultipleObjects with bWaitAll TRUE is passed to the system.
+// - WaitForMultipleObjects refuses bWaitAll TRUE (WAIT_FAILED,
+//   ERROR_NOT_SUPPORTED), so that no code comes to rely on a wait the other
+//   systems' layer does not offer.
+// - VirtualAlloc takes only what the library uses (a null address,
+//   MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE, a size above 0); anything else
+//   fails with ERROR_INVALID_PARAMETER.
+// - Waits, event and thread creation and VirtualAlloc are allocation points
+//   of the fault control (kAlloc), as in the other systems' layer.
 // - LoadLibraryW of a bare name looks beside the platform library first.
 // - Paths on a letter given to QltSetDrive are translated to its directory.
 // Any thread may call these.
@@ -57,6 +64,9 @@ QLTPLATFORM_API UINT GetDriveTypeW(LPCWSTR root);
 QLTPLATFORM_API HANDLE CreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stackSize, LPTHREAD_START_ROUTINE start,
                                     LPVOID param, DWORD flags, LPDWORD pThreadId);
 QLTPLATFORM_API HANDLE CreateEventW(LPSECURITY_ATTRIBUTES sa, BOOL bManualReset, BOOL bInitialState, LPCWSTR name);
+QLTPLATFORM_API DWORD WaitForSingleObject(HANDLE h, DWORD milliseconds);
+QLTPLATFORM_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL bWaitAll, DWORD milliseconds);
+QLTPLATFORM_API LPVOID VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationType, DWORD dwProtect);
 QLTPLATFORM_API HMODULE LoadLibraryW(LPCWSTR name);
 // The address of an exported name as a plain pointer, for a cast to the
 // function type the caller knows; null with ERROR_PROC_NOT_FOUND.
@@ -115,6 +125,9 @@ using qlt::win::RemoveDirectoryW;
 using qlt::win::SetEndOfFile;
 using qlt::win::SetFilePointer;
 using qlt::win::SetFilePointerEx;
+using qlt::win::VirtualAlloc;
+using qlt::win::WaitForMultipleObjects;
+using qlt::win::WaitForSingleObject;
 using qlt::win::WriteFile;
 inline int _waccess(LPCWSTR path, int mode) { return qlt::win::WAccess(path, mode); }
 #endif  // QLT_PLATFORM_FORWARDED_NAMES

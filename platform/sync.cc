@@ -90,10 +90,11 @@ struct ThreadObject : Waitable {
     }
     return TRUE;
   }
-  std::mutex joinLock;            // guards thread against a close racing the start
-  std::thread thread;             // guarded by joinLock
-  DWORD exitCode = STILL_ACTIVE;  // guarded by WaitLock()
-  DWORD threadId = 0;             // written before CreateThread returns
+  std::mutex joinLock;                                // guards thread against a close racing the start
+  std::thread thread;                                 // guarded by joinLock
+  DWORD exitCode = STILL_ACTIVE;                      // guarded by WaitLock()
+  DWORD threadId = 0;                                 // written before CreateThread returns
+  std::atomic<int> priority{THREAD_PRIORITY_NORMAL};  // any thread; relaxed: a value, ordering nothing
 };
 
 // Registers one waiter on a set of objects and always takes it off again.
@@ -284,10 +285,22 @@ HANDLE qlt::win::CreateThread(LPSECURITY_ATTRIBUTES /*sa*/, size_t /*stackSize*/
   });
 }
 
-BOOL qlt::win::SetThreadPriority(HANDLE h, int /*priority*/) {
-  // Priorities above normal need privileges here; the value is accepted and
-  // the thread keeps the default scheduling class.
-  return Lookup<ThreadObject>(h) ? TRUE : FALSE;
+BOOL qlt::win::SetThreadPriority(HANDLE h, int priority) {
+  // Priorities above normal need privileges here; the level is kept and the
+  // thread keeps the default scheduling class.
+  Ref<ThreadObject> t = Lookup<ThreadObject>(h);
+  if (!t) return FALSE;
+  if (priority != THREAD_PRIORITY_IDLE && priority != THREAD_PRIORITY_TIME_CRITICAL &&
+      (priority < THREAD_PRIORITY_LOWEST || priority > THREAD_PRIORITY_HIGHEST))
+    return Fail(ERROR_INVALID_PARAMETER);
+  t->priority.store(priority, std::memory_order_relaxed);
+  return TRUE;
+}
+
+int qlt::win::GetThreadPriority(HANDLE h) {
+  Ref<ThreadObject> t = Lookup<ThreadObject>(h);
+  if (!t) return THREAD_PRIORITY_ERROR_RETURN;
+  return t->priority.load(std::memory_order_relaxed);
 }
 
 BOOL qlt::win::GetExitCodeThread(HANDLE h, DWORD* pExitCode) {

@@ -57,10 +57,15 @@ std::string FaultPath(const std::wstring& p) {
   return s;
 }
 
-// ---- Open files, for rules that name a path ---------------------------------------
+// ---- Files opened through the layer: the path rules match, and the access --------
+struct LayerFile {
+  std::string path;  // the form fault rules match
+  bool bWritable;    // opened with write access
+};
+
 struct OpenFiles {
   std::mutex lock;
-  std::unordered_map<HANDLE, std::string> paths;  // guarded by lock
+  std::unordered_map<HANDLE, LayerFile> paths;  // guarded by lock
 };
 
 OpenFiles& Files() {
@@ -72,7 +77,7 @@ std::string PathOf(HANDLE h) {
   OpenFiles& f = Files();
   std::lock_guard<std::mutex> g(f.lock);
   auto it = f.paths.find(h);
-  return it == f.paths.end() ? std::string() : it->second;
+  return it == f.paths.end() ? std::string() : it->second.path;
 }
 
 // True when a rule fires for a call on file h; *out says what to do.
@@ -146,7 +151,7 @@ HANDLE qlt::win::CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY
     try {
       auto& f = Files();
       std::lock_guard<std::mutex> g(f.lock);
-      f.paths[h] = faultPath;
+      f.paths[h] = qlt::plat::LayerFile{faultPath, (access & (GENERIC_WRITE | GENERIC_ALL | FILE_WRITE_DATA)) != 0};
     } catch (...) {
       ::CloseHandle(h);
       throw;
@@ -157,6 +162,9 @@ HANDLE qlt::win::CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY
 }
 
 BOOL qlt::win::CloseHandle(HANDLE h) {
+  // The system takes INVALID_HANDLE_VALUE for the current process and
+  // "closes" it with success; a caller that closes it has lost a handle.
+  if (h == nullptr || h == INVALID_HANDLE_VALUE) return qlt::plat::FailWith(ERROR_INVALID_HANDLE);
   std::string path;
   bool file = false;
   {
@@ -165,7 +173,7 @@ BOOL qlt::win::CloseHandle(HANDLE h) {
     auto it = f.paths.find(h);
     if (it != f.paths.end()) {
       file = true;
-      path.swap(it->second);
+      path.swap(it->second.path);
       f.paths.erase(it);
     }
   }
@@ -426,6 +434,50 @@ HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES sa, BOOL bManualReset, BOOL 
   return ::CreateEventW(sa, bManualReset, bInitialState, name);
 }
 
+// The layer's waits may need memory on other systems; here the fault control
+// alone makes them run out, so that callers' handling of a failed wait is
+// tested on both.
+DWORD qlt::win::WaitForSingleObject(HANDLE h, DWORD milliseconds) {
+  try {
+    faults::CheckAlloc();
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return WAIT_FAILED;
+  }
+  return ::WaitForSingleObject(h, milliseconds);
+}
+
+DWORD qlt::win::WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL bWaitAll, DWORD milliseconds) {
+  if (bWaitAll) {
+    ::SetLastError(ERROR_NOT_SUPPORTED);
+    return WAIT_FAILED;
+  }
+  try {
+    faults::CheckAlloc();
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return WAIT_FAILED;
+  }
+  return ::WaitForMultipleObjects(count, handles, FALSE, milliseconds);
+}
+
+// ---- Memory ---------------------------------------------------------------------------------
+LPVOID qlt::win::VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationType, DWORD dwProtect) {
+  if (pAddress || nSize == 0 || dwAllocationType != (MEM_COMMIT | MEM_RESERVE) || dwProtect != PAGE_READWRITE) {
+    ::SetLastError(ERROR_INVALID_PARAMETER);
+    return nullptr;
+  }
+  try {
+    faults::CheckAlloc();
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  LPVOID p = ::VirtualAlloc(nullptr, nSize, dwAllocationType, dwProtect);
+  if (!p) ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return p;
+}
+
 // ---- Modules -----------------------------------------------------------------------------
 HMODULE qlt::win::LoadLibraryW(LPCWSTR name) {
   return NoThrow<HMODULE>(nullptr, [&]() -> HMODULE {
@@ -576,10 +628,27 @@ extern "C" BOOL QltSameFile(LPCWSTR a, LPCWSTR b) {
 
 // Windows has no call that starts the write-back of a range without waiting
 // for it; the system's lazy writer already writes dirty pages out steadily.
-// The handle is still checked so that a bad one fails as on other systems.
+// The handle is still checked so that a bad one, or one that cannot write,
+// fails as on other systems.
 BOOL QltStartWriteBack(HANDLE h, ULONGLONG offset, ULONGLONG length) {
   if (h == nullptr || h == INVALID_HANDLE_VALUE) {
     ::SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+  }
+  ::SetLastError(ERROR_SUCCESS);
+  if (::GetFileType(h) == FILE_TYPE_UNKNOWN && ::GetLastError() != ERROR_SUCCESS) return FALSE;  // a closed handle
+  bool bKnown = false, bWritable = false;
+  {
+    auto& f = Files();
+    std::lock_guard<std::mutex> g(f.lock);
+    auto it = f.paths.find(h);
+    if (it != f.paths.end()) {
+      bKnown = true;
+      bWritable = it->second.bWritable;
+    }
+  }
+  if (bKnown && !bWritable) {
+    ::SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
   }
   if (offset > static_cast<ULONGLONG>(INT64_MAX) || length > static_cast<ULONGLONG>(INT64_MAX) - offset) {

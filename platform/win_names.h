@@ -37,6 +37,9 @@
 #define GetDriveTypeW QltSystem_GetDriveTypeW
 #define CreateThread QltSystem_CreateThread
 #define CreateEventW QltSystem_CreateEventW
+#define WaitForSingleObject QltSystem_WaitForSingleObject
+#define WaitForMultipleObjects QltSystem_WaitForMultipleObjects
+#define VirtualAlloc QltSystem_VirtualAlloc
 #define LoadLibraryW QltSystem_LoadLibraryW
 #define GetPrivateProfileIntW QltSystem_GetPrivateProfileIntW
 #define GetPrivateProfileStringW QltSystem_GetPrivateProfileStringW
@@ -78,6 +81,9 @@
 #undef GetDriveTypeW
 #undef CreateThread
 #undef CreateEventW
+#undef WaitForSingleObject
+#undef WaitForMultipleObjects
+#undef VirtualAlloc
 #undef LoadLibraryW
 #undef GetPrivateProfileIntW
 #undef GetPrivateProfileStringW

@@ -36,14 +36,16 @@ class CWorkerThread {
   CWorkerThread(const CWorkerThread&) = delete;
   CWorkerThread& operator=(const CWorkerThread&) = delete;
 
-  // Clears the stop request and runs fnBody on a new thread. Returns TRUE
-  // when the thread runs. Returns FALSE with the last error set, and nothing
+  // Clears the stop request and runs fnBody on a new thread at the given
+  // priority level (THREAD_PRIORITY_*; a level the system refuses leaves the
+  // thread at normal priority, which changes only its share of the
+  // processor). Returns TRUE when the thread runs. Returns FALSE with the last error set, and nothing
   // running, when a thread is still started (ERROR_BUSY: Join it first),
   // fnBody is empty (ERROR_INVALID_PARAMETER), memory is short
   // (ERROR_NOT_ENOUGH_MEMORY) or the platform cannot create the event or the
   // thread (its own error). Never throws. An exception leaving fnBody ends
   // the thread quietly; it does not reach the owner. Owning thread only.
-  BOOL Start(std::function<void()> fnBody);
+  BOOL Start(std::function<void()> fnBody, int nPriority = THREAD_PRIORITY_NORMAL);
   // Raises the stop request: sets the flag, then the stop event. Any thread.
   void RequestStop();
   // True from RequestStop until the next Start. Any thread.
@@ -57,6 +59,9 @@ class CWorkerThread {
   // True from a successful Start until Join. Any thread.
   bool IsRunning() const { return m_bStarted.load(std::memory_order_acquire); }
   const std::wstring& GetName() const { return m_strName; }
+  // The running thread's priority level as the system reports it;
+  // THREAD_PRIORITY_ERROR_RETURN when no thread is started. Owning thread only.
+  int GetPriority() const { return m_hThread ? GetThreadPriority(m_hThread) : THREAD_PRIORITY_ERROR_RETURN; }
 
  private:
   static DWORD WINAPI ThreadProc(LPVOID pParam);
@@ -77,7 +82,7 @@ inline CWorkerThread::~CWorkerThread() {
   if (m_hStopEvent) CloseHandle(m_hStopEvent);
 }
 
-inline BOOL CWorkerThread::Start(std::function<void()> fnBody) {
+inline BOOL CWorkerThread::Start(std::function<void()> fnBody, int nPriority) {
   if (m_hThread) {
     SetLastError(ERROR_BUSY);
     return FALSE;
@@ -100,6 +105,11 @@ inline BOOL CWorkerThread::Start(std::function<void()> fnBody) {
   if (!hThread) {
     m_fnBody = nullptr;
     return FALSE;
+  }
+  if (nPriority != THREAD_PRIORITY_NORMAL) {
+    DWORD nError = GetLastError();
+    SetThreadPriority(hThread, nPriority);  // a refusal keeps the thread at normal priority
+    SetLastError(nError);
   }
   m_hThread = hThread;
   m_bStarted.store(true, std::memory_order_release);

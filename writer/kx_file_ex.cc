@@ -24,7 +24,8 @@ KxFileEx::KxFileEx() : m_hFile(INVALID_HANDLE_VALUE) {
   m_nBlockSize = SdkSettings.WriteBufSize;
   if (m_nBlockSize < 1) m_nBlockSize = kDefaultWriteBufSize;
   m_nStagingCapacity = static_cast<int64_t>(m_nBlockSize) + kStagingSlack;
-  m_pStaging = new BYTE[static_cast<size_t>(m_nStagingCapacity)];
+  m_pStagingBlock = new BYTE[static_cast<size_t>(m_nStagingCapacity) + kStagingAlign - 1];
+  m_pStaging = AlignStaging(m_pStagingBlock);
   // The writer always takes the buffered block-write route.
   SdkSettings.WriteMode = 0;
   AcquireWriteTimingLog();
@@ -38,7 +39,8 @@ KxFileEx::~KxFileEx() {
   m_cache.End();
   m_virtualTarget.End();
   m_webTarget.End();
-  delete[] m_pStaging;
+  delete[] m_pStagingBlock;
+  m_pStagingBlock = nullptr;
   m_pStaging = nullptr;
   ReleaseWriteTimingLog();
   SysFreeString(m_info.bstrDiskPoolPath);
@@ -166,11 +168,10 @@ void KxFileEx::RefreshStatus() {
     LARGE_INTEGER size{};
     if (GetSize(&size)) m_nLogicalSize = static_cast<uint64_t>(size.QuadPart);
   }
-  const int32_t nEstimateMs = m_nBytesOnDisk > 0
-                                  ? static_cast<int32_t>(static_cast<int64_t>(m_nWriteMs) *
-                                                         static_cast<int64_t>(pending) /
-                                                         static_cast<int64_t>(m_nBytesOnDisk))
-                                  : 0;
+  const int32_t nEstimateMs =
+      m_nBytesOnDisk > 0 ? static_cast<int32_t>(static_cast<int64_t>(m_nWriteMs) * static_cast<int64_t>(pending) /
+                                                static_cast<int64_t>(m_nBytesOnDisk))
+                         : 0;
   m_registryEntry.Update(m_bstrFileName, m_nLogicalSize, pending, nEstimateMs);
 }
 

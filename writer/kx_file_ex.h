@@ -174,7 +174,8 @@ class KxFileEx : private CWriterTarget, private CWriteCache::CClient {
   CQltWebFile* m_pWebWriter = nullptr;        // owned; ended with Destroy(1) (by m_webTarget)
 
   // Staging.
-  BYTE* m_pStaging = nullptr;  // m_nStagingCapacity bytes, owned
+  BYTE* m_pStagingBlock = nullptr;  // the allocation, owned: m_nStagingCapacity + kStagingAlign - 1 bytes
+  BYTE* m_pStaging = nullptr;       // m_nStagingCapacity bytes inside it, starting kStagingAlign-aligned
   int64_t m_nStagingCapacity = 0;
   int32_t m_nBlockSize = 0;   // write block size, above 0
   int32_t m_nStaged = 0;      // 0 <= m_nStaged < m_nBlockSize between calls

@@ -83,13 +83,14 @@ bool KxFileEx::ApplyBlockSize(const CComBSTR& strName) {
   }
   int64_t nNeeded = static_cast<int64_t>(nBlock) + kStagingSlack;
   if (nNeeded > m_nStagingCapacity) {
-    BYTE* p = new (std::nothrow) BYTE[static_cast<size_t>(nNeeded)];
+    BYTE* p = new (std::nothrow) BYTE[static_cast<size_t>(nNeeded) + kStagingAlign - 1];
     if (!p) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       return false;
     }
-    delete[] m_pStaging;
-    m_pStaging = p;
+    delete[] m_pStagingBlock;
+    m_pStagingBlock = p;
+    m_pStaging = AlignStaging(p);
     m_nStagingCapacity = nNeeded;
   }
   m_nBlockSize = nBlock;

@@ -11,14 +11,20 @@
 
 namespace {
 
+#if defined(_WIN32)
+const char kLibraryFile[] = "qltfsdk.dll";
+#else
+const char kLibraryFile[] = "libqltfsdk.so";
+#endif
+
 // The build tree holds no qltfsdk.ini, so start-up must have loaded the
 // built-in values; ReadMode starts at 1 and reads 0 without a file, so it
 // shows the file step ran.
 TEST(SdkAttachTest, ReportsWhatStartUpLoadedAndFailsCleanlyWhenMemoryRunsOut) {
   QLT_SDKINFO_ST info{};
   ASSERT_EQ(QLT_GetSdkInfo(&info), 1);
-  std::string dir = QltNativePath(info.bstrModuleDir);  // where libqltfsdk.so lies
-  EXPECT_TRUE(FileExists(dir + "/libqltfsdk.so")) << dir;
+  std::string dir = QltNativePath(info.bstrModuleDir);  // where the library file lies
+  EXPECT_TRUE(FileExists(dir + "/" + kLibraryFile)) << dir;
   EXPECT_EQ(SysStringLen(info.bstrIniPath), 0u);
   EXPECT_EQ(info.nReadMode, 0);
   EXPECT_EQ(info.nWriteBufSize, 524288);

@@ -247,15 +247,27 @@ TEST_F(PlatformFilesTest, MoveFileExReplacesOnlyWhenAsked) {
   }
   EXPECT_EQ(ReadWholeFile(m_dir.file("b.txt")), "A");
 
-  // An open file that does not share deletion can be neither moved nor replaced.
+  // An open file that does not share deletion can be neither moved nor
+  // replaced; both stay as they were. The system may call the refused move
+  // ERROR_ACCESS_DENIED; our POSIX layer always says ERROR_SHARING_VIOLATION.
+  auto refusedAsShared = [](DWORD nError) {
+#if defined(_WIN32)
+    return nError == ERROR_SHARING_VIOLATION || nError == ERROR_ACCESS_DENIED;
+#else
+    return nError == ERROR_SHARING_VIOLATION;
+#endif
+  };
   HANDLE h = Open(b, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
   ASSERT_TRUE(WriteWholeFile(m_dir.file("d.txt"), "D"));
   EXPECT_FALSE(MoveFileExW(b.c_str(), c.c_str(), 0));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  EXPECT_TRUE(refusedAsShared(GetLastError())) << GetLastError();
   EXPECT_FALSE(MoveFileExW(m_dir.wpath("d.txt").c_str(), b.c_str(), MOVEFILE_REPLACE_EXISTING));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  EXPECT_TRUE(refusedAsShared(GetLastError())) << GetLastError();
   CloseHandle(h);
+  EXPECT_EQ(ReadWholeFile(m_dir.file("b.txt")), "A");
+  EXPECT_FALSE(FileExists(m_dir.file("c.txt")));
   EXPECT_TRUE(MoveFileExW(m_dir.wpath("d.txt").c_str(), b.c_str(), MOVEFILE_REPLACE_EXISTING));
+  EXPECT_EQ(ReadWholeFile(m_dir.file("b.txt")), "D");
 }
 
 TEST_F(PlatformFilesTest, DirectoriesAndSearch) {
@@ -289,6 +301,10 @@ TEST_F(PlatformFilesTest, NamesFromSearchOpenTheSameFile) {
                            "d\xC3\xA9-\xE6\x96\x87\xE4\xBB\xB6.bin",
                            "\xE9.bin", "\xC0\xAF.bin"}) {
     SCOPED_TRACE(testing::PrintToString(std::string(name)));
+#if defined(_WIN32)
+    // Names there are wide text: bytes that are not UTF-8 name no file.
+    if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, name, -1, nullptr, 0) == 0) continue;
+#endif
     ASSERT_TRUE(WriteWholeFile(m_dir.file(name), name));
     WIN32_FIND_DATAW fd;
     HANDLE f = FindFirstFileW((m_dir.wpath("") + L"\\*.bin").c_str(), &fd);
@@ -304,9 +320,11 @@ TEST_F(PlatformFilesTest, NamesFromSearchOpenTheSameFile) {
     EXPECT_TRUE(DeleteFileW(found.c_str()));
     EXPECT_FALSE(FileExists(m_dir.file(name)));
   }
+#if !defined(_WIN32)  // there every wide name is the system's to judge
   std::wstring bad = m_dir.wpath("") + L"\\x" + wchar_t(0xD800) + L".bin";
   EXPECT_EQ(Open(bad, GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_NAME));
+#endif
 }
 
 // Opening a FIFO does not wait for its other end: with no writer a reader
@@ -352,11 +370,21 @@ TEST_F(PlatformFilesTest, AFifoOpensWithoutWaitingForItsOtherEnd) {
 TEST_F(PlatformFilesTest, DriveMapTranslatesAndReportsTypes) {
   ASSERT_TRUE(CreateDirectoryW(m_dir.wpath("e").c_str(), nullptr));
   QltSetDrive(L'e', m_dir.wpath("e").c_str(), DRIVE_UNKNOWN);
+#if defined(_WIN32)
+  // Native paths keep the system's backslashes there.
+  EXPECT_EQ(QltNativePath(L"E:\\x\\y.dat"), QltWideToUtf8(m_dir.wpath("e/x/y.dat")));
+#else
   EXPECT_EQ(QltNativePath(L"E:\\x\\y.dat"), m_dir.file("e/x/y.dat"));
+#endif
   EXPECT_EQ(GetDriveTypeW(L"E:\\"), static_cast<UINT>(DRIVE_FIXED));  // a local directory
   EXPECT_EQ(GetDriveTypeW(L"Q:\\"), static_cast<UINT>(DRIVE_NO_ROOT_DIR));
   EXPECT_EQ(Open(L"Q:\\a.bin", GENERIC_WRITE, 0, CREATE_ALWAYS), INVALID_HANDLE_VALUE);
+#if defined(_WIN32)
+  // Wine answers ERROR_FILE_NOT_FOUND for a file on a drive it does not have.
+  EXPECT_TRUE(GetLastError() == ERROR_PATH_NOT_FOUND || GetLastError() == ERROR_FILE_NOT_FOUND) << GetLastError();
+#else
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+#endif
 
   // The default C: is a private directory the library may create files in.
   HANDLE h = Open(L"C:\\qlt-platform-test.tmp", GENERIC_WRITE, 0, CREATE_ALWAYS);

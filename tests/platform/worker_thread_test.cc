@@ -11,7 +11,8 @@ namespace {
 
 // A stop request reaches a body that waits on the stop event, as the
 // library's workers do; Join ends it; a thread that cannot start or a body
-// that throws leaves the worker reusable; the destructor stops and joins.
+// that throws leaves the worker reusable; the thread runs at the priority
+// asked for; the destructor stops and joins.
 TEST(WorkerThreadTest, StopReachesAWaitingBodyAndFailuresLeaveTheWorkerReusable) {
   std::atomic<int> runs{0};
   {
@@ -21,6 +22,7 @@ TEST(WorkerThreadTest, StopReachesAWaitingBodyAndFailuresLeaveTheWorkerReusable)
       if (worker.StopRequested()) ++runs;
     };
     ASSERT_TRUE(worker.Start(waitingBody));
+    EXPECT_EQ(worker.GetPriority(), THREAD_PRIORITY_NORMAL);
     EXPECT_FALSE(worker.Start([] {}));  // one thread at a time
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BUSY));
     worker.RequestStop();
@@ -36,8 +38,9 @@ TEST(WorkerThreadTest, StopReachesAWaitingBodyAndFailuresLeaveTheWorkerReusable)
       EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
     }
     ASSERT_TRUE(worker.Start([] { throw std::runtime_error("body failed"); }));
-    worker.Join();  // the process goes on
-    ASSERT_TRUE(worker.Start(waitingBody));
+    worker.Join();                                                         // the process goes on
+    ASSERT_TRUE(worker.Start(waitingBody, THREAD_PRIORITY_ABOVE_NORMAL));  // as the access worker runs
+    EXPECT_EQ(worker.GetPriority(), THREAD_PRIORITY_ABOVE_NORMAL);
     EXPECT_FALSE(worker.StopRequested());  // a new start clears the old request
     // The destructor stops and joins: without either this hangs or fails under asan.
   }

@@ -10,21 +10,23 @@
 #include <initializer_list>
 #include <new>
 
+#include "platform/faults.h"
+
 namespace {
 
-// Per thread, so that other threads allocate normally. 0: not armed.
-thread_local int t_nCountdown = 0;
-thread_local bool t_bFired = false;
-
+// The countdown is the platform's, per thread (qlt::fault::ArmAllocFailure),
+// so that on Windows the operator new of each SDK library, which the
+// statically linked runtime gives every library of its own, counts on the
+// same countdown as this program's.
+//
 // Allocations made by the platform library's own code are not counted: the
-// platform layer's containment is tested with that layer. The module that
-// decides is the first one on the stack that is neither this program (the
-// allocator, the test) nor a runtime library (a std::string of the platform
-// layer allocates from inside libstdc++).
+// platform layer's containment is tested with that layer. On Windows that
+// library has no instrumented operator new, so its allocations never arrive
+// here. Elsewhere this operator new serves the whole process: the module
+// that decides is the first one on the stack that is neither this program
+// (the allocator, the test) nor a runtime library (a std::string of the
+// platform layer allocates from inside libstdc++).
 #if defined(_WIN32)
-// With the runtime linked statically each DLL has an operator new of its
-// own: only allocations of this program's own code arrive here, never the
-// platform library's.
 bool FromPlatformLibrary() { return false; }
 #else
 // The C++ library, the unwinder and the sanitizer runtimes.
@@ -50,10 +52,9 @@ bool FromPlatformLibrary() {
 #endif
 
 void* Allocate(std::size_t nBytes) {
-  if (t_nCountdown > 0 && !FromPlatformLibrary() && --t_nCountdown == 0) {
-    t_bFired = true;
+  if (qlt::fault::g_nAllocArmedThreads.load(std::memory_order_relaxed) != 0 && !FromPlatformLibrary() &&
+      qlt::fault::TakeAllocFailure())
     throw std::bad_alloc();
-  }
   void* p = std::malloc(nBytes ? nBytes : 1);
   if (!p) throw std::bad_alloc();
   return p;
@@ -87,10 +88,9 @@ ScopedAllocFailure::ScopedAllocFailure(int nNth) {
   void* frames[1];
   backtrace(frames, 1);  // its first call loads the unwinder: not while armed
 #endif
-  t_bFired = false;
-  t_nCountdown = nNth;
+  qlt::fault::ArmAllocFailure(nNth);
 }
 
-ScopedAllocFailure::~ScopedAllocFailure() { t_nCountdown = 0; }
+ScopedAllocFailure::~ScopedAllocFailure() { qlt::fault::DisarmAllocFailure(); }
 
-bool ScopedAllocFailure::Fired() const { return t_bFired; }
+bool ScopedAllocFailure::Fired() const { return qlt::fault::AllocFailureFired(); }

@@ -1,7 +1,9 @@
 // Allocation failure on demand, for checking that exported calls contain
 // std::bad_alloc. A test program that uses this gets the global operator
-// new replaced (for the whole process, shared libraries included); the
-// replacement allocates normally unless the calling thread armed it.
+// new replaced (on Windows for the program; each SDK library there has an
+// operator new of its own that counts on the same per-thread countdown, see
+// platform/alloc_hook.cc); it allocates normally unless the calling thread
+// armed it.
 #ifndef QLTFSDK_TESTS_SUPPORT_ALLOC_FAULT_H
 #define QLTFSDK_TESTS_SUPPORT_ALLOC_FAULT_H
 

@@ -68,6 +68,36 @@ TEST_F(WriterTest, FileSystemSeesOnlyWholeBlocks) {
   EXPECT_EQ(Content("w.dat"), Pattern(0, pos));
 }
 
+// Opened without system buffering and with write-through, the file takes
+// only sector-aligned transfers from sector-aligned memory: the writer's
+// staged blocks must meet that, whether a host write fills the staging
+// buffer or is written straight from the host's (aligned) buffer.
+TEST_F(WriterTest, UnbufferedWriteThroughFileGetsAlignedBlocks) {
+  FileExPtr w = MakeWriter();
+  const std::wstring path = m_dir.wpath("direct.dat");
+  const int nBlock = 65536;
+  QLT_WriterOption::SetWriteBlockSize(CComBSTR(path.c_str()), nBlock);
+  ASSERT_NE(w->CreateKXFile(CComBSTR(path.c_str()), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                            FILE_FLAG_NO_BUFFERING | FILE_FLAG_WRITE_THROUGH, nullptr),
+            nullptr);
+  const std::string data = Pattern(0, 5 * nBlock);
+  auto* pHost = static_cast<BYTE*>(VirtualAlloc(nullptr, data.size(), MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+  ASSERT_NE(pHost, nullptr);
+  std::copy(data.begin(), data.end(), pHost);
+  // Staged pieces that make whole blocks, then two blocks straight through.
+  size_t pos = 0;
+  for (size_t n : {size_t{4096}, size_t{nBlock - 4096}, size_t{nBlock / 2}, size_t{nBlock / 2}, size_t{2 * nBlock},
+                   size_t{nBlock}}) {
+    DWORD written = 0;
+    EXPECT_EQ(w->WriteFile(pHost + pos, static_cast<DWORD>(n), &written, nullptr, 0), 1)
+        << pos << " " << GetLastError();
+    pos += n;
+  }
+  EXPECT_EQ(w->CloseHandle(), 1);
+  VirtualFree(pHost, 0, MEM_RELEASE);
+  EXPECT_TRUE(Content("direct.dat") == data);  // not printed: 320 KiB
+}
+
 TEST_F(WriterTest, FlushIsForcedOnlyPast16MiB) {
   FileExPtr w = MakeWriter();
   ASSERT_NE(Create(*w, "f.dat", 1 << 20), nullptr);
