@@ -70,14 +70,17 @@ struct CopyProgress {
   }
 };
 
-bool CanRead(const std::string& strPath) { return static_cast<bool>(std::ifstream(strPath, std::ios::binary)); }
+bool CanRead(const std::string& strPath) {
+  return static_cast<bool>(std::ifstream(NativePath(strPath), std::ios::binary));
+}
 
 // An unfinished copy must not look complete: the transfer gives the
 // destination its full size before the first block, so what is left is
 // removed. Returns the clause for the message.
 std::string RemoveUnfinished(const std::string& strDestination) {
   std::error_code ec;
-  if (std::filesystem::remove(strDestination, ec) || !std::filesystem::exists(strDestination, ec))
+  const fs::path destination = NativePath(strDestination);
+  if (fs::remove(destination, ec) || !fs::exists(destination, ec))
     return "'" + strDestination + "' removed";
   return "'" + strDestination + "' could not be removed and is incomplete";
 }
@@ -87,7 +90,7 @@ void RunCopy(const std::string& strSource, const std::string& strDestination, co
   if (!ParseRate(strRate, &nRate))
     Fail("copy", "bad rate '" + strRate + "': give bits per second, optionally with k, M or G (e.g. 20M)", 2);
   std::error_code ec;
-  if (!fs::exists(strSource, ec)) Fail("copy", CannotText("open", strSource, ERROR_FILE_NOT_FOUND));
+  if (!fs::exists(NativePath(strSource), ec)) Fail("copy", CannotText("open", strSource, ERROR_FILE_NOT_FOUND));
   // The transfer copies regular files only: a FIFO would block its open and
   // a directory or device has no size to copy.
   if (std::string strKind = NotAFileKind(strSource); !strKind.empty())
@@ -96,7 +99,7 @@ void RunCopy(const std::string& strSource, const std::string& strDestination, co
     Fail("copy", "cannot copy to '" + strDestination + "': it is " + strKind + "; copy writes regular files only");
   if (IsSameFile(strSource, strDestination))
     Fail("copy", "cannot copy '" + strSource + "' to '" + strDestination + "': they are the same file");
-  const LONGLONG nTotal = static_cast<LONGLONG>(fs::file_size(strSource, ec));
+  const LONGLONG nTotal = static_cast<LONGLONG>(fs::file_size(NativePath(strSource), ec));
 
   QLT_FileTransfer transfer;
   if (!transfer.Initialize()) Fail("copy", "cannot set up the transfer: " + ErrorText(GetLastError()));

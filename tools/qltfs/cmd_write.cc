@@ -59,8 +59,8 @@ class ReadBack {
       m_nLength = m_bOpen ? m_access.GetLength() : 0;
     } else {
       std::error_code ec;
-      m_nLength = fs::file_size(strPath, ec);
-      m_file.open(strPath, std::ios::binary);
+      m_nLength = fs::file_size(NativePath(strPath), ec);
+      m_file.open(NativePath(strPath), std::ios::binary);
       m_bOpen = !ec && m_file.is_open();
     }
   }
@@ -114,13 +114,13 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   const bool bVirtual = IsVirtualPath(strOut) || bObject;
   auto words = [bObject](DWORD nError) { return bObject ? WebErrorText(nError, false) : ErrorText(nError); };
   std::error_code ec;
-  const std::string strPath = bVirtual ? strOut : fs::absolute(strOut, ec).string();
+  const std::string strPath = bVirtual ? strOut : NativeText(fs::absolute(NativePath(strOut), ec));
   if (ec) Fail(kCommand, "'" + strOut + "' is not a file name");
   if (!bVirtual) {
     if (std::string strKind = NotAFileKind(strPath); !strKind.empty())
       Fail(kCommand, "cannot write '" + strOut + "': it is " + strKind + "; write needs a regular file to verify");
   }
-  const bool bExisted = !bVirtual && fs::exists(strPath, ec);
+  const bool bExisted = !bVirtual && fs::exists(NativePath(strPath), ec);
 
   // Twice the period plus one slice, so any slice can be taken in one piece;
   // made before the file, so missing memory leaves nothing behind.
@@ -151,7 +151,7 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
     const DWORD nError = GetLastError();
     // The open may have made the file before its cache failed: take away
     // what this run created.
-    if (!bVirtual && !bExisted) fs::remove(strPath, ec);
+    if (!bVirtual && !bExisted) fs::remove(NativePath(strPath), ec);
     Fail(kCommand, "cannot create '" + strOut + "': " + words(nError));
   }
 

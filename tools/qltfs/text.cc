@@ -2,16 +2,45 @@
 
 #include <filesystem>
 
+#if defined(_WIN32)
+// clang-format off
+#include <windows.h>
+#include <shellapi.h>
+// clang-format on
+#endif
+
 // Both go through the library's own conversion, so a name converts the same
 // way here as inside the library and never through the C locale.
 std::wstring ToWide(const std::string& strUtf8) { return QltUtf8ToWide(strUtf8); }
 
 std::string ToUtf8(const wchar_t* pszWide) { return QltWideToUtf8(pszWide ? pszWide : L""); }
 
+#if defined(_WIN32)
+std::filesystem::path NativePath(const std::string& strUtf8) { return std::filesystem::path(ToWide(strUtf8)); }
+
+std::string NativeText(const std::filesystem::path& path) { return ToUtf8(path.c_str()); }
+
+std::vector<std::string> Utf8Arguments(int /*argc*/, char** /*argv*/) {
+  std::vector<std::string> args;
+  int nArgs = 0;
+  LPWSTR* ppszArgs = ::CommandLineToArgvW(::GetCommandLineW(), &nArgs);
+  if (!ppszArgs) return args;
+  for (int i = 0; i < nArgs; ++i) args.push_back(ToUtf8(ppszArgs[i]));
+  ::LocalFree(ppszArgs);
+  return args;
+}
+#else
+std::filesystem::path NativePath(const std::string& strUtf8) { return std::filesystem::path(strUtf8); }
+
+std::string NativeText(const std::filesystem::path& path) { return path.string(); }
+
+std::vector<std::string> Utf8Arguments(int argc, char** argv) { return std::vector<std::string>(argv, argv + argc); }
+#endif
+
 std::wstring LibraryPath(const std::string& strNative) {
   std::error_code ec;
-  std::filesystem::path absolute = std::filesystem::absolute(strNative, ec);
-  return ToWide(ec ? strNative : absolute.string());
+  std::filesystem::path absolute = std::filesystem::absolute(NativePath(strNative), ec);
+  return ToWide(ec ? strNative : NativeText(absolute));
 }
 
 std::string DisplayPath(BSTR bstrPath) {

@@ -5,13 +5,28 @@
 
 #include <qltfsdk/qltfsdk.h>
 
+#include <filesystem>
 #include <string>
+#include <vector>
 
 // Native names and arguments (UTF-8, or any bytes) <-> wide text, through
 // the library's conversion: lossless for every byte string, independent of
 // the C locale (see QltUtf8ToWide). Never throw.
 std::wstring ToWide(const std::string& strUtf8);
 std::string ToUtf8(const wchar_t* pszWide);
+
+// A native path (UTF-8) as the standard library's path type. On Windows the
+// standard library reads a narrow name in the ANSI code page, so the name
+// goes in as wide text there; elsewhere the bytes are kept as they are.
+std::filesystem::path NativePath(const std::string& strUtf8);
+// The reverse: a path as UTF-8 (Windows) or its bytes (elsewhere).
+std::string NativeText(const std::filesystem::path& path);
+
+// The program's arguments as UTF-8. On Windows they come from the wide
+// command line (split by CommandLineToArgvW), as the narrow argv holds
+// them in the ANSI code page and loses what it cannot show; elsewhere argv
+// as it is. Empty when the wide command line cannot be had.
+std::vector<std::string> Utf8Arguments(int argc, char** argv);
 
 // The library's spelling of a native path: made absolute against the
 // current directory, as wide text. The library takes '/' as a separator and
