@@ -80,8 +80,7 @@ bool CanRead(const std::string& strPath) {
 std::string RemoveUnfinished(const std::string& strDestination) {
   std::error_code ec;
   const fs::path destination = NativePath(strDestination);
-  if (fs::remove(destination, ec) || !fs::exists(destination, ec))
-    return "'" + strDestination + "' removed";
+  if (fs::remove(destination, ec) || !fs::exists(destination, ec)) return "'" + strDestination + "' removed";
   return "'" + strDestination + "' could not be removed and is incomplete";
 }
 
