@@ -2,15 +2,17 @@
 // as a person runs them, against the strict S3 front and a loopback HTTP
 // server.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
+#include <cstdio>
 #include <random>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/support/ftp_server.h"
 #include "tests/support/s3_server.h"
 #include "tests/support/temp_dir.h"
+#include "tests/tool/tool_process.h"
 
 namespace {
 
@@ -27,15 +29,18 @@ class WebCommandTest : public ::testing::Test {
     m_server.UseInThisProcess();
     m_server.CreateBucket("qlt-bucket");
   }
-  // Runs `qltfs <args>` with `env` (shell words: variable settings) first.
-  int Run(const std::string& args, const std::string& env = "") {
-    std::string line =
-        env + " " + QLTFS_TOOL_PATH + " " + args + " >" + m_dir.file("out.txt") + " 2>" + m_dir.file("err.txt");
-    int status = std::system(("/bin/bash -c '" + line + "'").c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  // Runs `qltfs <args>` (words split at blanks) with env's settings.
+  int Run(const std::string& args, std::vector<std::pair<std::string, std::string>> env = {}) {
+    ToolRun run;
+    std::istringstream words(args);
+    for (std::string word; words >> word;) run.args.push_back(word);
+    run.env = std::move(env);
+    run.outPath = m_dir.file("out.txt");
+    run.errPath = m_dir.file("err.txt");
+    return RunTool(run);
   }
-  std::string Out() const { return ReadWholeFile(m_dir.file("out.txt")); }
-  std::string Err() const { return ReadWholeFile(m_dir.file("err.txt")); }
+  std::string Out() const { return ReadToolOutput(m_dir.file("out.txt")); }
+  std::string Err() const { return ReadToolOutput(m_dir.file("err.txt")); }
   // The object's bytes as the AWS client reads them; empty when it cannot.
   std::string Object(const std::string& key) {
     std::string output;
@@ -82,19 +87,29 @@ TEST_F(WebCommandTest, FailuresAreNamedInWords) {
   const std::string refused = "http://127.0.0.1:" + std::to_string(UnusedLoopbackPort());
   const struct {
     const char* name;
-    std::string args, env, words;
+    std::string args;
+    std::vector<std::pair<std::string, std::string>> env;
+    std::string words;
   } rows[] = {
-      {"wrong secret, write", "write oss://qlt-bucket/x.bin --size 7M", "AWS_SECRET_ACCESS_KEY=wrong",
+      {"wrong secret, write",
+       "write oss://qlt-bucket/x.bin --size 7M",
+       {{"AWS_SECRET_ACCESS_KEY", "wrong"}},
        "access denied by the store (403)"},
-      {"wrong secret, copy", "read " + m_dir.file("src.bin") + " --to oss://qlt-bucket/x.bin",
-       "AWS_SECRET_ACCESS_KEY=wrong", "access denied by the store (403)"},
-      {"no credentials", "write oss://qlt-bucket/x.bin --size 1M",
-       "env -u AWS_ACCESS_KEY_ID -u AWS_SECRET_ACCESS_KEY HOME=" + m_dir.path(), "no credentials"},
-      {"no bucket", "write oss://no-such-bucket/x.bin --size 1M", "", "no such bucket"},
-      {"no object", "read oss://qlt-bucket/none.bin --to " + m_dir.file("none.bin"), "", "no such object"},
-      {"refused", "read " + m_dir.file("src.bin") + " --to oss://qlt-bucket/x.bin", "AWS_ENDPOINT_URL=" + refused,
+      {"wrong secret, copy",
+       "read " + m_dir.file("src.bin") + " --to oss://qlt-bucket/x.bin",
+       {{"AWS_SECRET_ACCESS_KEY", "wrong"}},
+       "access denied by the store (403)"},
+      {"no credentials",
+       "write oss://qlt-bucket/x.bin --size 1M",
+       {{"AWS_ACCESS_KEY_ID", ""}, {"AWS_SECRET_ACCESS_KEY", ""}, {"HOME", m_dir.path()}},
+       "no credentials"},
+      {"no bucket", "write oss://no-such-bucket/x.bin --size 1M", {}, "no such bucket"},
+      {"no object", "read oss://qlt-bucket/none.bin --to " + m_dir.file("none.bin"), {}, "no such object"},
+      {"refused",
+       "read " + m_dir.file("src.bin") + " --to oss://qlt-bucket/x.bin",
+       {{"AWS_ENDPOINT_URL", refused}},
        "connection refused"},
-      {"http is read-only", "read " + m_dir.file("src.bin") + " --to " + m_http.Url("x.bin"), "", "read-only"},
+      {"http is read-only", "read " + m_dir.file("src.bin") + " --to " + m_http.Url("x.bin"), {}, "read-only"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -120,7 +135,7 @@ TEST_F(WebCommandTest, ExistsAnswersForObjectsAndHttpFiles) {
   ASSERT_EQ(0, Run("read " + m_dir.file("here.bin") + " --to oss://qlt-bucket/here.bin")) << Err();
   const std::string refused = "http://127.0.0.1:" + std::to_string(UnusedLoopbackPort());
   const struct {
-    std::string path, env;
+    std::string path, env;  // env: an endpoint, or empty
     int exitCode;
     const char* words;  // on stderr when the answer could not be had
   } rows[] = {
@@ -129,12 +144,14 @@ TEST_F(WebCommandTest, ExistsAnswersForObjectsAndHttpFiles) {
       {m_http.Url("here.bin"), "", 0, ""},
       {m_http.Url("redirect/here.bin"), "", 0, ""},
       {m_http.Url("gone.bin"), "", 1, ""},
-      {"oss://qlt-bucket/here.bin", "AWS_ENDPOINT_URL=" + refused, 1, "connection refused"},
+      {"oss://qlt-bucket/here.bin", refused, 1, "connection refused"},
       {refused + "/here.bin", "", 1, "connection refused"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.path + " " + row.env);
-    EXPECT_EQ(row.exitCode, Run("exists " + row.path, row.env)) << Err();
+    std::vector<std::pair<std::string, std::string>> env;
+    if (!row.env.empty()) env.push_back({"AWS_ENDPOINT_URL", row.env});
+    EXPECT_EQ(row.exitCode, Run("exists " + row.path, env)) << Err();
     EXPECT_EQ(row.exitCode == 0 ? "1\n" : "0\n", Out());
     EXPECT_NE(std::string::npos, Err().find(row.words)) << Err();
   }

@@ -79,9 +79,8 @@ bool CanRead(const std::string& strPath) {
 // removed. Returns the clause for the message.
 std::string RemoveUnfinished(const std::string& strDestination) {
   std::error_code ec;
-  if (std::filesystem::remove(NativePath(strDestination), ec) ||
-      !std::filesystem::exists(NativePath(strDestination), ec))
-    return "'" + strDestination + "' removed";
+  const fs::path destination = NativePath(strDestination);
+  if (fs::remove(destination, ec) || !fs::exists(destination, ec)) return "'" + strDestination + "' removed";
   return "'" + strDestination + "' could not be removed and is incomplete";
 }
 

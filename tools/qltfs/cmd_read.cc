@@ -29,7 +29,7 @@ bool MakeLocalBackEnd(QLCT_FileAccess& access) {
   std::error_code ec;
   std::filesystem::path scratch = std::filesystem::temp_directory_path(ec) / "qltfs-read.scratch";
   if (ec) return false;
-  bool ok = access.OpenFile(CComBSTR(ToWide(scratch.u8string()).c_str()), ACCESS_MODE_WRITE) != 0;
+  bool ok = access.OpenFile(CComBSTR(ToWide(NativeText(scratch)).c_str()), ACCESS_MODE_WRITE) != 0;
   access.CloseFile();
   std::filesystem::remove(scratch, ec);
   return ok;

@@ -114,7 +114,7 @@ void RunWrite(const std::string& strOut, const std::string& strSize, const std::
   const bool bVirtual = IsVirtualPath(strOut) || bObject;
   auto words = [bObject](DWORD nError) { return bObject ? WebErrorText(nError, false) : ErrorText(nError); };
   std::error_code ec;
-  const std::string strPath = bVirtual ? strOut : fs::absolute(NativePath(strOut), ec).u8string();
+  const std::string strPath = bVirtual ? strOut : NativeText(fs::absolute(NativePath(strOut), ec));
   if (ec) Fail(kCommand, "'" + strOut + "' is not a file name");
   if (!bVirtual) {
     if (std::string strKind = NotAFileKind(strPath); !strKind.empty())

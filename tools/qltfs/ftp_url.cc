@@ -5,6 +5,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "text.h"
+
 namespace {
 
 bool Decode(const std::string& in, std::string* out) {
@@ -25,7 +27,7 @@ bool Decode(const std::string& in, std::string* out) {
 
 // Looks host up in a netrc-style file; fills what the entry has.
 void ReadNetrc(const std::string& file, FtpLocation* loc) {
-  std::ifstream in(file);
+  std::ifstream in(NativePath(file));
   if (!in) return;
   std::stringstream all;
   all << in.rdbuf();

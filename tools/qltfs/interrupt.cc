@@ -25,11 +25,17 @@ InterruptWatch::InterruptWatch(std::function<void()> fnStop) : m_fnStop(std::mov
   g_nInterrupted.store(0, std::memory_order_relaxed);
   m_pfnOldInt = std::signal(SIGINT, OnInterrupt);
   m_pfnOldTerm = std::signal(SIGTERM, OnInterrupt);
+#if defined(SIGBREAK)
+  m_pfnOldBreak = std::signal(SIGBREAK, OnInterrupt);
+#endif
   try {
     m_watcher = std::thread([this] { Watch(); });
   } catch (...) {  // no thread: leave the handlers as they were
     std::signal(SIGINT, m_pfnOldInt == SIG_ERR ? SIG_DFL : m_pfnOldInt);
     std::signal(SIGTERM, m_pfnOldTerm == SIG_ERR ? SIG_DFL : m_pfnOldTerm);
+#if defined(SIGBREAK)
+    std::signal(SIGBREAK, m_pfnOldBreak == SIG_ERR ? SIG_DFL : m_pfnOldBreak);
+#endif
     throw;
   }
 }
@@ -43,6 +49,9 @@ InterruptWatch::~InterruptWatch() {
   m_watcher.join();
   std::signal(SIGINT, m_pfnOldInt == SIG_ERR ? SIG_DFL : m_pfnOldInt);
   std::signal(SIGTERM, m_pfnOldTerm == SIG_ERR ? SIG_DFL : m_pfnOldTerm);
+#if defined(SIGBREAK)
+  std::signal(SIGBREAK, m_pfnOldBreak == SIG_ERR ? SIG_DFL : m_pfnOldBreak);
+#endif
 }
 
 bool InterruptWatch::Interrupted() { return g_nInterrupted.load(std::memory_order_relaxed) != 0; }

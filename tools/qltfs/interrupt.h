@@ -1,4 +1,4 @@
-// Ctrl-C and SIGTERM for a long qltfs command.
+// Ctrl-C, Ctrl-Break (Windows) and SIGTERM for a long qltfs command.
 #ifndef QLTFS_TOOL_INTERRUPT_H
 #define QLTFS_TOOL_INTERRUPT_H
 
@@ -8,9 +8,11 @@
 #include <mutex>
 #include <thread>
 
-// While it lives, an interrupt (SIGINT, SIGTERM) does not end the process:
-// the handler only raises a flag, and a watcher thread then calls fnStop
-// (which asks the running operation to stop) every 50 ms until the object
+// While it lives, an interrupt (SIGINT, SIGTERM, and on Windows SIGBREAK:
+// Ctrl-Break, the only console event that can be sent to one process group)
+// does not end the process: the handler only raises a flag, and a watcher
+// thread then calls fnStop (which asks the running operation to stop) every
+// 50 ms until the object
 // is destroyed. Calling it again and again matters: the interrupt may come
 // before the operation has started, when a stop request has nothing to act
 // on yet; the next call catches it once it runs. fnStop must therefore be
@@ -44,6 +46,9 @@ class InterruptWatch {
   bool m_bEnding = false;  // m_lock: the destructor asks the watcher to end
   void (*m_pfnOldInt)(int);
   void (*m_pfnOldTerm)(int);
+#if defined(SIGBREAK)
+  void (*m_pfnOldBreak)(int);
+#endif
   std::thread m_watcher;  // started last, joined by the destructor
 };
 

@@ -2,10 +2,11 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <new>
-
-#include <qltfsdk/qltfsdk.h>
+#include <string>
+#include <vector>
 
 #include "commands.h"
+#include "text.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"qltfs - file I/O services for very large files"};
@@ -16,10 +17,15 @@ int main(int argc, char** argv) {
   AddReadCommand(app);
   AddExistsCommand(app);
   try {
-    // UTF-8 arguments on every system: on Windows argv would bring a name
-    // outside the ANSI code page as '?'.
-    char** utf8Argv = QltUtf8Arguments(&argc, argv);
-    app.parse(argc, utf8Argv);
+    // Names reach the commands as UTF-8 on every system.
+    const std::vector<std::string> args = Utf8Arguments(argc, argv);
+    if (args.empty()) {
+      std::cerr << "qltfs: cannot read the command line\n";
+      return 2;
+    }
+    std::vector<const char*> pointers;
+    for (const std::string& arg : args) pointers.push_back(arg.c_str());
+    app.parse(static_cast<int>(pointers.size()), pointers.data());
   } catch (const CLI::Success& e) {  // --help and friends
     return app.exit(e);
   } catch (const CLI::RuntimeError& e) {  // a command failed and has said why

@@ -1,6 +1,7 @@
 #include "places.h"
 
 #include <cctype>
+#include <cwctype>
 #include <filesystem>
 
 #include "ftp_url.h"
@@ -39,9 +40,24 @@ bool IsSameFile(const std::string& strFirst, const std::string& strSecond) {
   return QltSameFile(ToWide(strFirst).c_str(), ToWide(strSecond).c_str()) != FALSE;
 }
 
-bool IsNullDevice(const std::string& strPath) { return IsSameFile(strPath, "/dev/null"); }
+bool IsNullDevice(const std::string& strPath) {
+#if defined(_WIN32)
+  // "NUL" in any letter case, in any folder: the system turns each into the
+  // device's own name.
+  std::error_code ec;
+  std::wstring full = fs::absolute(NativePath(strPath), ec).wstring();
+  for (wchar_t& c : full) c = static_cast<wchar_t>(std::towupper(c));
+  return !ec && full == L"\\\\.\\NUL";
+#else
+  return IsSameFile(strPath, "/dev/null");
+#endif
+}
 
 std::string NotAFileKind(const std::string& strPath) {
+#if defined(_WIN32)
+  // The system's status calls take the null device for a file.
+  if (IsNullDevice(strPath)) return "a device";
+#endif
   std::error_code ec;
   const fs::file_status status = fs::status(NativePath(strPath), ec);
   switch (status.type()) {

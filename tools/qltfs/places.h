@@ -24,7 +24,8 @@ bool IsLocalPath(const std::string& strPath);
 // however they are spelt: relative, through a symbolic or a hard link.
 bool IsSameFile(const std::string& strFirst, const std::string& strSecond);
 
-// True when the local path is the null device (through any link to it).
+// True when the local path is the null device: /dev/null through any link
+// to it, or on Windows "NUL" in any letter case and folder.
 bool IsNullDevice(const std::string& strPath);
 
 // Empty when the local path is missing or a regular file (links followed);

@@ -1,17 +1,32 @@
 #include "text.h"
 
+#include <filesystem>
+
 // Both go through the library's own conversion, so a name converts the same
 // way here as inside the library and never through the C locale.
 std::wstring ToWide(const std::string& strUtf8) { return QltUtf8ToWide(strUtf8); }
 
 std::string ToUtf8(const wchar_t* pszWide) { return QltWideToUtf8(pszWide ? pszWide : L""); }
 
-std::filesystem::path NativePath(const std::string& strUtf8) { return std::filesystem::u8path(strUtf8); }
+#if defined(_WIN32)
+std::filesystem::path NativePath(const std::string& strUtf8) { return std::filesystem::path(ToWide(strUtf8)); }
+
+std::string NativeText(const std::filesystem::path& path) { return ToUtf8(path.c_str()); }
+#else
+std::filesystem::path NativePath(const std::string& strUtf8) { return std::filesystem::path(strUtf8); }
+
+std::string NativeText(const std::filesystem::path& path) { return path.string(); }
+#endif
+
+std::vector<std::string> Utf8Arguments(int argc, char** argv) {
+  char** ppszArgs = QltUtf8Arguments(&argc, argv);
+  return ppszArgs ? std::vector<std::string>(ppszArgs, ppszArgs + argc) : std::vector<std::string>();
+}
 
 std::wstring LibraryPath(const std::string& strNative) {
   std::error_code ec;
   std::filesystem::path absolute = std::filesystem::absolute(NativePath(strNative), ec);
-  return ToWide(ec ? strNative : absolute.u8string());
+  return ToWide(ec ? strNative : NativeText(absolute));
 }
 
 std::string DisplayPath(BSTR bstrPath) {
