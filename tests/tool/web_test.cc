@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child_process.h"
 #include "tests/support/ftp_server.h"
 #include "tests/support/s3_server.h"
 #include "tests/support/temp_dir.h"
@@ -45,9 +46,8 @@ class WebCommandTest : public ::testing::Test {
   std::string Object(const std::string& key) {
     std::string output;
     std::remove(m_dir.file("fetched.bin").c_str());
-    if (m_server.RunAwsCli("s3 cp --no-progress s3://qlt-bucket/" + key + " " + m_dir.file("fetched.bin"), &output) !=
-        0)
-      return {};
+    const std::string strTarget = ShellQuote(UnixPath(m_dir.file("fetched.bin")));
+    if (m_server.RunAwsCli("s3 cp --no-progress s3://qlt-bucket/" + key + " " + strTarget, &output) != 0) return {};
     return ReadWholeFile(m_dir.file("fetched.bin"));
   }
 
