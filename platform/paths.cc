@@ -178,40 +178,6 @@ extern "C" void QltResetDriveMap() {
   });
 }
 
-extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
-  return NoThrow<int>(0, [&]() -> int {
-    int mapped = 0;
-    for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
-      wchar_t key[2] = {letter, 0};
-      wchar_t value[4096];
-      if (GetPrivateProfileStringW(L"DRIVES", key, L"", value, 4096, iniPath) == 0) continue;
-      std::wstring v(value);
-      UINT type = DRIVE_UNKNOWN;
-      size_t semi = v.rfind(L';');
-      if (semi != std::wstring::npos) {
-        std::wstring t = v.substr(semi + 1);
-        for (wchar_t& c : t) c = static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
-        if (t == L"fixed")
-          type = DRIVE_FIXED;
-        else if (t == L"removable")
-          type = DRIVE_REMOVABLE;
-        else if (t == L"remote")
-          type = DRIVE_REMOTE;
-        else if (t == L"cdrom")
-          type = DRIVE_CDROM;
-        else if (t == L"ramdisk")
-          type = DRIVE_RAMDISK;
-        v.erase(semi);
-      }
-      while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
-      if (v.empty()) continue;
-      QltSetDrive(letter, v.c_str(), type);
-      ++mapped;
-    }
-    return mapped;
-  });
-}
-
 DWORD qlt::win::GetLogicalDriveStringsW(DWORD nBufferLength, LPWSTR lpBuffer) {
   return NoThrow<DWORD>(0, [&]() -> DWORD {
     std::wstring all;

@@ -534,48 +534,6 @@ extern "C" void QltResetDriveMap() {
   });
 }
 
-extern "C" int QltLoadDriveMap(LPCWSTR iniPath) {
-  return NoThrow<int>(0, [&]() -> int {
-    // Every entry is read before any is applied: the file itself usually
-    // lives on a letter the map may name, and a letter mapped half-way would
-    // send the remaining reads to another folder.
-    struct Entry {
-      wchar_t letter;
-      std::wstring dir;
-      UINT type;
-    };
-    std::vector<Entry> entries;
-    for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
-      wchar_t key[2] = {letter, 0};
-      wchar_t value[4096];
-      if (qlt::win::GetPrivateProfileStringW(L"DRIVES", key, L"", value, 4096, iniPath) == 0) continue;
-      std::wstring v(value);
-      UINT type = DRIVE_UNKNOWN;
-      size_t semi = v.rfind(L';');
-      if (semi != std::wstring::npos) {
-        std::wstring t = v.substr(semi + 1);
-        for (wchar_t& c : t) c = static_cast<wchar_t>(towlower(static_cast<wint_t>(c)));
-        if (t == L"fixed")
-          type = DRIVE_FIXED;
-        else if (t == L"removable")
-          type = DRIVE_REMOVABLE;
-        else if (t == L"remote")
-          type = DRIVE_REMOTE;
-        else if (t == L"cdrom")
-          type = DRIVE_CDROM;
-        else if (t == L"ramdisk")
-          type = DRIVE_RAMDISK;
-        v.erase(semi);
-      }
-      while (!v.empty() && iswspace(static_cast<wint_t>(v.back()))) v.pop_back();
-      if (v.empty()) continue;
-      entries.push_back({letter, v, type});
-    }
-    for (const Entry& e : entries) QltSetDrive(e.letter, e.dir.c_str(), e.type);
-    return static_cast<int>(entries.size());
-  });
-}
-
 extern "C" HMODULE QltModuleFromAddress(const void* addr) {
   HMODULE h = nullptr;
   if (!::GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
