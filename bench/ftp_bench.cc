@@ -45,6 +45,7 @@
 
 #include "access/kx_file_access_ftp.h"
 #include "bench/bench_files.h"
+#include "bench/proc_cpu.h"
 #include "tests/support/ftp_server.h"
 
 extern char** environ;
@@ -58,57 +59,6 @@ constexpr int kMiB = 1 << 20;
 long long EnvNumber(const char* name, long long fallback) {
   const char* v = std::getenv(name);
   return v && *v ? std::atoll(v) : fallback;
-}
-
-// The text of /proc/<pid>/stat; empty when the process has gone (a session
-// process of vsftpd may end while it is read).
-std::string ProcStat(const std::string& pid) {
-  try {
-    std::ifstream in("/proc/" + pid + "/stat");
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  } catch (...) {
-    return {};
-  }
-}
-
-// CPU seconds (user + system) a process and its reaped children have used
-// so far.
-double CpuSeconds(pid_t pid) {
-  std::string text = ProcStat(std::to_string(pid));
-  size_t close = text.rfind(')');
-  if (close == std::string::npos) return 0;
-  std::istringstream fields(text.substr(close + 2));
-  std::string f;
-  unsigned long long ticks = 0;
-  for (int i = 3; i <= 17 && fields >> f; ++i)
-    if (i >= 14) ticks += std::stoull(f);  // utime, stime, cutime, cstime
-  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-// The processes whose parent is pid.
-std::vector<pid_t> ChildrenOf(pid_t pid) {
-  std::vector<pid_t> children;
-  for (const auto& entry : fs::directory_iterator("/proc")) {
-    std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::string text = ProcStat(name);
-    size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream fields(text.substr(close + 2));
-    std::string state;
-    pid_t ppid = 0;
-    fields >> state >> ppid;
-    if (ppid == pid) children.push_back(static_cast<pid_t>(std::stoi(name)));
-  }
-  return children;
-}
-
-// CPU seconds of pid and all its descendants (vsftpd runs two processes per
-// session under its listener).
-double TreeCpuSeconds(pid_t pid) {
-  double total = CpuSeconds(pid);
-  for (pid_t child : ChildrenOf(pid)) total += TreeCpuSeconds(child);
-  return total;
 }
 
 bool HasChildren(pid_t pid) { return !ChildrenOf(pid).empty(); }

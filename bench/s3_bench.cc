@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "bench/bench_files.h"
+#include "bench/proc_cpu.h"
 #include "qltfsdk/qltfsdk.h"
 #include "tests/support/s3_server.h"
 
@@ -52,43 +53,6 @@ constexpr int kBlock = 1 << 20;  // host read and write size on our side
 long long EnvNumber(const char* name, long long fallback) {
   const char* v = std::getenv(name);
   return v && *v ? std::atoll(v) : fallback;
-}
-
-std::string ProcStat(const std::string& pid) {
-  std::ifstream in("/proc/" + pid + "/stat");
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-// CPU seconds (user + system) of a process and its reaped children.
-double CpuSeconds(pid_t pid) {
-  std::string text = ProcStat(std::to_string(pid));
-  size_t close = text.rfind(')');
-  if (close == std::string::npos) return 0;
-  std::istringstream fields(text.substr(close + 2));
-  std::string f;
-  unsigned long long ticks = 0;
-  for (int i = 3; i <= 17 && fields >> f; ++i)
-    if (i >= 14) ticks += std::stoull(f);
-  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-// CPU seconds of pid and every live descendant (the front and its store).
-double TreeCpuSeconds(pid_t pid) {
-  double total = CpuSeconds(pid);
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator("/proc", ec)) {
-    std::string name = entry.path().filename().string();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::string text = ProcStat(name);
-    size_t close = text.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream fields(text.substr(close + 2));
-    std::string state;
-    pid_t ppid = 0;
-    fields >> state >> ppid;
-    if (ppid == pid) total += TreeCpuSeconds(static_cast<pid_t>(std::stoi(name)));
-  }
-  return total;
 }
 
 double RusageSeconds(int who) {
