@@ -279,6 +279,19 @@ std::string ReadToolOutput(const std::string& path) {
 }
 
 int RunTool(const ToolRun& run) {
+#if defined(_WIN32)
+  // Under a loaded Wine a process start now and then fails in the loader
+  // (STATUS_DLL_INIT_FAILED) before the tool's main runs: nothing was done,
+  // so the run is started again, at most twice more.
+  constexpr int kDllInitFailed = static_cast<int>(0xC0000142);
+  int nExit = kDllInitFailed;
+  for (int nTry = 0; nTry < 3 && nExit == kDllInitFailed; ++nTry) {
+    ToolProcess process(run);
+    nExit = process.Wait();
+  }
+  return nExit;
+#else
   ToolProcess process(run);
   return process.Wait();
+#endif
 }
