@@ -33,6 +33,7 @@ TEST(SdkAttachTest, ReportsWhatStartUpLoadedAndFailsCleanlyWhenMemoryRunsOut) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
   int nResult = 0;
   DWORD nError = 0;
+  int nRefusedRuns = 0;
   EXPECT_GT(ForEachAllocationFailure(
                 [&](int) {
                   nResult = QLT_GetSdkInfo(&info);
@@ -42,11 +43,13 @@ TEST(SdkAttachTest, ReportsWhatStartUpLoadedAndFailsCleanlyWhenMemoryRunsOut) {
                   if (nResult == 1) {
                     QLT_FreeSdkInfo(&info);
                   } else {
+                    ++nRefusedRuns;
                     EXPECT_EQ(nError, static_cast<DWORD>(ERROR_NOT_ENOUGH_MEMORY));
                     EXPECT_EQ(info.bstrModuleDir, nullptr);  // nothing handed out
                   }
                 }),
             1);
+  EXPECT_GT(nRefusedRuns, 0) << "a refused allocation made the call fail";
 }
 
 }  // namespace

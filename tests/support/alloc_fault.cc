@@ -5,10 +5,8 @@
 #include <execinfo.h>
 #endif
 
-#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
-#include <new>
 
 #include "platform/faults.h"
 
@@ -51,37 +49,14 @@ bool FromPlatformLibrary() {
 }
 #endif
 
-void* Allocate(std::size_t nBytes) {
-  if (qlt::fault::g_nAllocArmedThreads.load(std::memory_order_relaxed) != 0 && !FromPlatformLibrary() &&
-      qlt::fault::TakeAllocFailure())
-    throw std::bad_alloc();
-  void* p = std::malloc(nBytes ? nBytes : 1);
-  if (!p) throw std::bad_alloc();
-  return p;
-}
-
-void* AllocateOrNull(std::size_t nBytes) noexcept {
-  try {
-    return Allocate(nBytes);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+bool AllocationRefused() {
+  return qlt::fault::g_nAllocArmedThreads.load(std::memory_order_relaxed) != 0 && !FromPlatformLibrary() &&
+         qlt::fault::TakeAllocFailure();
 }
 
 }  // namespace
 
-// Every unaligned form is replaced, so that allocation and release always
-// meet in this pair (malloc and free), also under the sanitizers.
-void* operator new(std::size_t nBytes) { return Allocate(nBytes); }
-void* operator new[](std::size_t nBytes) { return Allocate(nBytes); }
-void* operator new(std::size_t nBytes, const std::nothrow_t&) noexcept { return AllocateOrNull(nBytes); }
-void* operator new[](std::size_t nBytes, const std::nothrow_t&) noexcept { return AllocateOrNull(nBytes); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+#include "platform/alloc_operators.inc"
 
 ScopedAllocFailure::ScopedAllocFailure(int nNth) {
 #if !defined(_WIN32)
