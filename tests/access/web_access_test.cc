@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <random>
 #include <string>
 
 #include "diagnostics/web_plugin.h"
@@ -14,18 +13,11 @@
 
 namespace {
 
-std::string Pattern(size_t size) {
-  std::string data(size, '\0');
-  std::mt19937 rng(42);
-  for (char& c : data) c = static_cast<char>(rng());
-  return data;
-}
-
 int Exists(const std::string& url) { return FileIsExist(CComBSTR(QltUtf8ToWide(url).c_str())); }
 
 TEST(WebAccessTest, UrlFilesReadWithSkipsAndSeeks) {
   TempDir dir;
-  std::string data = Pattern(3 * 1024 * 1024 + 17);
+  std::string data = RandomBytes(3 * 1024 * 1024 + 17, 42);
   std::filesystem::create_directories(dir.file("web"));
   ASSERT_TRUE(WriteWholeFile(dir.file("web/file.bin"), data));
   S3TestServer s3(dir.file("store"));

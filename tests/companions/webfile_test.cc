@@ -20,13 +20,6 @@ namespace {
 constexpr size_t kPart = 5 * 1024 * 1024;  // the smallest part the store takes
 const char kBucket[] = "qlt-web-bucket";
 
-std::string Pattern(size_t size, unsigned seed) {
-  std::string data(size, '\0');
-  std::mt19937 rng(seed);
-  for (char& c : data) c = static_cast<char>(rng());
-  return data;
-}
-
 // Anonymous GET of url: status and body.
 long AnonymousGet(const std::string& url, std::string* body) {
   CURL* h = curl_easy_init();
@@ -141,7 +134,7 @@ TEST_F(WebFileTest, ObjectsOfEverySizeRoundTrip) {
     SCOPED_TRACE("size " + std::to_string(c.size) + (c.putMode ? " put mode" : ""));
     s_pServer->Reset();
     std::string key = "round/" + std::to_string(seed) + ".bin";
-    std::string data = Pattern(c.size, ++seed);
+    std::string data = RandomBytes(c.size, ++seed);
     WebFilePtr file = c.putMode ? Open(Url(key), {L"PutMode"}) : Open(Url(key));
     ASSERT_TRUE(file);
     ASSERT_TRUE(WriteSlices(file.get(), data, seed));
@@ -157,7 +150,7 @@ TEST_F(WebFileTest, PublicWebFileIsReadableWithoutCredentials) {
   for (bool bPublic : {true, false}) {
     for (size_t size : {size_t{10}, 2 * kPart}) {  // one PUT, and a multipart upload
       std::string key = std::string(bPublic ? "public" : "private") + std::to_string(size);
-      std::string data = Pattern(size, 7);
+      std::string data = RandomBytes(size, 7);
       WebFilePtr file = bPublic ? Open(Url(key), {L"PublicWebFile"}) : Open(Url(key));
       ASSERT_TRUE(file);
       ASSERT_TRUE(WriteSlices(file.get(), data, 3));
@@ -173,7 +166,7 @@ TEST_F(WebFileTest, PublicWebFileIsReadableWithoutCredentials) {
 }
 
 TEST_F(WebFileTest, SeekBackIntoTheFirstPartRewritesItButNotASentPart) {
-  std::string data = Pattern(3 * kPart + 99, 11);
+  std::string data = RandomBytes(3 * kPart + 99, 11);
   WebFilePtr file = Open(Url("seek.bin"));
   ASSERT_TRUE(file);
   ASSERT_TRUE(WriteSlices(file.get(), data, 5));
@@ -263,7 +256,7 @@ TEST_F(WebFileTest, StoreFaultsEndInTheRightObjectOrAFailedClose) {
     std::string key = "fault" + std::to_string(++n) + ".bin";
     SCOPED_TRACE(key + " " + c.kind + " " + c.method + " " + c.match);
     s_pServer->Reset();
-    std::string data = Pattern(c.size, n);
+    std::string data = RandomBytes(c.size, n);
     WebFilePtr file = Open(Url(key));
     ASSERT_TRUE(file);
     s_pServer->Fault(c.kind, c.method, c.match, c.skip, c.count, 3);
@@ -278,7 +271,7 @@ TEST_F(WebFileTest, StoreFaultsEndInTheRightObjectOrAFailedClose) {
 TEST_F(WebFileTest, DestroyWithoutCloseAbortsTheUpload) {
   WebFilePtr file = Open(Url("unclosed.bin"));
   ASSERT_TRUE(file);
-  ASSERT_TRUE(WriteSlices(file.get(), Pattern(3 * kPart, 2), 2));
+  ASSERT_TRUE(WriteSlices(file.get(), RandomBytes(3 * kPart, 2), 2));
   EXPECT_EQ(s_pServer->OpenUploads(), 1);
   file.reset();
   EXPECT_EQ(s_pServer->OpenUploads(), 0);
@@ -286,7 +279,7 @@ TEST_F(WebFileTest, DestroyWithoutCloseAbortsTheUpload) {
 }
 
 TEST_F(WebFileTest, ReadsUseLargeRangesAndFollowSeeks) {
-  std::string data = Pattern(3 * 1024 * 1024 + 5, 9);
+  std::string data = RandomBytes(3 * 1024 * 1024 + 5, 9);
   {
     WebFilePtr file = Open(Url("read.bin"));
     ASSERT_TRUE(file && WriteSlices(file.get(), data, 1) && file->Close() == 1);
@@ -343,7 +336,7 @@ TEST_F(WebFileTest, ExistenceOnEveryScheme) {
 TEST_F(WebFileTest, FtpFilesAreWrittenWithSeeksAndLoginFailuresRefuseTheOpen) {
   TempDir root;
   FtpTestServer ftp(root.path());
-  std::string data = Pattern(3 * 1024 * 1024, 4);
+  std::string data = RandomBytes(3 * 1024 * 1024, 4);
   WebFilePtr file = Open(ftp.Url("dir/sub/out.bin"));
   ASSERT_TRUE(file);
   ASSERT_TRUE(WriteSlices(file.get(), data, 8));

@@ -13,13 +13,6 @@
 
 namespace {
 
-std::string Bytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen());
-  return s;
-}
-
 CComBSTR Wide(const std::string& text) { return CComBSTR(std::wstring(text.begin(), text.end()).c_str()); }
 
 class AwsCliCrossCheck : public ::testing::Test {
@@ -97,7 +90,7 @@ TEST_F(AwsCliCrossCheck, WhatTheWriterStoresTheClientReads) {
   unsigned seed = 1;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.key);
-    const std::string data = Bytes(row.size, ++seed);
+    const std::string data = RandomBytes(row.size, ++seed);
     ASSERT_TRUE(WriteThroughWriter("oss://qlt-cross/" + std::string(row.key), data, row.maxSlice, seed));
     const std::string back = AwsGet(row.key);
     EXPECT_EQ(data.size(), back.size()) << back.substr(0, 300);
@@ -117,7 +110,7 @@ TEST_F(AwsCliCrossCheck, WhatTheClientStoresTheAccessorReads) {
   unsigned seed = 50;
   for (const auto& row : rows) {
     SCOPED_TRACE(row.key);
-    const std::string data = Bytes(row.size, ++seed);
+    const std::string data = RandomBytes(row.size, ++seed);
     ASSERT_TRUE(WriteWholeFile(m_dir.file("up.bin"), data));
     std::string output;
     ASSERT_EQ(0, m_server.RunAwsCli(

@@ -4,20 +4,12 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "tests/support/s3_server.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
-
-std::string Bytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen());
-  return s;
-}
 
 struct Answer {
   CURLcode rc = CURLE_OK;
@@ -64,7 +56,7 @@ class S3FrontTest : public ::testing::Test {
 };
 
 TEST_F(S3FrontTest, SignedClientRoundTripsAndBadCredentialsAreRefused) {
-  const std::string big = Bytes(13 * 1024 * 1024 + 7, 1);  // the client sends it as a multipart upload
+  const std::string big = RandomBytes(13 * 1024 * 1024 + 7, 1);  // the client sends it as a multipart upload
   ASSERT_TRUE(WriteWholeFile(m_dir.file("big.bin"), big));
   ASSERT_EQ(0, Aws("s3 cp --no-progress " + AwsPath("big.bin") + " s3://qlt-bucket/dir/big.bin")) << m_out;
   ASSERT_EQ(0, Aws("s3 cp --no-progress s3://qlt-bucket/dir/big.bin " + AwsPath("back.bin"))) << m_out;
@@ -158,7 +150,7 @@ TEST_F(S3FrontTest, CannedAclDecidesAnonymousReads) {
 }
 
 TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
-  const std::string part1 = Bytes(5 * 1024 * 1024, 2), small = Bytes(1000, 3);
+  const std::string part1 = RandomBytes(5 * 1024 * 1024, 2), small = RandomBytes(1000, 3);
   ASSERT_TRUE(WriteWholeFile(m_dir.file("p1"), part1));
   ASSERT_TRUE(WriteWholeFile(m_dir.file("small"), small));
   ASSERT_EQ(0, Aws("s3api create-multipart-upload --bucket qlt-bucket --key mp.bin --query UploadId --output text"))
@@ -204,7 +196,7 @@ TEST_F(S3FrontTest, CompleteChecksThePartListAndAbortRemovesTheUpload) {
 }
 
 TEST_F(S3FrontTest, FaultsHitTheMatchingRequestsOnly) {
-  const std::string data = Bytes(300000, 4);
+  const std::string data = RandomBytes(300000, 4);
   ASSERT_TRUE(WriteWholeFile(m_dir.file("d.bin"), data));
   ASSERT_EQ(0, Aws("s3 cp --no-progress --acl public-read " + AwsPath("d.bin") + " s3://qlt-bucket/d.bin")) << m_out;
   m_server.Reset();
@@ -246,7 +238,7 @@ TEST_F(S3FrontTest, FaultsHitTheMatchingRequestsOnly) {
 
 TEST(HttpTestServerTest, ServesRangesHeadRedirectsAndMissingFiles) {
   TempDir root;
-  const std::string data = Bytes(100000, 5);
+  const std::string data = RandomBytes(100000, 5);
   ASSERT_TRUE(WriteWholeFile(root.file("f.bin"), data));
   HttpTestServer server(root.path());
   Answer head = Fetch(server.Url("f.bin"), "HEAD");

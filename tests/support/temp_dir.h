@@ -38,5 +38,8 @@ std::string ReadWholeFile(const std::string& path);
 // Writes a whole file, replacing it; false on failure.
 bool WriteWholeFile(const std::string& path, const std::string& data);
 bool FileExists(const std::string& path);
+// n bytes of a fixed pseudo-random sequence: the same seed gives the same
+// bytes, so a test can build its data again to compare.
+std::string RandomBytes(size_t n, unsigned seed);
 
 #endif  // QLTFSDK_TESTS_SUPPORT_TEMP_DIR_H

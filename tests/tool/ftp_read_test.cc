@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -11,13 +10,6 @@
 #include "tests/tool/tool_process.h"
 
 namespace {
-
-std::string Bytes(size_t n) {
-  std::mt19937 gen(11);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen());
-  return s;
-}
 
 class FtpReadCommandTest : public ::testing::Test {
  protected:
@@ -40,7 +32,7 @@ class FtpReadCommandTest : public ::testing::Test {
 };
 
 TEST_F(FtpReadCommandTest, DownloadsAndUploadsByteForByteSyncAndAsync) {
-  const std::string data = Bytes(3 * 1024 * 1024 + 99);
+  const std::string data = RandomBytes(3 * 1024 * 1024 + 99, 11);
   ASSERT_TRUE(WriteWholeFile(m_root.file("src.bin"), data));
   for (const std::vector<std::string>& async : std::vector<std::vector<std::string>>{{}, {"--async", "2M"}}) {
     SCOPED_TRACE(testing::PrintToString(async));
@@ -88,7 +80,7 @@ TEST_F(FtpReadCommandTest, FailuresSayWhatWithoutThePassword) {
 // follows.
 TEST(FtpFaultCommandTest, StalledOrRefusedTransfersSayWhatHappened) {
   TempDir root, dir;
-  const std::string data = Bytes(3 * 1024 * 1024);
+  const std::string data = RandomBytes(3 * 1024 * 1024, 11);
   ASSERT_TRUE(WriteWholeFile(root.file("src.bin"), data));
   ASSERT_TRUE(WriteWholeFile(dir.file("local.bin"), data));
   struct Case {

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,13 +15,6 @@
 #include "tests/tool/tool_process.h"
 
 namespace {
-
-std::string Bytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen());
-  return s;
-}
 
 class WebCommandTest : public ::testing::Test {
  protected:
@@ -66,7 +58,7 @@ TEST_F(WebCommandTest, WritesReadsAndCopiesObjectsByteForByte) {
   }
   EXPECT_EQ(3u << 20, Object("w.bin").size());
 
-  const std::string data = Bytes(11 * 1024 * 1024 + 5, 7);
+  const std::string data = RandomBytes(11 * 1024 * 1024 + 5, 7);
   ASSERT_TRUE(WriteWholeFile(m_dir.file("src.bin"), data));
   ASSERT_EQ(0, Run("read " + m_dir.file("src.bin") + " --to oss://qlt-bucket/dir/copy.bin")) << Err();
   EXPECT_TRUE(Object("dir/copy.bin") == data);
@@ -83,7 +75,7 @@ TEST_F(WebCommandTest, WritesReadsAndCopiesObjectsByteForByte) {
 // Every failure is named in words, leaves nothing on the store and prints no
 // success line.
 TEST_F(WebCommandTest, FailuresAreNamedInWords) {
-  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.bin"), Bytes(6 * 1024 * 1024, 8)));
+  ASSERT_TRUE(WriteWholeFile(m_dir.file("src.bin"), RandomBytes(6 * 1024 * 1024, 8)));
   const std::string refused = "http://127.0.0.1:" + std::to_string(UnusedLoopbackPort());
   const struct {
     const char* name;
