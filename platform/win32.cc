@@ -621,8 +621,16 @@ extern "C" BOOL QltIsTerminal(FILE* stream) { return stream != nullptr && ::_isa
 extern "C" char** QltUtf8Arguments(int* pArgc, char** argv) {
   return NoThrow<char**>(argv, [&]() -> char** {
     if (!pArgc) return argv;
+    // shell32 is loaded here, by the one program that asks, rather than
+    // imported: every host that loads the SDK would otherwise load it and
+    // what it pulls in at start-up. From the system folder only.
+    using SplitFn = LPWSTR*(WINAPI*)(LPCWSTR, int*);
+    HMODULE hShell = ::LoadLibraryExW(L"shell32.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    if (!hShell) return argv;
+    auto fnSplit = reinterpret_cast<SplitFn>(reinterpret_cast<void*>(::GetProcAddress(hShell, "CommandLineToArgvW")));
     int n = 0;
-    LPWSTR* wide = ::CommandLineToArgvW(::GetCommandLineW(), &n);
+    LPWSTR* wide = fnSplit ? fnSplit(::GetCommandLineW(), &n) : nullptr;
+    ::FreeLibrary(hShell);
     if (!wide) return argv;
     // Kept for the process's lifetime: main's argv lives that long too.
     static std::vector<std::string> s_args;
