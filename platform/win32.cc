@@ -91,6 +91,20 @@ BOOL FailWith(DWORD err) {
   return FALSE;
 }
 
+// The fault control's allocation point (and, for a thread start, its thread
+// rule) of a call that takes system resources: true, with
+// ERROR_NOT_ENOUGH_MEMORY as the last error, when a rule makes it run out.
+bool RunsOutOfMemory(bool bThreadStart = false) {
+  try {
+    faults::CheckAlloc();
+    if (bThreadStart) faults::CheckThreadStart();
+    return false;
+  } catch (...) {
+    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return true;
+  }
+}
+
 }  // namespace
 
 bool TranslatePath(LPCWSTR path, std::string* out) {
@@ -130,6 +144,7 @@ using qlt::plat::FileFault;
 using qlt::plat::Files;
 using qlt::plat::NoThrow;
 using qlt::plat::NoThrowVoid;
+using qlt::plat::RunsOutOfMemory;
 using qlt::plat::Translate;
 namespace faults = qlt::plat::faults;
 
@@ -407,13 +422,7 @@ UINT qlt::win::GetDriveTypeW(LPCWSTR root) {
 // ---- Threads and events ---------------------------------------------------------------
 HANDLE qlt::win::CreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stackSize, LPTHREAD_START_ROUTINE start, LPVOID param,
                               DWORD flags, LPDWORD pThreadId) {
-  try {
-    faults::CheckAlloc();
-    faults::CheckThreadStart();
-  } catch (...) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (RunsOutOfMemory(true)) return nullptr;
   DWORD err = ::GetLastError();
   HANDLE h = ::CreateThread(sa, stackSize, start, param, flags, pThreadId);
   if (!h) {
@@ -425,12 +434,7 @@ HANDLE qlt::win::CreateThread(LPSECURITY_ATTRIBUTES sa, SIZE_T stackSize, LPTHRE
 }
 
 HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES sa, BOOL bManualReset, BOOL bInitialState, LPCWSTR name) {
-  try {
-    faults::CheckAlloc();
-  } catch (...) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (RunsOutOfMemory()) return nullptr;
   return ::CreateEventW(sa, bManualReset, bInitialState, name);
 }
 
@@ -438,12 +442,7 @@ HANDLE qlt::win::CreateEventW(LPSECURITY_ATTRIBUTES sa, BOOL bManualReset, BOOL 
 // alone makes them run out, so that callers' handling of a failed wait is
 // tested on both.
 DWORD qlt::win::WaitForSingleObject(HANDLE h, DWORD milliseconds) {
-  try {
-    faults::CheckAlloc();
-  } catch (...) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return WAIT_FAILED;
-  }
+  if (RunsOutOfMemory()) return WAIT_FAILED;
   return ::WaitForSingleObject(h, milliseconds);
 }
 
@@ -452,12 +451,7 @@ DWORD qlt::win::WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL 
     ::SetLastError(ERROR_NOT_SUPPORTED);
     return WAIT_FAILED;
   }
-  try {
-    faults::CheckAlloc();
-  } catch (...) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return WAIT_FAILED;
-  }
+  if (RunsOutOfMemory()) return WAIT_FAILED;
   return ::WaitForMultipleObjects(count, handles, FALSE, milliseconds);
 }
 
@@ -467,12 +461,7 @@ LPVOID qlt::win::VirtualAlloc(LPVOID pAddress, SIZE_T nSize, DWORD dwAllocationT
     ::SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
-  try {
-    faults::CheckAlloc();
-  } catch (...) {
-    ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return nullptr;
-  }
+  if (RunsOutOfMemory()) return nullptr;
   LPVOID p = ::VirtualAlloc(nullptr, nSize, dwAllocationType, dwProtect);
   if (!p) ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   return p;

@@ -38,13 +38,13 @@ class CWorkerThread {
 
   // Clears the stop request and runs fnBody on a new thread at the given
   // priority level (THREAD_PRIORITY_*; a level the system refuses leaves the
-  // thread at normal priority, which changes only its share of the
-  // processor). Returns TRUE when the thread runs. Returns FALSE with the last error set, and nothing
-  // running, when a thread is still started (ERROR_BUSY: Join it first),
-  // fnBody is empty (ERROR_INVALID_PARAMETER), memory is short
+  // thread at normal priority, which changes only its share of the processor).
+  // Returns TRUE when the thread runs. Returns FALSE with the last error set,
+  // and nothing running, when a thread is still started (ERROR_BUSY: Join it
+  // first), fnBody is empty (ERROR_INVALID_PARAMETER), memory is short
   // (ERROR_NOT_ENOUGH_MEMORY) or the platform cannot create the event or the
-  // thread (its own error). Never throws. An exception leaving fnBody ends
-  // the thread quietly; it does not reach the owner. Owning thread only.
+  // thread (its own error). Never throws. An exception leaving fnBody ends the
+  // thread quietly; it does not reach the owner. Owning thread only.
   BOOL Start(std::function<void()> fnBody, int nPriority = THREAD_PRIORITY_NORMAL);
   // Raises the stop request: sets the flag, then the stop event. Any thread.
   void RequestStop();

@@ -22,7 +22,9 @@ RootState& State() {
 }
 
 // qltfsdk.ini where the SDK itself reads its settings.
-std::wstring SettingsFile() { return QltSettingsFile(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile))); }
+std::wstring SettingsFile() {
+  return QltSettingsFile(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile)));
+}
 
 std::wstring ReadConfiguredRoot() {
   std::wstring ini = SettingsFile();

@@ -23,7 +23,9 @@ std::string Trim(const std::string& text) {
 }
 
 // qltfsdk.ini where the SDK itself reads its settings.
-std::wstring SettingsFile() { return QltSettingsFile(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile))); }
+std::wstring SettingsFile() {
+  return QltSettingsFile(QltModuleFromAddress(reinterpret_cast<const void*>(&SettingsFile)));
+}
 
 std::string IniText(const std::wstring& ini, const wchar_t* key) {
   if (ini.empty()) return std::string();

@@ -12,16 +12,15 @@
 // Ctrl-Break, the only console event that can be sent to one process group)
 // does not end the process: the handler only raises a flag, and a watcher
 // thread then calls fnStop (which asks the running operation to stop) every
-// 50 ms until the object
-// is destroyed. Calling it again and again matters: the interrupt may come
-// before the operation has started, when a stop request has nothing to act
-// on yet; the next call catches it once it runs. fnStop must therefore be
-// harmless when nothing runs, and is called on the watcher thread only.
-// fnStop may wait until the operation has stopped; the watcher makes no
+// 50 ms until the object is destroyed. Calling it again and again matters: the
+// interrupt may come before the operation has started, when a stop request has
+// nothing to act on yet; the next call catches it once it runs. fnStop must
+// therefore be harmless when nothing runs, and is called on the watcher thread
+// only. fnStop may wait until the operation has stopped; the watcher makes no
 // further calls meanwhile, so the operation must never wait for the watcher
-// (its stop would then never come). A second interrupt that arrives before
-// the command ends exits the process at once with status 130, so a wait
-// that cannot be stopped still yields to Ctrl-C.
+// (its stop would then never come). A second interrupt that arrives before the
+// command ends exits the process at once with status 130, so a wait that cannot
+// be stopped still yields to Ctrl-C.
 //
 // One object at a time, created and destroyed on the command's thread; the
 // destructor joins the watcher and restores the previous handlers.

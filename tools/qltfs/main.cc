@@ -2,8 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <new>
-#include <string>
-#include <vector>
 
 #include "commands.h"
 #include "text.h"
@@ -17,15 +15,11 @@ int main(int argc, char** argv) {
   AddReadCommand(app);
   AddExistsCommand(app);
   try {
-    // Names reach the commands as UTF-8 on every system.
-    const std::vector<std::string> args = Utf8Arguments(argc, argv);
-    if (args.empty()) {
-      std::cerr << "qltfs: cannot read the command line\n";
-      return 2;
-    }
-    std::vector<const char*> pointers;
-    for (const std::string& arg : args) pointers.push_back(arg.c_str());
-    app.parse(static_cast<int>(pointers.size()), pointers.data());
+    // Names reach the commands as UTF-8 on every system: on Windows argv
+    // holds them in the ANSI code page and loses what it cannot show, so
+    // they are read again from the wide command line.
+    char** ppszArgs = QltUtf8Arguments(&argc, argv);
+    app.parse(argc, ppszArgs);
   } catch (const CLI::Success& e) {  // --help and friends
     return app.exit(e);
   } catch (const CLI::RuntimeError& e) {  // a command failed and has said why

@@ -18,11 +18,6 @@ std::filesystem::path NativePath(const std::string& strUtf8) { return std::files
 std::string NativeText(const std::filesystem::path& path) { return path.string(); }
 #endif
 
-std::vector<std::string> Utf8Arguments(int argc, char** argv) {
-  char** ppszArgs = QltUtf8Arguments(&argc, argv);
-  return ppszArgs ? std::vector<std::string>(ppszArgs, ppszArgs + argc) : std::vector<std::string>();
-}
-
 std::wstring LibraryPath(const std::string& strNative) {
   std::error_code ec;
   std::filesystem::path absolute = std::filesystem::absolute(NativePath(strNative), ec);

@@ -7,7 +7,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 // Native names and arguments (UTF-8, or any bytes) <-> wide text, through
 // the library's conversion: lossless for every byte string, independent of
@@ -21,11 +20,6 @@ std::string ToUtf8(const wchar_t* pszWide);
 std::filesystem::path NativePath(const std::string& strUtf8);
 // The reverse: a path as UTF-8 (Windows) or its bytes (elsewhere).
 std::string NativeText(const std::filesystem::path& path);
-
-// The program's arguments as UTF-8 (QltUtf8Arguments): on Windows from the
-// wide command line, as the narrow argv holds them in the ANSI code page and
-// loses what it cannot show; elsewhere, and should that fail, argv as it is.
-std::vector<std::string> Utf8Arguments(int argc, char** argv);
 
 // The library's spelling of a native path: made absolute against the
 // current directory, as wide text. The library takes '/' as a separator and
